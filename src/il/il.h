@@ -1,0 +1,177 @@
+// The IFF image library: one handle per open image file, attribute calls,
+// the header and its named fields.
+//
+// Every function that can fail returns 0 for success and a code otherwise
+// (or null, or -1 where its result is a pointer or a value), with the code in
+// flerrno. FLstrerror gives the text of any code.
+#pragma once
+
+#include <cstdint>
+
+#include "il/chunk/fl.h"
+#include "support/kelpexport.h"
+
+// Control word bits (ILimage::ictl). The low sixteen bits are the library's.
+enum : uint32_t {
+  ILC_HEADER = 0x1,           // header read or written: attributes are fixed
+  ILC_BITMAP = 0x2,           // the tile group is open
+  ILC_LINES = 0x4,            // line transfer in progress
+  ILC_DONE = 0x10,            // the pixels of this image are finished
+  ILC_PAGED = 0x20,           // the caller fixed the tile layout
+  ILC_WIDEN = 0x80,           // 1-byte file handed out as 2 bytes per channel
+  ILC_READ = 0x1000,          // opened for reading
+  ILC_TOPDOWN = 0x10000,      // lines go from the top (highest y) down
+  ILC_RAWCHANNELS = 0x40000,  // memory pixels hold only the channels present
+  ILC_DEEP = 0x100000,        // memory channels keep the file's bytes per channel
+  ILC_OWNALPHA = 0x200000,    // ILload treats the image as having alpha
+};
+
+// Image type bits (ILimage::type).
+enum : uint32_t {
+  ILT_COLOR = 1,
+  ILT_ALPHA = 2,
+  ILT_DEPTH = 4,
+  ILT_SPARE = 8,
+  ILT_BLACK = 16,
+};
+
+// The image library's own error codes.
+enum : int {
+  IL_ENOIMAGE = 100,    // no image form found; ILnext: no further image
+  IL_EPARSE = 101,      // no image form found, the chunk services reported an error
+  IL_EINFILTER = 102,   // the input filter failed
+  IL_EFIXED = 103,      // attributes are fixed once the header is read or written
+  IL_ENOHEADER = 104,   // end of the group before the header chunk
+  IL_EBADHEADER = 105,  // the header chunk could not be read
+  IL_ERANGE = 106,      // size out of range
+  IL_EDONE = 107,       // pixels already finished, or the tile group ended early
+  IL_ENOCODEC = 108,    // the compressor number has no function
+  IL_ENOBITMAP = 109,   // no tile group follows the header
+  IL_EOUTFILTER = 111,  // an output filter failed
+  IL_ENOFILTER = 112,   // zoom filter program not found
+};
+
+constexpr uint32_t IL_CIMG = FLmaketag("CIMG");
+constexpr uint32_t IL_TBMP = FLmaketag("TBMP");
+constexpr uint32_t IL_FVER = FLmaketag("FVER");
+constexpr uint32_t IL_TBHD = FLmaketag("TBHD");
+constexpr uint32_t IL_FLDS = FLmaketag("FLDS");
+constexpr uint32_t IL_AUTH = FLmaketag("AUTH");
+constexpr uint32_t IL_DATE = FLmaketag("DATE");
+constexpr uint32_t IL_RGBA = FLmaketag("RGBA");
+constexpr uint32_t IL_ZBUF = FLmaketag("ZBUF");
+constexpr uint32_t IL_DPI = FLmaketag("DPI ");
+
+// Parameters of the pack and unpack functions.
+struct ILpackinfo {
+  uint32_t width, height, bytes, bitmask, noalpha, channels, linewidth, reduce, size;
+  uint8_t** lookups;
+};
+using ILcodecfn = int (*)(void* dest, void* src, ILpackinfo* info);
+
+struct ILzoom;
+
+// The attribute block: the header's fields in machine order, `bytes` as the
+// true count of bytes per channel.
+struct ILheader {
+  uint32_t width;
+  uint32_t height;
+  uint16_t prnum;
+  uint16_t prden;
+  uint32_t type;
+  uint16_t bytes;
+  uint16_t pages;
+  uint32_t compress;
+  int32_t orgx;
+  int32_t orgy;
+};
+
+// The image handle: a file record of the chunk services extended with the
+// header, the pixel transfer state, the zoom and the fields.
+struct ILimage : FLfile, ILheader {
+  uint32_t version;
+  uint32_t ictl;
+  uint32_t twidth;
+  uint32_t theight;
+  uint32_t bitmask;
+  uint32_t channels;
+  uint32_t pwidth;
+  uint32_t lwidth;
+  float dpi;
+  uint8_t* line;
+  float* zline;
+  uint32_t waterline;
+  uint32_t startline;
+  FLlist tilelist;
+  uint32_t pbound;
+  uint32_t pheight;
+  uint8_t* color;
+  float* zbuffer;
+  uint32_t samples;
+  uint32_t zsamples;
+  uint8_t** lookups;
+  ILcodecfn compressor;
+  ILzoom* zoom;
+  FLlist fields;
+  uint64_t headerpos;
+};
+
+// A field in the handle's list: the node's type word is the tag.
+struct ILfield {
+  FLnode node;
+  uint32_t length;
+  uint8_t value[4];  // `length` bytes, the allocation rounded up to 4
+};
+
+// Library-wide control bits (ilconfig).
+enum : uint32_t {
+  ILCONF_NOOUTFILTER = 1,  // never pass a written file through an output filter
+  ILCONF_PIPEFILTER = 2,   // "pipe:" names get the output filter as well
+  ILCONF_COMPRESS = 4,     // new files get compression 1 even on streams
+  ILCONF_ZOOM = 8,         // read by the zoom option code
+};
+
+KELP_API extern uint32_t ilconfig;
+
+// Handle and lifecycle.
+KELP_API ILimage* ILopen(const char* name, const char* mode);
+KELP_API ILimage* ILreopen(const char* name, const char* mode, ILimage* image);
+KELP_API int ILclose(ILimage* image);
+KELP_API int ILnext(ILimage* image);
+KELP_API void ILinitio(ILimage* image);
+KELP_API void ILconfig(uint32_t bits, int on);
+KELP_API uint32_t ILctrl(ILimage* image, uint32_t bits, int on);
+KELP_API const char* ILinfilter(const char* text);
+KELP_API const char* ILoutfilter(const char* text);
+KELP_API FLpath* ILgetpath();
+
+// Header and attributes.
+KELP_API ILheader* ILgetheader(ILimage* image);
+KELP_API int ILputheader(ILimage* image);
+KELP_API int ILsetsize(ILimage* image, int32_t width, int32_t height);
+KELP_API int ILsetorigin(ILimage* image, int32_t x, int32_t y);
+KELP_API int ILsettype(ILimage* image, int32_t type);
+KELP_API int ILsetratio(ILimage* image, int32_t num, int32_t den);
+KELP_API int ILsetbpp(ILimage* image, int32_t bytes);
+KELP_API int ILsetcompress(ILimage* image, uint32_t number);
+KELP_API int ILsetpagesize(ILimage* image, int32_t width, int32_t height);
+KELP_API int ILsetpages(ILimage* image, uint16_t pages);
+KELP_API int ILsetlookups(ILimage* image, uint8_t** lookups);
+KELP_API int ILgetsize(ILimage* image, int32_t* width, int32_t* height);
+KELP_API int ILgetorigin(ILimage* image, int32_t* x, int32_t* y);
+KELP_API int ILgettype(ILimage* image);
+KELP_API int ILgetratio(ILimage* image, int32_t* num, int32_t* den);
+KELP_API int ILgetbpp(ILimage* image);
+KELP_API int ILgetcompress(ILimage* image);
+KELP_API int ILgetpages(ILimage* image);
+
+// Fields.
+KELP_API void ILinitfields(ILimage* image);
+KELP_API int ILsetfield(ILimage* image, uint32_t tag, uint32_t length, const void* value);
+KELP_API uint32_t ILgetfield(ILimage* image, uint32_t tag, const void** value);
+KELP_API int ILreadfields(ILimage* image);
+KELP_API int ILwritefields(ILimage* image);
+KELP_API int ILcopyfields(ILimage* to, ILimage* from);
+
+// "RGB with Alpha, ZBuffer" and the like, for a type.
+KELP_API const char* ILtypename(uint32_t type, char* buffer, size_t size);

@@ -1,0 +1,63 @@
+// Small helpers for the tests: a scratch directory and whole-file I/O.
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+namespace kelptest {
+
+class TempDir {
+ public:
+  TempDir() {
+    std::string tmpl = (std::filesystem::temp_directory_path() / "kelptest-XXXXXX").string();
+    fPath = mkdtemp(tmpl.data());
+  }
+  ~TempDir() {
+    std::error_code ec;
+    std::filesystem::remove_all(fPath, ec);
+  }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  std::string file(const std::string& name) const { return (fPath / name).string(); }
+  const std::filesystem::path& path() const { return fPath; }
+
+ private:
+  std::filesystem::path fPath;
+};
+
+inline std::vector<uint8_t> readBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+inline void writeBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
+  std::ofstream out(path, std::ios::binary);
+  out.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
+}
+
+inline uint32_t be32(const std::vector<uint8_t>& b, size_t at) {
+  return (uint32_t(b.at(at)) << 24) | (uint32_t(b.at(at + 1)) << 16) | (uint32_t(b.at(at + 2)) << 8) |
+         b.at(at + 3);
+}
+
+inline std::string text(const std::vector<uint8_t>& b, size_t at, size_t n) {
+  return std::string(b.begin() + long(at), b.begin() + long(at + n));
+}
+
+inline void putBytes(std::vector<uint8_t>& b, const void* p, size_t n) {
+  auto* c = static_cast<const uint8_t*>(p);
+  for (size_t i = 0; i < n; ++i) b.push_back(c[i]);
+}
+
+// Appends a big-endian word, or a four-character tag.
+inline void put32(std::vector<uint8_t>& b, uint32_t v) {
+  for (int s = 24; s >= 0; s -= 8) b.push_back(uint8_t(v >> s));
+}
+inline void putTag(std::vector<uint8_t>& b, const char* tag) { putBytes(b, tag, 4); }
+
+}  // namespace kelptest
