@@ -244,7 +244,8 @@ void FLsetform(FLfile* f, FLformfn callback) {
 // Reads forward to the first form the callback accepts. At the top of the
 // stream, data that is not a group says the stream is no chunked file (12),
 // and too few bytes for a header say the same (16); in both cases everything
-// read stays available to be read again.
+// read stays available to be read again. These two answers, like 31 and 47,
+// are signals rather than failures and leave flerrno alone.
 int FLparse(FLfile* f) {
   if (!f || stream(f).writing()) return FLfail(FL_EMODE);
   for (;;) {
@@ -257,7 +258,7 @@ int FLparse(FLfile* f) {
         // Not a group: give the chunk back as read-ahead and say so.
         g->cstate = 0;
         g->gflags |= FLG_AHEAD;
-        return FLfail(FL_ENOTIFF);
+        return FL_ENOTIFF;
       }
       FLendget(f);
       continue;
@@ -267,9 +268,12 @@ int FLparse(FLfile* f) {
         FLendrgroup(f);
         continue;
       }
-      return pos(f) == 0 ? FLfail(FL_ESHORT) : kEnd;
+      return pos(f) == 0 ? FL_ESHORT : kEnd;
     }
-    if (rc == FL_EEOF && atTop && pos(f) == 0) return FLfail(FL_ESHORT);
+    if (rc == FL_EEOF && atTop && pos(f) == 0) {
+      flerrno = 0;
+      return FL_ESHORT;
+    }
     if (rc != FL_GROUP) return rc;
     if (!(g->gflags & FLG_FORMAHEAD)) return FLfail(FL_EBADSIZE);
     FLformfn form = f->io->form;
