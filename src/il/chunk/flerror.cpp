@@ -4,6 +4,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+
+#include "il/chunk/flio.h"
 
 #include "il/chunk/fl.h"
 
@@ -13,6 +16,15 @@ int& FLerrnoRef() {
 }
 
 int FLerror() { return flerrno; }
+
+namespace {
+thread_local int tSysErrno = 0;
+}
+
+int FLsysfail() {
+  tSysErrno = errno;
+  return FL_ESYS;
+}
 
 int FLoserror() {
   int e = errno;
@@ -91,6 +103,11 @@ constexpr Message kMessages[] = {
 }  // namespace
 
 const char* FLstrerror(int code) {
+  if (code == FL_ESYS && tSysErrno) {
+    thread_local char text[160];
+    std::snprintf(text, sizeof text, "System call failed: %s", std::strerror(tSysErrno));
+    return text;
+  }
   for (const Message& m : kMessages)
     if (m.code == code) return m.text;
   thread_local char unknown[40];

@@ -63,14 +63,14 @@ void FLstream::adopt(int fd, bool write) {
 int FLstream::openFile(const std::string& path, bool write) {
   int fd = write ? ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)
                  : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return FL_ESYS;
+  if (fd < 0) return FLsysfail();
   adopt(fd, write);
   return 0;
 }
 
 int FLstream::openStdio(bool write) {
   int fd = fcntl(write ? 1 : 0, F_DUPFD_CLOEXEC, 3);
-  if (fd < 0) return FL_ESYS;
+  if (fd < 0) return FLsysfail();
   adopt(fd, write);
   return 0;
 }

@@ -103,3 +103,5 @@ FLpath* FLcurrentpath();
 // Helpers shared by the file and group code.
 inline FLio* FLioOf(FLfile* f) { return f ? f->io : nullptr; }
 int FLfail(int code);  // sets flerrno, returns the code
+// Notes errno as the detail of the next FL_ESYS text, and returns FL_ESYS.
+int FLsysfail();

@@ -1,0 +1,35 @@
+#!/bin/sh
+# kimg writes a header, reads it back, walks its chunks, and fails cleanly.
+set -eu
+kimg="$1"
+samples="$2"
+dir=$(mktemp -d)
+trap 'rm -rf "$dir"' EXIT
+
+"$kimg" create "$dir/a.iff" --size 100x50 --type rgbz --bytes 2 --compression qrl --dpi 200 \
+  --origin 3,-4 --ratio 2:3 --field NOTE=hi --images 2
+"$kimg" info "$dir/a.iff" > "$dir/info.txt"
+grep -q "size         100 x 50" "$dir/info.txt"
+grep -q "type         RGB without Alpha, ZBuffer (5)" "$dir/info.txt"
+grep -q "channel      2 bytes" "$dir/info.txt"
+grep -q "compression  QRL (2)" "$dir/info.txt"
+grep -q "tiles        2" "$dir/info.txt"
+grep -q "origin       3, -4" "$dir/info.txt"
+grep -q "pixel ratio  2:3" "$dir/info.txt"
+grep -q "dpi          200" "$dir/info.txt"
+grep -q 'field NOTE   "hi"' "$dir/info.txt"
+grep -q "(image 2)" "$dir/info.txt"
+
+"$kimg" chunks "$dir/a.iff" > "$dir/chunks.txt"
+grep -q "^         0  FOR4 CIMG" "$dir/chunks.txt"
+grep -q "^        24    TBHD  size 32" "$dir/chunks.txt"
+
+"$kimg" info "$samples"/*.iff > /dev/null
+
+# Failures name the file and the reason, and exit non-zero.
+if "$kimg" info "$dir/missing.iff" 2> "$dir/err.txt"; then exit 1; fi
+grep -q "kimg: $dir/missing.iff: System call failed: No such file or directory" "$dir/err.txt"
+printf 'FOR4\000\000\000\004Kelp' > "$dir/scene.iff"
+if "$kimg" info "$dir/scene.iff" 2> "$dir/err.txt"; then exit 1; fi
+grep -q "No image found" "$dir/err.txt"
+echo "kimg: all checks passed"
