@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <cstring>
+#include <thread>
 
 #include "il/il.h"
 #include "testutil.h"
@@ -299,5 +300,62 @@ TEST(ILopen, DamagedHeadersGiveCodes) {
     auto t = bytes;
     t.resize(n);
     tryHeader(t);
+  }
+}
+
+TEST(ILopen, TwoThreadsReadTwoFilesWithTheirOwnCodes) {
+  TempDir dir;
+  std::string good = dir.file("good.iff");
+  writeHeaderOnly(good, 123, 4);
+  std::vector<uint8_t> b;
+  putTag(b, "FOR4");
+  put32(b, 4);
+  putTag(b, "CIMG");
+  writeBytes(dir.file("empty.iff"), b);
+  auto reader = [&](const std::string& name, int wantWidth, int wantCode, bool* ok) {
+    for (int i = 0; i < 200; ++i) {
+      ILimage* im = ILopen(name.c_str(), "r");
+      if (!im) {
+        *ok = false;
+        return;
+      }
+      int32_t w = -1;
+      int rc = ILgetsize(im, &w, nullptr);
+      if (rc != wantCode || flerrno != wantCode || (rc == 0 && w != wantWidth)) *ok = false;
+      ILclose(im);
+    }
+  };
+  bool okGood = true, okEmpty = true;
+  std::thread a(reader, good, 123, 0, &okGood);
+  std::thread c(reader, dir.file("empty.iff"), 0, IL_ENOHEADER, &okEmpty);
+  a.join();
+  c.join();
+  EXPECT_TRUE(okGood);
+  EXPECT_TRUE(okEmpty);
+}
+
+TEST(ILopen, DamagedBytesNeverCrash) {
+  TempDir dir;
+  std::string good = dir.file("good.iff");
+  ILimage* im = ILopen(good.c_str(), "w");
+  ILsetfield(im, FLmaketag("A\0\0\x14"), 6, "123456");
+  ILsetfield(im, FLmaketag("B\0\0\x18"), 16, "0123456789abcdef");
+  ILputheader(im);
+  ILclose(im);
+  auto bytes = readBytes(good);
+  uint32_t seed = 12345;
+  auto next = [&] { return seed = seed * 1103515245u + 12345u; };
+  for (int round = 0; round < 3000; ++round) {
+    auto t = bytes;
+    for (int k = 0; k < 1 + round % 4; ++k) t[(next() >> 8) % t.size()] = uint8_t(next() >> 16);
+    writeBytes(dir.file("bad.iff"), t);
+    setenv("PATH", "/nonexistent", 1);  // no converter: damaged files stay unreadable
+    ILimage* r = ILopen(dir.file("bad.iff").c_str(), "r");
+    if (r) {
+      ILgetheader(r);
+      ILgetfield(r, FLmaketag("B\0\0\x18"), nullptr);
+      ILnext(r);
+      ILclose(r);
+    }
   }
 }

@@ -301,7 +301,12 @@ int FLparse(FLfile* f) {
 }
 
 // ---------------------------------------------------------------------------
-// Writing.
+// Writing. A group's size word is written as 0 and patched when the group
+// ends. On a seekable file the patch goes to the file; on a pipe or through a
+// filter, where nothing can be patched once sent, the stream is held while
+// any group is open: the whole top-level group stays in memory and goes out
+// with its sizes right when it closes. Output through a pipe is therefore
+// byte for byte the output to a file, at the cost of one image in memory.
 
 int FLbgnwgroup(FLfile* f, uint32_t grouptag, uint32_t formtype) {
   if (!writable(f)) return FLfail(FL_EMODE);
