@@ -173,5 +173,47 @@ KELP_API int ILreadfields(ILimage* image);
 KELP_API int ILwritefields(ILimage* image);
 KELP_API int ILcopyfields(ILimage* to, ILimage* from);
 
+// Pixel codecs. Pack functions return the bytes written (never 0); unpack
+// functions return the bytes produced, or 0 with flerrno 23 on damaged data.
+KELP_API int ILpack(void* dest, void* src, ILpackinfo* info);
+KELP_API int ILpackrle(void* dest, void* src, ILpackinfo* info);
+KELP_API int ILpackqrl(void* dest, void* src, ILpackinfo* info);
+KELP_API int ILpackqr4(void* dest, void* src, ILpackinfo* info);
+KELP_API int ILunpack(void* dest, void* src, ILpackinfo* info);
+KELP_API int ILunpackrle(void* dest, void* src, ILpackinfo* info);
+KELP_API int ILunpackqrl(void* dest, void* src, ILpackinfo* info);
+KELP_API int ILunpackqr4(void* dest, void* src, ILpackinfo* info);
+KELP_API void ConvertABGRtoBGRA(void* buffer, ILpackinfo* info);
+KELP_API void ConvertBGRAtoABGR(void* buffer, ILpackinfo* info);
+
+// The compressor table: numbers 0 to 3 are built in, 32 to 63 free for
+// ILaddcompressor; numbers are cut to 16 bits and above 63 find nothing.
+constexpr int IL_COMPNAMELEN = 32;  // room a caller gives ILfindcompressor for the name
+KELP_API void ILaddcompressor(uint32_t number, const char* name, ILcodecfn pack, ILcodecfn unpack);
+KELP_API void ILfindcompressor(uint32_t number, char* name, ILcodecfn* pack, ILcodecfn* unpack);
+
+// Reading pixels. Lines come from y 0 (the bottom) up, or with ILC_TOPDOWN
+// from the top down; either pointer may be null when that data is not wanted.
+KELP_API int ILgetline(ILimage* image, uint8_t** line, float** zline);
+KELP_API int ILreadline(ILimage* image, void* color, float* z);
+KELP_API int ILload(ILimage* image, void* color, float* z);
+KELP_API int ILloadbm(ILimage* image, void* color, float* z);
+KELP_API int ILcload(ILimage* image, uint32_t* buffer, int32_t bufferWidth, int32_t bufferHeight, int32_t x,
+                     int32_t y, float scale, float fade, int smooth);
+// Completes what a file did not carry: grey into three channels, full alpha,
+// black. `mask` holds the image type bits.
+KELP_API void ILfill(void* raster, int32_t w, int32_t h, int32_t bytes, int32_t stride, uint32_t mask);
+
+// Writing pixels, by tiles or by lines.
+KELP_API int ILwritetile(ILimage* image, void* color, float* z, const int32_t rect[4], int32_t stride);
+KELP_API int ILendtile(ILimage* image);
+KELP_API uint8_t* ILbgnline(ILimage* image, float** zline);
+KELP_API int ILendline(ILimage* image);
+KELP_API int ILwriteline(ILimage* image, const void* color, const float* z);
+KELP_API int ILsave(ILimage* image, const void* color, const float* z, int32_t stride);
+
+// The identity lookup table.
+KELP_API extern const uint8_t ildeflut[256];
+
 // "RGB with Alpha, ZBuffer" and the like, for a type.
 KELP_API const char* ILtypename(uint32_t type, char* buffer, size_t size);
