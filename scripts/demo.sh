@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Sets up and builds kelp-image, then runs kimg on the bundled sample
-# pictures and on one it writes itself.
+# pictures and on pictures it makes itself.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -11,6 +11,9 @@ out=build/default/demo
 mkdir -p "$out"
 
 set -x
-"$kimg" create "$out/header.iff" --size 1920x1080 --type rgbaz --bytes 2 --dpi 300 --field NOTE="made by kimg"
-"$kimg" info samples/*.iff "$out/header.iff"
-"$kimg" chunks "$out/header.iff"
+"$kimg" info --stats samples/*.iff
+"$kimg" pattern "$out/pattern.iff" --size 1920x1080 --alpha --depth --bytes 2
+"$kimg" convert "$out/pattern.iff" "$out/topdown.iff" --topdown --tile 256x32
+"$kimg" info --stats "$out/topdown.iff"
+"$kimg" chunks "$out/topdown.iff" > "$out/chunks.txt"
+head -n 12 "$out/chunks.txt"

@@ -12,28 +12,24 @@
 #include "support/kelpexport.h"
 
 // Control word bits (ILimage::ictl). The low sixteen bits are the library's.
-enum : uint32_t {
-  ILC_HEADER = 0x1,           // header read or written: attributes are fixed
-  ILC_BITMAP = 0x2,           // the tile group is open
-  ILC_LINES = 0x4,            // line transfer in progress
-  ILC_DONE = 0x10,            // the pixels of this image are finished
-  ILC_PAGED = 0x20,           // the caller fixed the tile layout
-  ILC_WIDEN = 0x80,           // 1-byte file handed out as 2 bytes per channel
-  ILC_READ = 0x1000,          // opened for reading
-  ILC_TOPDOWN = 0x10000,      // lines go from the top (highest y) down
-  ILC_RAWCHANNELS = 0x40000,  // memory pixels hold only the channels present
-  ILC_DEEP = 0x100000,        // memory channels keep the file's bytes per channel
-  ILC_OWNALPHA = 0x200000,    // ILload treats the image as having alpha
-};
+constexpr uint32_t ILC_HEADER = 0x1;           // header read or written: attributes are fixed
+constexpr uint32_t ILC_BITMAP = 0x2;           // the tile group is open
+constexpr uint32_t ILC_LINES = 0x4;            // line transfer in progress
+constexpr uint32_t ILC_DONE = 0x10;            // the pixels of this image are finished
+constexpr uint32_t ILC_PAGED = 0x20;           // the caller fixed the tile layout
+constexpr uint32_t ILC_WIDEN = 0x80;           // 1-byte file handed out as 2 bytes per channel
+constexpr uint32_t ILC_READ = 0x1000;          // opened for reading
+constexpr uint32_t ILC_TOPDOWN = 0x10000;      // lines go from the top (highest y) down
+constexpr uint32_t ILC_RAWCHANNELS = 0x40000;  // memory pixels hold only the channels present
+constexpr uint32_t ILC_DEEP = 0x100000;        // memory channels keep the file's bytes per channel
+constexpr uint32_t ILC_OWNALPHA = 0x200000;    // ILload treats the image as having alpha
 
 // Image type bits (ILimage::type).
-enum : uint32_t {
-  ILT_COLOR = 1,
-  ILT_ALPHA = 2,
-  ILT_DEPTH = 4,
-  ILT_SPARE = 8,
-  ILT_BLACK = 16,
-};
+constexpr uint32_t ILT_COLOR = 1;
+constexpr uint32_t ILT_ALPHA = 2;
+constexpr uint32_t ILT_DEPTH = 4;
+constexpr uint32_t ILT_SPARE = 8;
+constexpr uint32_t ILT_BLACK = 16;
 
 // The image library's own error codes.
 enum : int {
@@ -124,12 +120,10 @@ struct ILfield {
 };
 
 // Library-wide control bits (ilconfig).
-enum : uint32_t {
-  ILCONF_NOOUTFILTER = 1,  // never pass a written file through an output filter
-  ILCONF_PIPEFILTER = 2,   // "pipe:" names get the output filter as well
-  ILCONF_COMPRESS = 4,     // new files get compression 1 even on streams
-  ILCONF_ZOOM = 8,         // read by the zoom option code
-};
+constexpr uint32_t ILCONF_NOOUTFILTER = 1;  // never pass a written file through an output filter
+constexpr uint32_t ILCONF_PIPEFILTER = 2;   // "pipe:" names get the output filter as well
+constexpr uint32_t ILCONF_COMPRESS = 4;     // new files get compression 1 even on streams
+constexpr uint32_t ILCONF_ZOOM = 8;         // read by the zoom option code
 
 KELP_API extern uint32_t ilconfig;
 

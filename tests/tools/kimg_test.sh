@@ -24,7 +24,17 @@ grep -q "(image 2)" "$dir/info.txt"
 grep -q "^         0  FOR4 CIMG" "$dir/chunks.txt"
 grep -q "^        24    TBHD  size 32" "$dir/chunks.txt"
 
-"$kimg" info "$samples"/*.iff > /dev/null
+"$kimg" info --stats "$samples"/*.iff > /dev/null
+
+# A picture made, converted through the line reader and writer, and read back.
+"$kimg" pattern "$dir/p.iff" --size 200x150 --alpha --depth --bytes 2
+"$kimg" convert "$dir/p.iff" "$dir/q.iff" --topdown --tile 48x40 --compression none
+"$kimg" info --stats "$dir/p.iff" | grep -v "^$dir" | grep -v compression | grep -v tiles > "$dir/p.txt"
+"$kimg" info --stats "$dir/q.iff" | grep -v "^$dir" | grep -v compression | grep -v tiles > "$dir/q.txt"
+cmp "$dir/p.txt" "$dir/q.txt"
+"$kimg" info "$dir/q.iff" | grep -q "tiles        20"
+if "$kimg" convert "$dir/missing.iff" "$dir/x.iff" 2> "$dir/err.txt"; then exit 1; fi
+grep -q "missing.iff" "$dir/err.txt"
 
 # Failures name the file and the reason, and exit non-zero.
 if "$kimg" info "$dir/missing.iff" 2> "$dir/err.txt"; then exit 1; fi

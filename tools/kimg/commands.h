@@ -19,8 +19,26 @@ struct CreateOptions {
   int images = 1;
 };
 
-int info(const std::vector<std::string>& files);
+struct PatternOptions {
+  std::string out;
+  std::string size = "640x480";
+  bool alpha = false;
+  bool depth = false;
+  int bytes = 1;
+  std::string compression = "rle";
+};
+
+struct ConvertOptions {
+  std::string in, out;
+  std::string compression;  // empty: as the input
+  bool topdown = false;
+  std::string tile;  // WxH, empty: the default layout
+};
+
+int info(const std::vector<std::string>& files, bool stats);
 int chunks(const std::string& file);
 int create(const CreateOptions& options);
+int pattern(const PatternOptions& options);
+int convert(const ConvertOptions& options);
 
 }  // namespace kimg

@@ -49,23 +49,19 @@ enum : int {
 };
 
 // File record flags (FLfile::flags).
-enum : uint32_t {
-  FL_READ = 0x1,
-  FL_WRITE = 0x2,
-  FL_PIPE = 0x10,        // opened as "pipe:command"
-  FL_NOSEEK = 0x20,      // the descriptor cannot seek (fifo, terminal, socket)
-  FL_STDIO = 0x80,       // standard input or output ("-")
-  FL_FILTERED = 0x100,   // passes through a filter command (FLfilter)
-  FL_STREAMED = 0x400,   // data reaches the record through a stream of our own
-  FL_PACKPIPE = 0x2000,  // a pipe for which the caller asked compression ("wc")
-};
+constexpr uint32_t FL_READ = 0x1;
+constexpr uint32_t FL_WRITE = 0x2;
+constexpr uint32_t FL_PIPE = 0x10;        // opened as "pipe:command"
+constexpr uint32_t FL_NOSEEK = 0x20;      // the descriptor cannot seek (fifo, terminal, socket)
+constexpr uint32_t FL_STDIO = 0x80;       // standard input or output ("-")
+constexpr uint32_t FL_FILTERED = 0x100;   // passes through a filter command (FLfilter)
+constexpr uint32_t FL_STREAMED = 0x400;   // data reaches the record through a stream of our own
+constexpr uint32_t FL_PACKPIPE = 0x2000;  // a pipe for which the caller asked compression ("wc")
 
 // Group record flags (FLgroup::gflags) that callers look at.
-enum : uint32_t {
-  FLG_AHEAD = 0x40000000,     // tag and size of the next item have been read ahead
-  FLG_FORMAHEAD = 0x1000000,  // its form type has been read ahead too
-  FLG_ACCEPTED = 0x100000,    // the parse stands inside a form the callback accepted
-};
+constexpr uint32_t FLG_AHEAD = 0x40000000;     // tag and size of the next item have been read ahead
+constexpr uint32_t FLG_FORMAHEAD = 0x1000000;  // its form type has been read ahead too
+constexpr uint32_t FLG_ACCEPTED = 0x100000;    // the parse stands inside a form the callback accepted
 
 struct FLmkey;
 struct FLio;
