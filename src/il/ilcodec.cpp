@@ -10,14 +10,6 @@
 
 using namespace ilcodec;
 
-namespace {
-constexpr std::array<uint8_t, 256> identity() {
-  std::array<uint8_t, 256> t{};
-  for (int i = 0; i < 256; ++i) t[size_t(i)] = uint8_t(i);
-  return t;
-}
-}  // namespace
-
 #define L(i) uint8_t(i)
 #define R16(i) L(i), L(i + 1), L(i + 2), L(i + 3), L(i + 4), L(i + 5), L(i + 6), L(i + 7), \
     L(i + 8), L(i + 9), L(i + 10), L(i + 11), L(i + 12), L(i + 13), L(i + 14), L(i + 15)

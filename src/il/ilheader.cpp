@@ -88,6 +88,10 @@ bool readHeader(ILimage* image) {
     return false;
   }
   decodeHeader(image, b);
+  if (image->bytes != 1 && image->bytes != 2 && image->bytes != 4) {
+    ILfail(FL_EFIT);  // no such channel size: the header is damaged
+    return false;
+  }
   image->ictl |= ILC_HEADER;
   if (FLendget(image) != 0) return false;
   if (ILreadfields(image) != 0) return false;

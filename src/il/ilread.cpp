@@ -335,7 +335,7 @@ int ILreadline(ILimage* im, void* color, float* z) {
     auto* out = static_cast<uint8_t*>(color);
     if (im->ictl & ILC_WIDEN) {
       if (l) {
-        for (uint32_t i = 0; i < im->width * 4; ++i) out[2 * i] = out[2 * i + 1] = l[i];
+        for (uint32_t i = 0; i < im->lwidth; ++i) out[2 * i] = out[2 * i + 1] = l[i];
       } else {
         std::memset(out, 0, size_t(im->lwidth) * 2);
       }
@@ -416,7 +416,8 @@ int ILload(ILimage* im, void* color, float* z) {
     return 0;
   }
   size_t step = size_t(w) * ((im->ictl & ILC_RAWCHANNELS) ? im->channels : 4);
-  if (im->ictl & (ILC_DEEP | ILC_WIDEN)) step *= 2;
+  if (im->ictl & ILC_DEEP) step *= im->bytes;
+  if (im->ictl & ILC_WIDEN) step *= 2;
   for (int32_t y = 0; y < h; ++y) {
     void* row = color ? static_cast<uint8_t*>(color) + step * size_t(y) : nullptr;
     float* zrow = z ? z + size_t(w) * size_t(y) : nullptr;

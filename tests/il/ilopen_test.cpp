@@ -274,6 +274,10 @@ TEST(ILopen, DamagedHeadersGiveCodes) {
   auto small = bytes;
   small[31] = 20;
   EXPECT_EQ(tryHeader(small), FL_EFIT);
+  // A channel size that does not exist.
+  auto huge = bytes;
+  huge[32 + 16] = 9;
+  EXPECT_EQ(tryHeader(huge), FL_EFIT);
   // No header chunk at all before the group ends.
   std::vector<uint8_t> empty;
   putTag(empty, "FOR4");

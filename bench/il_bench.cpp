@@ -1,0 +1,163 @@
+// Speed of the pixel codecs and of whole-image writing and reading.
+// Throughput is counted in bytes of decoded pixels (4 bytes a pixel for
+// colour, plus 4 for depth).
+#include <benchmark/benchmark.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "il/il.h"
+
+namespace {
+
+// A render-like RGBA picture: smooth gradients, flat shapes, soft edges.
+std::vector<uint8_t> renderLike(int w, int h, int x0 = 0, int y0 = 0) {
+  std::vector<uint8_t> p(size_t(w) * h * 4);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      double u = (x + x0) / 4096.0, v = (y + y0) / 4096.0;
+      double dx = u - 0.4, dy = v - 0.5;
+      bool disc = dx * dx + dy * dy < 0.05;
+      uint8_t* px = &p[(size_t(y) * w + x) * 4];
+      px[0] = disc ? 30 : uint8_t(255 * (1 - u));
+      px[1] = disc ? 140 : uint8_t(255 * v);
+      px[2] = disc ? 255 : uint8_t(255 * u);
+      px[3] = (u > 0.8) ? uint8_t(255 * (1 - (u - 0.8) * 5)) : 255;
+    }
+  return p;
+}
+
+std::vector<float> depthLike(int w, int h) {
+  std::vector<float> z(size_t(w) * h);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) z[size_t(y) * w + x] = -1.0f / (1.0f + 0.002f * float(x) + 0.001f * float(y));
+  return z;
+}
+
+ILcodecfn packer(int n) {
+  ILcodecfn f = nullptr;
+  ILfindcompressor(uint32_t(n), nullptr, &f, nullptr);
+  return f;
+}
+ILcodecfn unpacker(int n) {
+  ILcodecfn f = nullptr;
+  ILfindcompressor(uint32_t(n), nullptr, nullptr, &f);
+  return f;
+}
+
+ILpackinfo tileInfo(int bytes) {
+  ILpackinfo i{};
+  i.width = 64;
+  i.height = 64;
+  i.bytes = uint32_t(bytes);
+  i.bitmask = 15;
+  i.channels = 4;
+  i.linewidth = 64;
+  return i;
+}
+
+// Tiles from across the picture, so that flat and busy ones both count.
+std::vector<std::vector<uint8_t>> tiles() {
+  std::vector<std::vector<uint8_t>> t;
+  for (int ty = 0; ty < 4096; ty += 512)
+    for (int tx = 0; tx < 4096; tx += 512) t.push_back(renderLike(64, 64, tx, ty));
+  return t;
+}
+
+void BM_Pack(benchmark::State& state) {
+  auto src = tiles();
+  ILcodecfn pack = packer(int(state.range(0)));
+  std::vector<uint8_t> out(64 * 64 * 4);
+  size_t i = 0;
+  for (auto _ : state) {
+    ILpackinfo info = tileInfo(1);
+    auto& tile = src[i++ % src.size()];
+    benchmark::DoNotOptimize(pack(out.data(), tile.data(), &info));
+  }
+  state.SetBytesProcessed(int64_t(state.iterations()) * 64 * 64 * 4);
+}
+
+void BM_Unpack(benchmark::State& state) {
+  auto src = tiles();
+  int n = int(state.range(0));
+  std::vector<std::vector<uint8_t>> packed;
+  std::vector<uint32_t> sizes;
+  for (auto& t : src) {
+    std::vector<uint8_t> out(64 * 64 * 4);
+    ILpackinfo info = tileInfo(1);
+    auto copy = t;
+    sizes.push_back(uint32_t(packer(n)(out.data(), copy.data(), &info)));
+    packed.push_back(out);
+  }
+  ILcodecfn unpack = unpacker(n);
+  std::vector<uint8_t> dest(64 * 64 * 4);
+  size_t i = 0;
+  for (auto _ : state) {
+    size_t k = i++ % packed.size();
+    ILpackinfo info = tileInfo(1);
+    info.size = sizes[k];
+    benchmark::DoNotOptimize(unpack(dest.data(), packed[k].data(), &info));
+  }
+  state.SetBytesProcessed(int64_t(state.iterations()) * 64 * 64 * 4);
+}
+
+void BM_UnpackDepth(benchmark::State& state) {
+  auto z = depthLike(64, 64);
+  std::vector<uint8_t> out(64 * 64 * 4);
+  ILpackinfo info{64, 64, 4, 1, 0, 1, 64, 0, 0, nullptr};
+  info.size = uint32_t(ILpackrle(out.data(), z.data(), &info));
+  std::vector<float> dest(64 * 64);
+  for (auto _ : state) benchmark::DoNotOptimize(ILunpackrle(dest.data(), out.data(), &info));
+  state.SetBytesProcessed(int64_t(state.iterations()) * 64 * 64 * 4);
+}
+
+struct BigImage {
+  int w = 4096, h = 4096;
+  std::vector<uint8_t> color = renderLike(w, h);
+  std::vector<float> z = depthLike(w, h);
+  std::string name = "/tmp/kelp_bench_" + std::to_string(getpid()) + ".iff";
+  ~BigImage() { std::remove(name.c_str()); }
+  void write(uint32_t compress) {
+    ILimage* im = ILopen(name.c_str(), "w");
+    ILsetsize(im, w, h);
+    ILsettype(im, 7);
+    ILsetcompress(im, compress);
+    ILsave(im, color.data(), z.data(), 0);
+    ILclose(im);
+  }
+};
+BigImage& big() {
+  static BigImage b;
+  return b;
+}
+
+void BM_WriteImage(benchmark::State& state) {
+  for (auto _ : state) big().write(uint32_t(state.range(0)));
+  state.SetBytesProcessed(int64_t(state.iterations()) * 4096 * 4096 * 8);
+}
+
+void BM_ReadImage(benchmark::State& state) {
+  big().write(uint32_t(state.range(0)));
+  std::vector<uint8_t> color(size_t(4096) * 4096 * 4);
+  std::vector<float> z(size_t(4096) * 4096);
+  for (auto _ : state) {
+    ILimage* im = ILopen(big().name.c_str(), "r");
+    if (state.range(1)) ILctrl(im, ILC_TOPDOWN, 1);  // by lines instead of tiles straight into place
+    benchmark::DoNotOptimize(ILload(im, color.data(), z.data()));
+    ILclose(im);
+  }
+  state.SetBytesProcessed(int64_t(state.iterations()) * 4096 * 4096 * 8);
+}
+
+}  // namespace
+
+BENCHMARK(BM_Pack)->DenseRange(0, 3)->ArgName("compressor");
+BENCHMARK(BM_Unpack)->DenseRange(0, 3)->ArgName("compressor");
+BENCHMARK(BM_UnpackDepth);
+BENCHMARK(BM_WriteImage)->Arg(0)->Arg(1)->Arg(3)->ArgName("compressor")->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ReadImage)->Args({0, 0})->Args({1, 0})->Args({1, 1})->Args({3, 0})->ArgNames({"compressor", "bylines"})
+    ->Unit(benchmark::kMillisecond);
