@@ -167,6 +167,54 @@ KELP_API int ILreadfields(ILimage* image);
 KELP_API int ILwritefields(ILimage* image);
 KELP_API int ILcopyfields(ILimage* to, ILimage* from);
 
+// Zoom: resampling a stream of lines to another size, one line at a time.
+// A line callback hands out one source line (either pointer may be null)
+// and returns 0 or a code; ILgetzoom has this form, so records can chain.
+using ILlinefn = int (*)(void* arg, uint8_t** color, float** depth);
+KELP_API ILzoom* ILnewzoom(const char* filter);
+KELP_API void ILdelzoom(ILzoom* zoom);
+KELP_API void ILsetzoomblur(ILzoom* zoom, float x, float y);
+KELP_API void ILsetzoomoffset(ILzoom* zoom, float x, float y);
+KELP_API void ILsetzoommargin(ILzoom* zoom, float xlow, float ylow, float xhigh, float yhigh);
+// Mode bit 0: source lines of 8 bytes a pixel (else 4); bit 1: result lines
+// of 8 bytes a pixel. Returns 0, 1 when nothing needs doing, or 106.
+KELP_API int ILbindzoom(ILzoom* zoom, void* arg, ILlinefn callback, int mode, int32_t resultWidth,
+                        int32_t resultHeight, int32_t sourceWidth, int32_t sourceHeight);
+KELP_API int ILreadzoom(ILzoom* zoom, void* color, float* depth);
+KELP_API int ILgetzoom(void* zoom, uint8_t** color, float** depth);
+KELP_API const char* ILdefaultzoom(const char* filter);
+KELP_API int ILsetzoom(ILimage* image, const char* filter, int32_t width, int32_t height, float blurX, float blurY,
+                       float offsetX, float offsetY);
+// The result size of a bound record.
+KELP_API void ILzoomsize(const ILzoom* zoom, int32_t* width, int32_t* height);
+// What a bound record does, for diagnostics: the list name of its active
+// filter on an axis (0 x, 1 y; null for nearest-neighbour), and the taps of
+// result sample `index` on an axis: their count, the first source sample,
+// and up to `max` weights (none for a single tap).
+KELP_API const char* ILzoomfilter(const ILzoom* zoom, int axis);
+KELP_API int ILzoomtaps(const ILzoom* zoom, int axis, int32_t index, int32_t* first, int32_t* weights, int32_t max);
+
+// Image tools. ILqblur blurs a raster of 4-byte pixels by `blur` percent of
+// its size, through a reduce and an expand with "gauss" records.
+KELP_API int ILqblur(void* out, const void* in, int32_t width, int32_t height, float blur);
+// Complex transforms of n values held as float pairs: ILqft is the quick
+// recursive form (twiddles of the first table entry above n = 4); the
+// 1x forms pad to a power of two (`out` holds that many) and do not scale.
+KELP_API void ILqft(float* out, const float* in, int32_t n);
+KELP_API int ILdfft1x(float* out, const float* in, int32_t n);
+KELP_API int ILifft1x(float* out, const float* in, int32_t n);
+// Real transforms of n floats in packed form, padded to a power of two.
+KELP_API int ILdfft1f(float* out, const float* in, int32_t n);
+KELP_API int ILifft1f(float* out, const float* in, int32_t n);
+
+// A range of frame numbers.
+struct ILframerange {
+  float first, last, step;
+};
+// The frames of a numbered series "stem.[first,last,step]" that exist along
+// the image path; their count, 0 for a plain file, -1 for none.
+KELP_API int ILrange(const char* name, ILframerange* range, char* dirOut, size_t dirSize, float* framesOut);
+
 // Pixel codecs. Pack functions return the bytes written (never 0); unpack
 // functions return the bytes produced, or 0 with flerrno 23 on damaged data.
 KELP_API int ILpack(void* dest, void* src, ILpackinfo* info);

@@ -63,10 +63,20 @@ int ILcload(ILimage* im, uint32_t* buffer, int32_t bw, int32_t bh, int32_t x, in
     makeFadeTable(c, fade);
     table = c.fade;
   }
-  (void)smooth;
-  if (scale != 1.0f) return ILfail(IL_ERANGE);  // resampled compositing comes with zoom
-
   int32_t w = 0, h = 0;
+  if (scale != 1.0f) {
+    // Resampled: the whole image goes through a zoom into the tile buffer.
+    if (ILgetsize(im, &w, &h) != 0) return flerrno;
+    int32_t nw = std::clamp(int32_t(float(w) * scale), 1, 4096);
+    int32_t nh = std::clamp(int32_t(float(h) * scale), 1, 4096);
+    if (nw + x <= 0 || nh + y <= 0) return 0;
+    if (c.tile.size() < size_t(nw) * size_t(nh)) c.tile.resize(size_t(nw) * size_t(nh));
+    ILsetzoom(im, smooth ? nullptr : "dirac", nw, nh, 0.0f, 0.0f, 0.0f, 0.0f);
+    if (ILload(im, c.tile.data(), nullptr) != 0) return flerrno;
+    composite(c.tile.data(), nw, nh, buffer, bw, bh, x, y, table);
+    return 0;
+  }
+
   if (ILgetsize(im, &w, &h) != 0) return flerrno;
   if (w + x <= 0 || h + y <= 0) return 0;
   if (int rc = ILenterbitmap(im)) return rc;

@@ -151,8 +151,8 @@ int ILputheader(ILimage* image) {
 int ILsetsize(ILimage* image, int32_t width, int32_t height) {
   if (width < 1 || width > 32768 || height < 1 || height > 32768) return ILfail(IL_ERANGE);
   if (image->ictl & ILC_READ) {
-    // A read handle answers a new size with a zoom; without one attached the
-    // image is served at its own size.
+    // On a read handle a new size means reading through a zoom.
+    ILsetzoom(image, nullptr, width, height, 0.0f, 0.0f, 0.5f, 0.5f);
     return 0;
   }
   if (headerFixed(image)) return ILfail(IL_EFIXED);
@@ -189,6 +189,7 @@ int ILsetbpp(ILimage* image, int32_t bytes) {
       if (!ILgetheader(image)) return flerrno;
       image->ictl |= (image->bytes == 1) ? ILC_WIDEN : ILC_DEEP;
     }
+    ILrebindzoom(image);
     return 0;
   }
   if (headerFixed(image)) return ILfail(IL_EFIXED);
@@ -209,6 +210,10 @@ int ILsetlookups(ILimage* image, uint8_t** lookups) {
 
 int ILgetsize(ILimage* image, int32_t* width, int32_t* height) {
   if (!ready(image)) return flerrno;
+  if (image->zoom) {
+    ILzoomsize(image->zoom, width, height);
+    return 0;
+  }
   if (width) *width = int32_t(image->width);
   if (height) *height = int32_t(image->height);
   return 0;

@@ -9,8 +9,12 @@ inline int ILfail(int code) {
   return code;
 }
 
-// Deletes the attached zoom, if any. The zoom code fills this in.
+// Deletes the attached zoom, if any.
 void ILdropzoom(ILimage* image);
+// Binds the attached zoom again, for a changed channel size.
+void ILrebindzoom(ILimage* image);
+// The line server of the reader, as a zoom line callback on an image.
+int ILserveline(void* image, uint8_t** line, float** zline);
 
 // Chooses the tile size for the image size and computes `pages`.
 void ILchooselayout(ILimage* image);

@@ -215,7 +215,7 @@ ILimage* withImagePath(Fn open) {
 }  // namespace
 
 void ILdropzoom(ILimage* image) {
-  // Zoom records are attached by the zoom code, which owns their release.
+  ILdelzoom(image->zoom);
   image->zoom = nullptr;
 }
 

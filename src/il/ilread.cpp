@@ -324,9 +324,17 @@ int ILenterbitmap(ILimage* im) {
   return 0;
 }
 
-int ILgetline(ILimage* im, uint8_t** line, float** zline) { return serveLine(im, line, zline); }
+int ILserveline(void* image, uint8_t** line, float** zline) {
+  return serveLine(static_cast<ILimage*>(image), line, zline);
+}
+
+int ILgetline(ILimage* im, uint8_t** line, float** zline) {
+  if (im->zoom) return ILgetzoom(im->zoom, line, zline);
+  return serveLine(im, line, zline);
+}
 
 int ILreadline(ILimage* im, void* color, float* z) {
+  if (im->zoom) return ILreadzoom(im->zoom, color, z);
   uint8_t* l = nullptr;
   float* zl = nullptr;
   int rc = serveLine(im, color ? &l : nullptr, z ? &zl : nullptr);

@@ -200,6 +200,13 @@ KELP_API FLpath* FLbuildpath(const char* dirs);
 KELP_API void FLfreepath(FLpath* path);
 KELP_API FLpath* FLswappath(FLpath* path);
 KELP_API int FLhbset(uint32_t value);
+// The first of name, or name along the thread's search path, that exists;
+// its path is written to `found` (null if `found` is). True if found.
+KELP_API bool FLfindfile(const char* name, char* found, size_t size);
+// Splits "stem[bracket]" into the stem and the text in brackets (empty if none).
+KELP_API void FLgetext(const char* name, char* stem, size_t stemSize, char* bracket, size_t bracketSize);
+// "dir/name", or name alone for an empty dir.
+KELP_API void FLmakepath(const char* dir, const char* name, char* out, size_t size);
 
 // Errors and environment.
 KELP_API int FLerror();

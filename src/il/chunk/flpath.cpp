@@ -1,6 +1,7 @@
 // Search paths and the work directory.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <deque>
 #include <mutex>
@@ -86,3 +87,49 @@ FLpath* FLswappath(FLpath* path) {
 }
 
 FLpath* FLcurrentpath() { return tCurrentPath; }
+
+namespace {
+void copyOut(const std::string& s, char* out, size_t size) {
+  if (!out || size == 0) return;
+  size_t n = std::min(s.size(), size - 1);
+  std::memcpy(out, s.data(), n);
+  out[n] = 0;
+}
+
+bool existsPath(const std::string& p) { return ::access(p.c_str(), F_OK) == 0; }
+}  // namespace
+
+void FLmakepath(const char* dir, const char* name, char* out, size_t size) {
+  std::string d = dir ? dir : "", n = name ? name : "";
+  copyOut(d.empty() ? n : d + "/" + n, out, size);
+}
+
+bool FLfindfile(const char* name, char* found, size_t size) {
+  if (!name || !*name) return false;
+  if (name[0] == '/' || !tCurrentPath) {
+    if (!existsPath(name)) return false;
+    copyOut(name, found, size);
+    return true;
+  }
+  for (FLnode* n = tCurrentPath->dirs.head; n; n = n->next) {
+    std::string dir = n->name ? n->name : ".";
+    std::string candidate = dir == "." ? std::string(name) : dir + "/" + name;
+    if (existsPath(candidate)) {
+      copyOut(candidate, found, size);
+      return true;
+    }
+  }
+  return false;
+}
+
+void FLgetext(const char* name, char* stem, size_t stemSize, char* bracket, size_t bracketSize) {
+  std::string s = name ? name : "";
+  size_t open = s.rfind('[');
+  if (!s.empty() && s.back() == ']' && open != std::string::npos) {
+    copyOut(s.substr(0, open), stem, stemSize);
+    copyOut(s.substr(open + 1, s.size() - open - 2), bracket, bracketSize);
+  } else {
+    copyOut(s, stem, stemSize);
+    copyOut("", bracket, bracketSize);
+  }
+}

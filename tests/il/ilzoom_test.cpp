@@ -1,0 +1,277 @@
+// Zoom: weight tables, the choice of path, resampling known pictures,
+// 8/16-bit and depth lines, filter programs.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <vector>
+
+#include "il/il.h"
+#include "image/base/terrorhandler.h"
+#include "testutil.h"
+
+using namespace kelptest;
+
+namespace {
+// A source of lines from a raster of 32-bit pixels (or 8-byte pixels), and depth.
+struct Source {
+  const uint8_t* color = nullptr;
+  const float* depth = nullptr;
+  int width = 0, pixelBytes = 4, row = 0, rows = 0;
+};
+
+int sourceLine(void* arg, uint8_t** color, float** depth) {
+  auto* s = static_cast<Source*>(arg);
+  if (s->row >= s->rows) return IL_EDONE;
+  if (color) *color = const_cast<uint8_t*>(s->color + size_t(s->row) * s->width * s->pixelBytes);
+  if (depth) *depth = s->depth ? const_cast<float*>(s->depth + size_t(s->row) * s->width) : nullptr;
+  s->row++;
+  return 0;
+}
+
+// Grey 8-bit pixels (blue = green = red = v, alpha 255) as 32-bit words.
+std::vector<uint32_t> grey(const std::vector<int>& values) {
+  std::vector<uint32_t> px;
+  for (int v : values) px.push_back(0xFF000000u | uint32_t(v) << 16 | uint32_t(v) << 8 | uint32_t(v));
+  return px;
+}
+
+std::vector<int> taps(const ILzoom* z, int axis, int index, int* first) {
+  int32_t w[64], f = 0;
+  int n = ILzoomtaps(z, axis, index, &f, w, 64);
+  *first = f;
+  return std::vector<int>(w, w + (n > 1 ? n : 0));
+}
+
+// Resamples a single row of grey values with `filter` and gives the greys back.
+std::vector<int> resampleRow(const char* filter, const std::vector<int>& values, int m) {
+  auto px = grey(values);
+  Source src{reinterpret_cast<uint8_t*>(px.data()), nullptr, int(values.size()), 4, 0, 1};
+  ILzoom* z = ILnewzoom(filter);
+  ILbindzoom(z, &src, sourceLine, 0, m, 1, int(values.size()), 1);
+  std::vector<uint32_t> out(static_cast<size_t>(m));
+  EXPECT_EQ(ILreadzoom(z, out.data(), nullptr), 0);
+  ILdelzoom(z);
+  std::vector<int> g;
+  for (uint32_t p : out) g.push_back(int((p >> 8) & 255));
+  return g;
+}
+}  // namespace
+
+TEST(ILzoom, WeightTablesOfSmallCases) {
+  std::vector<uint32_t> px(8, 0);
+  Source src{reinterpret_cast<uint8_t*>(px.data()), nullptr, 4, 4, 0, 2};
+  ILzoom* z = ILnewzoom("box");
+  ASSERT_EQ(ILbindzoom(z, &src, sourceLine, 0, 2, 1, 4, 2), 0);
+  int first = -1;
+  // Halving with a box: each result pixel is two source pixels, half and half.
+  EXPECT_EQ(taps(z, 0, 0, &first), (std::vector<int>{8192, 8192}));
+  EXPECT_EQ(first, 0);
+  EXPECT_EQ(taps(z, 0, 1, &first), (std::vector<int>{8192, 8192}));
+  EXPECT_EQ(first, 2);
+  EXPECT_EQ(taps(z, 1, 0, &first), (std::vector<int>{8192, 8192}));
+  ILdelzoom(z);
+
+  // Doubling with a box: interpolation between the two nearest pixels; at
+  // the image's edge only the pixel that exists counts. The box's running
+  // sum starts at 1 (entry i is i + 1), so the weights lean by a little:
+  // result 1 sits at 0.75 and gets 384.25 and 127.75 of 512, times 32.
+  z = ILnewzoom("box");
+  ASSERT_EQ(ILbindzoom(z, &src, sourceLine, 0, 8, 2, 4, 2), 0);
+  EXPECT_EQ(ILzoomtaps(z, 0, 0, &first, nullptr, 0), 1);
+  EXPECT_EQ(first, 0);
+  EXPECT_EQ(taps(z, 0, 1, &first), (std::vector<int>{12296, 4088}));
+  EXPECT_EQ(first, 0);
+  // Result 2 at 1.25 covers three pixels, the third with nothing: trimmed.
+  EXPECT_EQ(taps(z, 0, 2, &first), (std::vector<int>{4120, 12264}));
+  EXPECT_EQ(first, 0);
+  ILdelzoom(z);
+
+  // A triangle over three pixels trims its outer taps once they fall under 2 percent.
+  z = ILnewzoom("triangle");
+  ASSERT_EQ(ILbindzoom(z, &src, sourceLine, 0, 2, 1, 4, 2), 0);
+  auto t = taps(z, 0, 0, &first);
+  int sum = 0;
+  for (int w : t) sum += w;
+  EXPECT_NEAR(sum, 16384, 2);
+  EXPECT_EQ(first, 0);
+  ILdelzoom(z);
+}
+
+TEST(ILzoom, PathsAndAutoChoice) {
+  std::vector<uint32_t> px(64 * 64, 0xFF102030);
+  Source src{reinterpret_cast<uint8_t*>(px.data()), nullptr, 64, 4, 0, 64};
+  ILzoom* z = ILnewzoom(nullptr);
+  EXPECT_EQ(ILbindzoom(z, &src, sourceLine, 0, 128, 32, 64, 64), 0);  // wider counts as magnifying
+  EXPECT_STREQ(ILzoomfilter(z, 0), "x@box");
+  EXPECT_EQ(ILbindzoom(z, &src, sourceLine, 0, 100, 100, 64, 64), 0);
+  EXPECT_STREQ(ILzoomfilter(z, 0), "x@box");
+  EXPECT_EQ(ILbindzoom(z, &src, sourceLine, 0, 16, 16, 64, 64), 0);
+  EXPECT_STREQ(ILzoomfilter(z, 1), "y@sinc");
+  EXPECT_EQ(ILbindzoom(z, &src, sourceLine, 0, 64, 64, 64, 64), 0);  // auto filters are loaded: no identity
+  ILdelzoom(z);
+
+  // No filter and equal sizes: nothing to do.
+  z = ILnewzoom("impulse");
+  EXPECT_EQ(ILbindzoom(z, &src, sourceLine, 0, 64, 64, 64, 64), 1);
+  EXPECT_EQ(ILbindzoom(z, &src, sourceLine, 0, 32769, 64, 64, 64), IL_ERANGE);
+  EXPECT_EQ(ILbindzoom(z, &src, sourceLine, 0, 32768, 1, 64, 64), 0);
+  EXPECT_EQ(ILzoomfilter(z, 0), nullptr);
+  ILsetzoomoffset(z, 0.0f, 1.0f);
+  ILsetzoomoffset(nullptr, 0.5f, 0.5f);
+  ILdelzoom(z);
+
+  // Nearest-neighbour takes column trunc((i + 0.5) / m * n).
+  std::vector<int> ramp;
+  for (int i = 0; i < 10; ++i) ramp.push_back(i * 20);
+  EXPECT_EQ(resampleRow("dirac", ramp, 4), (std::vector<int>{20, 60, 120, 160}));
+  EXPECT_EQ(resampleRow("impulse", ramp, 3), (std::vector<int>{20, 100, 160}));
+
+  // An unknown filter is a box, with 112 left behind.
+  flerrno = 0;
+  z = ILnewzoom("no-such-filter");
+  EXPECT_EQ(flerrno, IL_ENOFILTER);
+  ILdelzoom(z);
+  EXPECT_EQ(resampleRow("no-such-filter", {0, 100, 200, 40}, 2), (std::vector<int>{50, 120}));
+}
+
+TEST(ILzoom, KnownPicturesResampleAsExpected) {
+  // A ramp halved with a box is the mean of each pair.
+  std::vector<int> ramp;
+  for (int i = 0; i < 100; ++i) ramp.push_back(2 * i);
+  auto half = resampleRow("box", ramp, 50);
+  for (int i = 0; i < 50; ++i) EXPECT_NEAR(half[size_t(i)], 4 * i + 1, 1) << i;
+  // Doubled with the triangle, a ramp stays a ramp away from the edges.
+  auto twice = resampleRow("triangle", ramp, 200);
+  for (int i = 4; i < 196; ++i) EXPECT_NEAR(twice[size_t(i)], (i + 0.5) / 2 * 2 - 0.5 * 2 / 2, 1.5) << i;
+  // A constant picture stays constant through every kernel, edges included:
+  // an edge pixel is a weighted mean of what exists.
+  for (const char* f : {"gauss", "sinc", "lanczos", "mitchell", "catrom", "triangle"})
+    for (int m : {7, 33, 80}) {
+      auto flat = resampleRow(f, std::vector<int>(33, 200), m);
+      for (int v : flat) EXPECT_NEAR(v, 200, 1) << f << " to " << m;
+    }
+  // A 1-pixel-wide source gives single taps throughout.
+  auto one = resampleRow("lanczos", {77}, 5);
+  EXPECT_EQ(one, (std::vector<int>{77, 77, 77, 77, 77}));
+}
+
+TEST(ILzoom, SixteenBitAndDepthLines) {
+  // Two rows of two 16-bit pixels, blue, green, red, alpha.
+  std::vector<uint16_t> deep = {100, 200, 300, 400, 100, 200, 300, 400, 100, 200, 300, 400, 100, 200, 300, 400};
+  std::vector<float> z = {-1.0f, -0.5f, -1.0f, -0.5f};
+  Source src{reinterpret_cast<uint8_t*>(deep.data()), z.data(), 2, 8, 0, 2};
+  ILzoom* zoom = ILnewzoom("box");
+  ASSERT_EQ(ILbindzoom(zoom, &src, sourceLine, 3, 1, 1, 2, 2), 0);
+  uint16_t out[4];
+  float d = 0;
+  ASSERT_EQ(ILreadzoom(zoom, out, &d), 0);
+  // The filtered 16-bit path gives its channels in pairs swapped.
+  EXPECT_EQ(std::vector<uint16_t>(out, out + 4), (std::vector<uint16_t>{200, 100, 400, 300}));
+  EXPECT_FLOAT_EQ(d, -0.75f);
+  ILdelzoom(zoom);
+
+  // Widening through the nearest-neighbour path keeps channels in place.
+  std::vector<uint32_t> px = {0x80402010, 0x80402010};
+  Source s8{reinterpret_cast<uint8_t*>(px.data()), nullptr, 2, 4, 0, 1};
+  zoom = ILnewzoom("dirac");
+  ASSERT_EQ(ILbindzoom(zoom, &s8, sourceLine, 2, 4, 1, 2, 1), 0);
+  uint16_t wide[16];
+  float zl[4] = {1, 1, 1, 1};
+  ASSERT_EQ(ILreadzoom(zoom, wide, zl), 0);
+  EXPECT_EQ(wide[0], 0x1010);
+  EXPECT_EQ(wide[3], 0x8080);
+  EXPECT_EQ(zl[0], 0.0f);  // no depth in the source: zeros
+  ILdelzoom(zoom);
+}
+
+TEST(ILzoom, ImagesReadThroughAZoom) {
+  TempDir dir;
+  std::string name = dir.file("z.iff");
+  ILimage* im = ILopen(name.c_str(), "w");
+  ILsetsize(im, 64, 48);
+  ILsettype(im, 7);
+  std::vector<uint8_t> px(64 * 48 * 4);
+  std::vector<float> z(64 * 48, -0.25f);
+  for (size_t i = 0; i < px.size(); ++i) px[i] = uint8_t(i % 4 == 3 ? 255 : 90);
+  ASSERT_EQ(ILsave(im, px.data(), z.data(), 0), 0);
+  ILclose(im);
+
+  im = ILopen(name.c_str(), "r");
+  EXPECT_EQ(ILsetsize(im, 64, 48), 0);
+  EXPECT_EQ(im->zoom, nullptr);  // the same size: no zoom stays attached
+  EXPECT_EQ(ILsetzoom(im, nullptr, 40000, 10, 0, 0, 0.5f, 0.5f), IL_ERANGE);
+  EXPECT_EQ(im->zoom, nullptr);
+  ASSERT_EQ(ILsetsize(im, 32, 20), 0);
+  ASSERT_NE(im->zoom, nullptr);
+  int32_t w, h;
+  ASSERT_EQ(ILgetsize(im, &w, &h), 0);
+  EXPECT_EQ(w, 32);
+  EXPECT_EQ(h, 20);
+  std::vector<uint8_t> back(32 * 20 * 4);
+  std::vector<float> zb(32 * 20);
+  ASSERT_EQ(ILload(im, back.data(), zb.data()), 0);
+  for (size_t i = 0; i < back.size(); ++i) ASSERT_NEAR(back[i], i % 4 == 3 ? 255 : 90, 1) << i;
+  for (float v : zb) ASSERT_NEAR(v, -0.25f, 5e-4);  // weights sum to 16384 give or take rounding
+  ILclose(im);
+
+  // Line by line with ILgetline, magnified.
+  im = ILopen(name.c_str(), "r");
+  ILsetsize(im, 128, 96);
+  for (int y = 0; y < 96; ++y) {
+    uint8_t* line = nullptr;
+    ASSERT_EQ(ILgetline(im, &line, nullptr), 0);
+    ASSERT_NE(line, nullptr);
+    EXPECT_NEAR(line[127 * 4], 90, 1);
+  }
+  ILclose(im);
+
+  // Compositing at half size goes through a zoom too.
+  im = ILopen(name.c_str(), "r");
+  std::vector<uint32_t> buf(40 * 30, 0);
+  ASSERT_EQ(ILcload(im, buf.data(), 40, 30, 0, 0, 0.5f, 0.0f, 1), 0);
+  EXPECT_EQ(buf[0], 0xFF5A5A5Au);
+  EXPECT_EQ(buf[31], 0xFF5A5A5Au);
+  EXPECT_EQ(buf[32], 0u);
+  ILclose(im);
+}
+
+TEST(ILzoom, FilterProgramsInTheWorkArea) {
+  TempDir dir;
+  std::filesystem::create_directories(dir.path() / "filters");
+  auto write = [&](const std::string& name, const std::string& text) {
+    writeBytes(dir.file("filters/" + name), std::vector<uint8_t>(text.begin(), text.end()));
+  };
+  write("flat", "# a box of my own\nradius = 0.5\nnoclip = 1\ny = 1\n");
+  write("wider", "radius = 1 + blur / 100\nblur = 0\ny = 1 - abs(x) / radius\n");
+  write("broken", "radius = 1\ny = 1 +* x\n");
+  setenv("KELP_WORK", dir.path().c_str(), 1);
+
+  EXPECT_EQ(resampleRow("flat", {0, 100, 200, 40}, 2), (std::vector<int>{50, 120}));
+
+  // A program may change "blur": the record gets the new value.
+  ILzoom* z = ILnewzoom("wider");
+  EXPECT_EQ(flerrno == IL_ENOFILTER, false);
+  std::vector<uint32_t> px(16, 0);
+  Source src{reinterpret_cast<uint8_t*>(px.data()), nullptr, 16, 4, 0, 1};
+  ASSERT_EQ(ILbindzoom(z, &src, sourceLine, 0, 8, 1, 16, 1), 0);
+  int first;
+  EXPECT_GT(ILzoomtaps(z, 0, 3, &first, nullptr, 0), 2);
+  ILdelzoom(z);
+
+  // A broken program: a box, code 112, and a message naming the file and line.
+  struct Collect : TerrorHandler {
+    std::string text;
+    void reportError(const Tstring& m) override { text += m.str(); }
+  } sink;
+  theErrorHandler = &sink;
+  flerrno = 0;
+  z = ILnewzoom("broken");
+  theErrorHandler = nullptr;
+  EXPECT_EQ(flerrno, IL_ENOFILTER);
+  EXPECT_NE(sink.text.find("filters/broken line 2"), std::string::npos) << sink.text;
+  ILdelzoom(z);
+  EXPECT_EQ(resampleRow("broken", {0, 100, 200, 40}, 2), (std::vector<int>{50, 120}));
+  unsetenv("KELP_WORK");
+}
