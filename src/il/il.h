@@ -183,6 +183,9 @@ KELP_API int ILbindzoom(ILzoom* zoom, void* arg, ILlinefn callback, int mode, in
 KELP_API int ILreadzoom(ILzoom* zoom, void* color, float* depth);
 KELP_API int ILgetzoom(void* zoom, uint8_t** color, float** depth);
 KELP_API const char* ILdefaultzoom(const char* filter);
+// The names of the built-in filters, by index from 0; null past the last.
+// Filter programs lie in the "filters" directory of the work area (FLgetwork).
+KELP_API const char* ILbuiltinfilter(int index);
 KELP_API int ILsetzoom(ILimage* image, const char* filter, int32_t width, int32_t height, float blurX, float blurY,
                        float offsetX, float offsetY);
 // The result size of a bound record.

@@ -2,8 +2,6 @@
 // "filters" directory of the work area, evaluated with muparser.
 #include "il/ilfilter.h"
 
-#include <dirent.h>
-
 #include <algorithm>
 #include <cmath>
 #include <fstream>
@@ -226,22 +224,11 @@ void ILdropfilter(ILfilterdef* filter) {
   delete filter;
 }
 
-std::vector<std::string> ILbuiltinfilters() {
-  std::vector<std::string> names;
-  for (const Builtin& b : kBuiltins) names.push_back(b.name);
-  names.push_back("impulse");
-  names.push_back("dirac");
-  names.push_back("auto");
-  return names;
-}
-
-std::vector<std::string> ILprogramfilters() {
-  std::vector<std::string> names;
-  if (DIR* d = opendir(ILfilterdir().c_str())) {
-    while (const dirent* e = readdir(d))
-      if (e->d_name[0] != '.') names.push_back(e->d_name);
-    closedir(d);
-  }
-  std::sort(names.begin(), names.end());
-  return names;
+const char* ILbuiltinfilter(int index) {
+  static const char* const words[] = {"impulse", "dirac", "auto"};
+  int builtins = int(sizeof kBuiltins / sizeof kBuiltins[0]);
+  if (index < 0) return nullptr;
+  if (index < builtins) return kBuiltins[index].name;
+  index -= builtins;
+  return index < 3 ? words[index] : nullptr;
 }

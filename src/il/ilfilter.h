@@ -24,10 +24,6 @@ bool ILloadfilterpair(const std::string& name, float& blurX, float& blurY, ILfil
 // Takes a reference away; frees a filter with neither name nor references.
 void ILdropfilter(ILfilterdef* filter);
 
-// The names of the built-in kernels, and of the programs in the work area's
-// "filters" directory.
-std::vector<std::string> ILbuiltinfilters();
-std::vector<std::string> ILprogramfilters();
 
 // The directory of filter programs: "filters" in the work area.
 std::string ILfilterdir();

@@ -334,7 +334,7 @@ int ILrange(const char* name, ILframerange* range, char* dirOut, size_t dirSize,
   std::string dir;
   if (!stem.empty() && stem[0] == '/') {
     frames = scanStem("", stem, range->first, range->last);
-    dir = "/";
+    dir.assign(1, '/');  // (assigning a literal trips a false -Wrestrict in GCC 12 at -O3)
   } else {
     for (FLnode* n = path ? path->dirs.head : nullptr; n && frames.empty(); n = n->next) {
       frames = scanStem(n->name ? n->name : ".", stem, range->first, range->last);

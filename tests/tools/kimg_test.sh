@@ -33,6 +33,14 @@ grep -q "^        24    TBHD  size 32" "$dir/chunks.txt"
 "$kimg" info --stats "$dir/q.iff" | grep -v "^$dir" | grep -v compression | grep -v tiles > "$dir/q.txt"
 cmp "$dir/p.txt" "$dir/q.txt"
 "$kimg" info "$dir/q.iff" | grep -q "tiles        20"
+# Resizing through a zoom filter, and the filter list with a program of our own.
+"$kimg" convert "$dir/p.iff" "$dir/r.iff" --resize 50x30 --filter lanczos --blur 1,1
+"$kimg" info "$dir/r.iff" | grep -q "size         50 x 30"
+mkdir -p "$dir/work/filters"
+printf 'radius = 1\ny = 1 - abs(x)\n' > "$dir/work/filters/tent"
+KELP_WORK="$dir/work" "$kimg" filters | grep -q "tent"
+KELP_WORK="$dir/work" "$kimg" convert "$dir/p.iff" "$dir/t.iff" --resize 100x75 --filter tent
+if "$kimg" convert "$dir/p.iff" "$dir/x.iff" --filter gauss 2> /dev/null; then exit 1; fi
 if "$kimg" convert "$dir/missing.iff" "$dir/x.iff" 2> "$dir/err.txt"; then exit 1; fi
 grep -q "missing.iff" "$dir/err.txt"
 

@@ -33,6 +33,9 @@ struct ConvertOptions {
   std::string compression;  // empty: as the input
   bool topdown = false;
   std::string tile;  // WxH, empty: the default layout
+  std::string resize;  // WxH, empty: the input's size
+  std::string filter;  // zoom filter, empty: the default
+  std::string blur;    // X,Y in percent
 };
 
 int info(const std::vector<std::string>& files, bool stats);
@@ -40,5 +43,6 @@ int chunks(const std::string& file);
 int create(const CreateOptions& options);
 int pattern(const PatternOptions& options);
 int convert(const ConvertOptions& options);
+int filters();
 
 }  // namespace kimg

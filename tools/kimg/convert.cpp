@@ -1,5 +1,6 @@
 // kimg convert: copies IFF images into a new IFF file through the line
 // reader and writer, keeping channels, depth, bytes per channel and fields.
+#include <cstdio>
 #include <vector>
 
 #include "commands.h"
@@ -11,7 +12,9 @@ namespace {
 
 // Copies the attributes and fields of the image `in` stands on to `out`.
 int copyHeader(ILimage* in, ILimage* out, const ConvertOptions& o, uint32_t compress, int tw, int th) {
-  int rc = ILsetsize(out, int32_t(in->width), int32_t(in->height));
+  int32_t w = 0, h = 0;
+  ILgetsize(in, &w, &h);  // the zoomed size when resizing
+  int rc = ILsetsize(out, w, h);
   if (!rc) rc = ILsettype(out, int32_t(in->type));
   if (!rc) rc = ILsetbpp(out, in->bytes);
   if (!rc) rc = ILsetcompress(out, compress);
@@ -31,11 +34,12 @@ int copyHeader(ILimage* in, ILimage* out, const ConvertOptions& o, uint32_t comp
 
 int copyPixels(ILimage* in, ILimage* out) {
   bool deep = in->bytes == 2;
-  if (deep && ILsetbpp(in, 2) != 0) return flerrno;
-  std::vector<uint8_t> line(size_t(in->width) * 4 * (deep ? 2 : 1));
-  std::vector<float> z(in->width);
+  int32_t w = 0, h = 0;
+  ILgetsize(in, &w, &h);
+  std::vector<uint8_t> line(size_t(w) * 4 * (deep ? 2 : 1));
+  std::vector<float> z(static_cast<size_t>(w));
   bool depth = in->type & ILT_DEPTH;
-  for (uint32_t y = 0; y < in->height; ++y) {
+  for (int32_t y = 0; y < h; ++y) {
     if (int rc = ILreadline(in, line.data(), depth ? z.data() : nullptr)) return rc;
     if (int rc = ILwriteline(out, line.data(), depth ? z.data() : nullptr)) return rc;
   }
@@ -48,6 +52,12 @@ int convert(const ConvertOptions& o) {
   int tw = 0, th = 0;
   uint32_t compress = 0;
   if (!o.tile.empty() && !parsePair(o.tile, 'x', tw, th)) return fail(o.out, "tile must be WxH");
+  int rw = 0, rh = 0;
+  float bx = 0.0f, by = 0.0f;
+  if (!o.resize.empty() && (!parsePair(o.resize, 'x', rw, rh) || rw < 1 || rh < 1))
+    return fail(o.out, "resize must be WxH");
+  if (!o.blur.empty() && std::sscanf(o.blur.c_str(), "%f,%f", &bx, &by) != 2) return fail(o.out, "blur must be X,Y");
+  if ((!o.filter.empty() || !o.blur.empty()) && o.resize.empty()) return fail(o.out, "--filter and --blur go with --resize");
   if (!o.compression.empty() && !compressionNumber(o.compression, compress))
     return fail(o.out, "unknown compression " + o.compression);
   ILimage* in = ILopen(o.in.c_str(), "r");
@@ -75,6 +85,9 @@ int convert(const ConvertOptions& o) {
       return fail(o.in, "images of four bytes per channel (float) cannot be written");
     }
     ILctrl(in, ILC_TOPDOWN, o.topdown);
+    if (in->bytes == 2 && (rc = ILsetbpp(in, 2)) != 0) break;
+    if (rw > 0 && (rc = ILsetzoom(in, o.filter.empty() ? nullptr : o.filter.c_str(), rw, rh, bx, by, 0.5f, 0.5f)) != 0)
+      break;
     if ((rc = copyHeader(in, out, o, o.compression.empty() ? in->compress : compress, tw, th)) != 0) {
       where = o.out;
       break;

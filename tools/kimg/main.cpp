@@ -40,6 +40,11 @@ int main(int argc, char** argv) {
       ->check(CLI::IsMember(kCompressions));
   convert->add_flag("--topdown", conv.topdown, "Write lines from the top of the image down");
   convert->add_option("--tile", conv.tile, "Tile size, WxH (default: chosen by image size)");
+  convert->add_option("--resize", conv.resize, "Resample to WxH through a zoom filter");
+  convert->add_option("--filter", conv.filter, "Zoom filter for --resize (see kimg filters; default auto)");
+  convert->add_option("--blur", conv.blur, "Blur for --resize, X,Y in percent of the image");
+
+  CLI::App* filters = app.add_subcommand("filters", "List the zoom filters: built in and in the work area");
 
   kimg::CreateOptions opt;
   CLI::App* create = app.add_subcommand("create", "Write an IFF file holding image headers only");
@@ -62,5 +67,6 @@ int main(int argc, char** argv) {
   if (*chunks) return kimg::chunks(chunkFile);
   if (*pattern) return kimg::pattern(pat);
   if (*convert) return kimg::convert(conv);
+  if (*filters) return kimg::filters();
   return kimg::create(opt);
 }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "il/il.h"
+
 TpixelMap::TpixelMap(const TpixelMap& other) : TportRect(other), fChannels(other.fChannels) {
   size_t n = size_t(std::max(0, width())) * size_t(std::max(0, height()));
   if (other.fPixels) {
@@ -76,4 +78,38 @@ void TpixelMap::rgbaSwitch() {
   if (!fPixels) return;
   size_t n = size_t(std::max(0, width())) * size_t(std::max(0, height()));
   for (size_t i = 0; i < n; ++i) std::swap(fPixels[i].fChannels.fRed, fPixels[i].fChannels.fBlue);
+}
+
+namespace {
+struct MapRows {
+  const Tpixel32* next;
+  int width;
+};
+
+int mapRow(void* arg, uint8_t** color, float** depth) {
+  auto* rows = static_cast<MapRows*>(arg);
+  if (color) *color = reinterpret_cast<uint8_t*>(const_cast<Tpixel32*>(rows->next));
+  if (depth) *depth = nullptr;
+  rows->next += rows->width;
+  return 0;
+}
+}  // namespace
+
+bool TpixelMap::zoom(const TportRect& rect) {
+  int w = width(), h = height(), nw = rect.width(), nh = rect.height();
+  if (!fPixels || w < 1 || h < 1 || nw < 1 || nh < 1) return false;
+  std::vector<Tpixel32> result(size_t(nw) * size_t(nh));
+  MapRows rows{fPixels, w};
+  ILzoom* z = ILnewzoom(nullptr);
+  int bound = ILbindzoom(z, &rows, mapRow, 0, nw, nh, w, h);
+  if (bound > 1) {
+    ILdelzoom(z);
+    return false;
+  }
+  for (int y = 0; y < nh; ++y) ILreadzoom(z, &result[size_t(y) * size_t(nw)], nullptr);
+  ILdelzoom(z);
+  TportRect::operator=(rect);
+  fOwned = std::move(result);
+  fPixels = fOwned.data();
+  return true;
 }

@@ -49,6 +49,10 @@ class KELP_API TpixelMap : public TportRect {
   // (premultiplied colour). Pixels past the raster are dropped.
   void setPixel(int x, int y, int count, const Tpixel32* source, bool blend);
 
+  // Resamples the raster to the size of `rect` (with the default zoom
+  // filter) and takes on its rectangle. False if a size is out of range.
+  bool zoom(const TportRect& rect);
+
   void verticalFlip();
   // Swaps red and blue in every pixel.
   void rgbaSwitch();

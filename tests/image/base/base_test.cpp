@@ -254,3 +254,16 @@ TEST(TiffFile, ChunksWrittenRawAtThePosition) {
   theErrorHandler = nullptr;
   EXPECT_EQ(sink.last, "kept");
 }
+
+TEST(TpixelMap, ZoomResamples) {
+  TpixelMap map(8, 4);
+  for (int y = 0; y < 4; ++y)
+    for (int x = 0; x < 8; ++x) map.pixelPointer(x, y)->fValue = x < 4 ? 0xFF204060 : 0xFF204060;
+  ASSERT_TRUE(map.zoom(TportRect(0, 0, 4, 2)));
+  EXPECT_EQ(map.width(), 4);
+  EXPECT_EQ(map.height(), 2);
+  EXPECT_EQ(map.pixelPointer(3, 1)->fValue, 0xFF204060u);
+  ASSERT_TRUE(map.zoom(TportRect(0, 0, 16, 16)));
+  EXPECT_EQ(map.pixelPointer(15, 15)->fValue, 0xFF204060u);
+  EXPECT_FALSE(map.zoom(TportRect(0, 0, 0, 5)));
+}
