@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev
-          libcli11-dev zlib1g-dev libmuparser-dev gzip)
+          libcli11-dev zlib1g-dev libmuparser-dev gzip binutils-mips-linux-gnu)
 
 missing=()
 for p in "${packages[@]}"; do
