@@ -15,5 +15,9 @@ set -x
 "$kimg" pattern "$out/pattern.iff" --size 1920x1080 --alpha --depth --bytes 2
 "$kimg" convert "$out/pattern.iff" "$out/topdown.iff" --topdown --tile 256x32
 "$kimg" info --stats "$out/topdown.iff"
+"$kimg" convert "$out/pattern.iff" "$out/small.iff" --resize 480x270 --filter lanczos
+"$kimg" info --stats "$out/small.iff"
+"$kimg" depth "$out/pattern.iff" "$out/depth.iff"
+"$kimg" info --stats "$out/depth.iff"
 "$kimg" chunks "$out/topdown.iff" > "$out/chunks.txt"
 head -n 12 "$out/chunks.txt"

@@ -41,6 +41,10 @@ printf 'radius = 1\ny = 1 - abs(x)\n' > "$dir/work/filters/tent"
 KELP_WORK="$dir/work" "$kimg" filters | grep -q "tent"
 KELP_WORK="$dir/work" "$kimg" convert "$dir/p.iff" "$dir/t.iff" --resize 100x75 --filter tent
 if "$kimg" convert "$dir/p.iff" "$dir/x.iff" --filter gauss 2> /dev/null; then exit 1; fi
+# The depth channel as a grey picture.
+"$kimg" depth "$dir/p.iff" "$dir/d.iff"
+"$kimg" info --stats "$dir/d.iff" | grep -q "green        min 5[45]  max 255"
+if "$kimg" depth "$samples/pattern-16bit.iff" "$dir/x.iff" 2> /dev/null; then exit 1; fi
 if "$kimg" convert "$dir/missing.iff" "$dir/x.iff" 2> "$dir/err.txt"; then exit 1; fi
 grep -q "missing.iff" "$dir/err.txt"
 

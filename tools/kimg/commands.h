@@ -44,5 +44,6 @@ int create(const CreateOptions& options);
 int pattern(const PatternOptions& options);
 int convert(const ConvertOptions& options);
 int filters();
+int depth(const std::string& in, const std::string& out);
 
 }  // namespace kimg

@@ -7,6 +7,7 @@
 
 #include "commands.h"
 #include "il/il.h"
+#include "image/tiffimagefile.h"
 #include "util.h"
 
 namespace kimg {
@@ -25,19 +26,27 @@ std::string valueText(const uint8_t* v, uint32_t n) {
   return (n > 32 ? hex + "..." : hex) + " (" + std::to_string(n) + " bytes)";
 }
 
-void printHeader(ILimage* im) {
+void printHeader(TiffImageFile& file) {
+  ILimage* im = file.image();
   char type[64];
-  ILtypename(im->type, type, sizeof type);
-  std::printf("  size         %u x %u\n", im->width, im->height);
-  std::printf("  type         %s (%u)\n", type, im->type);
-  std::printf("  channel      %u byte%s%s\n", im->bytes, im->bytes == 1 ? "" : "s", im->bytes == 4 ? " (float)" : "");
+  unsigned short w, h, num, den;
+  file.getSize(w, h);
+  file.getRatio(num, den);
+  int32_t x = 0, y = 0;
+  ILgetorigin(im, &x, &y);  // signed, where the class gives 16 bits
+  unsigned bytes = file.bytesPerPixel();
+  ILtypename(file.type(), type, sizeof type);
+  std::printf("  size         %u x %u\n", w, h);
+  std::printf("  type         %s (%u)\n", type, file.type());
+  std::printf("  channel      %u byte%s%s\n", bytes, bytes == 1 ? "" : "s", bytes == 4 ? " (float)" : "");
+  // The class folds compressor numbers it does not know into 0; the header's own number is shown.
   std::printf("  compression  %s (%u)\n", compressionName(im->compress).c_str(), im->compress);
-  std::printf("  tiles        %u\n", im->pages);
-  std::printf("  origin       %d, %d\n", im->orgx, im->orgy);
-  std::printf("  pixel ratio  %u:%u\n", im->prnum, im->prden);
-  if (im->dpi > 0.0f) std::printf("  dpi          %g\n", double(im->dpi));
+  std::printf("  tiles        %d\n", file.pages());
+  std::printf("  origin       %d, %d\n", x, y);
+  std::printf("  pixel ratio  %u:%u\n", num, den);
+  if (file.dpi() > 0.0f) std::printf("  dpi          %g\n", double(file.dpi()));
   else std::printf("  dpi          not stored\n");
-  std::printf("  version      0x%05x\n", im->version);
+  std::printf("  version      0x%05x\n", unsigned(file.version()));
   for (FLnode* n = im->fields.head; n; n = n->next) {
     auto* f = reinterpret_cast<ILfield*>(n);
     std::printf("  field %-6s %s\n", tagText(n->type).c_str(), valueText(f->value, f->length).c_str());
@@ -81,23 +90,23 @@ int printStats(ILimage* im, const std::string& file) {
   return 0;
 }
 
-int infoOne(const std::string& file, bool stats) {
-  ILimage* im = ILopen(file.c_str(), "r");
-  if (!im) return failCode(file, flerrno);
+int infoOne(const std::string& name, bool stats) {
+  TiffImageFile file;
+  if (!file.open(name.c_str(), "r")) return failCode(name, flerrno);
+  ILimage* im = file.image();
   int status = 0;
   for (int index = 1;; ++index) {
     if (!ILgetheader(im)) {
-      status = failCode(file, flerrno);
+      status = failCode(name, flerrno);
       break;
     }
-    std::printf("%s", file.c_str());
+    std::printf("%s", name.c_str());
     if (index > 1) std::printf(" (image %d)", index);
     std::printf("\n");
-    printHeader(im);
-    if (stats && (status = printStats(im, file)) != 0) break;
+    printHeader(file);
+    if (stats && (status = printStats(im, name)) != 0) break;
     if (ILnext(im) != 0) break;
   }
-  ILclose(im);
   return status;
 }
 

@@ -44,6 +44,11 @@ int main(int argc, char** argv) {
   convert->add_option("--filter", conv.filter, "Zoom filter for --resize (see kimg filters; default auto)");
   convert->add_option("--blur", conv.blur, "Blur for --resize, X,Y in percent of the image");
 
+  std::string depthIn, depthOut;
+  CLI::App* depth = app.add_subcommand("depth", "Write the depth channel of an image as a grey IFF picture");
+  depth->add_option("in", depthIn, "IFF image with depth")->required();
+  depth->add_option("out", depthOut, "Output IFF file")->required();
+
   CLI::App* filters = app.add_subcommand("filters", "List the zoom filters: built in and in the work area");
 
   kimg::CreateOptions opt;
@@ -68,5 +73,6 @@ int main(int argc, char** argv) {
   if (*pattern) return kimg::pattern(pat);
   if (*convert) return kimg::convert(conv);
   if (*filters) return kimg::filters();
+  if (*depth) return kimg::depth(depthIn, depthOut);
   return kimg::create(opt);
 }

@@ -1,10 +1,19 @@
 #include "image/base/terrorhandler.h"
 
-#include <iostream>
+#include <cstdarg>
 
 TerrorHandler* theErrorHandler = nullptr;
 
-std::ostream& TdebugOutput::sCerr = std::cerr;
+TdebugOutput TdebugOutput::sCerr;
+
+void TdebugOutput::printf(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  std::vfprintf(fFile, format, args);
+  va_end(args);
+}
+
+void TdebugOutput::endEntry() { std::fputc('\n', fFile); }
 
 void KelpReport(const Tstring& message) {
   if (theErrorHandler) theErrorHandler->reportError(message);

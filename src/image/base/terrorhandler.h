@@ -1,7 +1,7 @@
 // The one sink for reports of the class layer.
 #pragma once
 
-#include <iosfwd>
+#include <cstdio>
 
 #include "image/base/tstring.h"
 #include "support/kelpexport.h"
@@ -18,6 +18,16 @@ KELP_API extern TerrorHandler* theErrorHandler;
 // Reports to theErrorHandler when there is one.
 KELP_API void KelpReport(const Tstring& message);
 
-struct KELP_API TdebugOutput {
-  static std::ostream& sCerr;
+// A debug stream: formatted entries, each closed by endEntry.
+class KELP_API TdebugOutput {
+ public:
+  explicit TdebugOutput(std::FILE* file = stderr) : fFile(file) {}
+  virtual ~TdebugOutput() = default;
+  virtual void printf(const char* format, ...) __attribute__((format(printf, 2, 3)));
+  virtual void endEntry();
+  // The process's debug stream, on standard error.
+  static TdebugOutput sCerr;
+
+ private:
+  std::FILE* fFile;
 };
