@@ -103,13 +103,12 @@ class Program {
 struct FilterList {
   std::mutex lock;
   std::vector<ILfilterdef*> filters;  // most recent first
-  ~FilterList() {
-    for (ILfilterdef* f : filters) delete f;
-  }
 };
+// The list lives as long as the process: zoom records held in other statics
+// may drop their filters while the process exits.
 FilterList& filterList() {
-  static FilterList list;
-  return list;
+  static FilterList* list = new FilterList;
+  return *list;
 }
 
 // Samples `kernel` over the filter's support into the running-sum table.

@@ -29,14 +29,11 @@ int rasterLine(void* arg, uint8_t** color, float** depth) {
   return 0;
 }
 
+// The two records of the blur, made on first use; they stay for the process.
 struct BlurPair {
   std::mutex lock;
   ILzoom* reducer = nullptr;
   ILzoom* expander = nullptr;
-  ~BlurPair() {
-    ILdelzoom(reducer);
-    ILdelzoom(expander);
-  }
 };
 }  // namespace
 
@@ -46,7 +43,7 @@ int ILqblur(void* out, const void* in, int32_t w, int32_t h, float blur) {
     if (out != in) std::memmove(out, in, bytes);
     return 0;
   }
-  static BlurPair pair;
+  static BlurPair& pair = *new BlurPair;
   std::lock_guard<std::mutex> guard(pair.lock);
   if (!pair.reducer) pair.reducer = ILnewzoom("gauss");
   if (!pair.expander) pair.expander = ILnewzoom("gauss");
