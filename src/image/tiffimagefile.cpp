@@ -128,7 +128,8 @@ void TiffImageFile::rewriteHeaderPageCount(int pages) {
 }
 
 int TiffImageFile::loadFloatToByte(void* pixels, float*) {
-  if (!fImage) return 0;
+  // Zoomed lines are no longer floats: a float image is read at its own size only.
+  if (!fImage || fImage->zoom) return 0;
   int32_t w = 0;
   ILgetsize(fImage, &w, nullptr);
   ILctrl(fImage, ILC_DEEP, 1);

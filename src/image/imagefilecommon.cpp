@@ -1,0 +1,55 @@
+#include "image/imagefilecommon.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <vector>
+
+#include "il/il.h"
+#include "image/base/tfile.h"
+
+namespace imagefile {
+
+std::string temporaryName(const void* self) {
+  char name[512];
+  std::snprintf(name, sizeof name, "%s/kelp%d%p.iff", theTempDirectory.getFullName().asChar(), int(getpid()), self);
+  return name;
+}
+
+int readSGIRows(IMAGE* image, uint8_t* dest, int width, int y0, int y1, bool greyAlpha) {
+  if (!image) return -1;
+  int channels = image->zsize;
+  if (channels != 1 && channels != 3 && channels != 4) return 0;
+  int xsize = image->xsize;
+  std::vector<std::vector<uint16_t>> rows(size_t(channels), std::vector<uint16_t>(size_t(xsize) + 1));
+  bool wide = (image->type & 0xFF) == 2;
+  auto byte = [&](int z, int x) { return uint8_t(wide ? rows[size_t(z)][size_t(x)] >> 8 : rows[size_t(z)][size_t(x)]); };
+  for (int y = y0; y < y1; ++y) {
+    for (int z = 0; z < channels; ++z)
+      if (getrow(image, rows[size_t(z)].data(), unsigned(y), unsigned(z)) < xsize) return -1;
+    for (int x = 0; x < width; ++x, dest += 4) {
+      if (x >= xsize) {
+        dest[0] = dest[1] = dest[2] = dest[3] = 0;
+        continue;
+      }
+      if (channels == 1) {
+        uint8_t g = byte(0, x);
+        dest[0] = dest[1] = dest[2] = g;
+        dest[3] = greyAlpha ? g : 255;
+      } else {
+        dest[0] = byte(2, x);
+        dest[1] = byte(1, x);
+        dest[2] = byte(0, x);
+        dest[3] = channels == 4 ? byte(3, x) : 255;
+      }
+    }
+  }
+  return 0;
+}
+
+bool directIff(ILimage* image, bool floats) {
+  int bytes = ILgetbpp(image);
+  return ILgettype(image) != 0 && (bytes == 1 || (floats && bytes == 4)) && !(image->ictl & ILC_TOPDOWN);
+}
+
+}  // namespace imagefile

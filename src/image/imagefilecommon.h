@@ -1,0 +1,25 @@
+// Pieces shared by the two front-door file classes.
+#pragma once
+
+#include <string>
+
+#include "il/il.h"
+#include "image/base/tpixelmap.h"
+#include "image/base/tstring.h"
+#include "sgi/sgi.h"
+
+namespace imagefile {
+
+// "TMP/kelpPIDADDRESS.iff" for the object at `self`.
+std::string temporaryName(const void* self);
+
+// Fills rows y0 up to y1 of an open SGI image into pixels of blue, green,
+// red, alpha. `width` pixels a row go out (those past the file's width are
+// zero); grey goes to all four bytes when `greyAlpha`, else alpha is 255.
+int readSGIRows(IMAGE* image, uint8_t* dest, int width, int y0, int y1, bool greyAlpha);
+
+// Whether an open IFF image can be read directly: a type, 1 (or, when
+// `floats`, 4) bytes a channel, and lines from the bottom up.
+bool directIff(ILimage* image, bool floats);
+
+}  // namespace imagefile
