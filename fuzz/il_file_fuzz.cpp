@@ -15,7 +15,7 @@ std::string scratchFile() {
   return name;
 }
 
-void readAll(const char* name, bool byLines, bool deep) {
+void readAll(const char* name, bool byLines, bool deep, bool zoom) {
   ILimage* im = ILopen(name, "r");
   if (!im) return;
   for (int image = 0; image < 4; ++image) {
@@ -26,8 +26,10 @@ void readAll(const char* name, bool byLines, bool deep) {
     if (uint64_t(im->width) * im->height <= (1u << 20)) {
       if (deep) ILsetbpp(im, 2);
       if (byLines) ILctrl(im, ILC_TOPDOWN, 1);
+      if (zoom) ILsetsize(im, int32_t(1 + im->width / 3), int32_t(1 + im->height * 2 % 100));
+      // Deep reading keeps the file's channel size, up to four bytes.
       size_t pixels = size_t(im->width) * im->height;
-      std::vector<uint8_t> color(pixels * 8);
+      std::vector<uint8_t> color(pixels * 4 * 4);
       std::vector<float> z(pixels);
       ILload(im, color.data(), z.data());
     }
@@ -47,6 +49,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::fwrite(data, 1, size, f);
   std::fclose(f);
   uint8_t mode = data[size - 1];
-  readAll(name.c_str(), mode & 1, mode & 2);
+  readAll(name.c_str(), mode & 1, mode & 2, mode & 4);
   return 0;
 }

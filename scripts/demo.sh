@@ -17,6 +17,8 @@ set -x
 "$kimg" info --stats "$out/topdown.iff"
 "$kimg" convert "$out/pattern.iff" "$out/small.iff" --resize 480x270 --filter lanczos
 "$kimg" info --stats "$out/small.iff"
+"$kimg" convert "$out/pattern.iff" "$out/pattern.sgi"
+"$kimg" info --stats "$out/pattern.sgi"
 "$kimg" depth "$out/pattern.iff" "$out/depth.iff"
 "$kimg" info --stats "$out/depth.iff"
 "$kimg" chunks "$out/topdown.iff" > "$out/chunks.txt"

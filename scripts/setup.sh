@@ -4,7 +4,8 @@
 set -euo pipefail
 
 packages=(g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev
-          libcli11-dev zlib1g-dev libmuparser-dev gzip binutils-mips-linux-gnu)
+          libcli11-dev zlib1g-dev libmuparser-dev gzip binutils-mips-linux-gnu
+          imagemagick netpbm)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -1,10 +1,15 @@
 #!/usr/bin/env bash
-# Sets up, builds and runs the test suite. The argument names the build:
-# default, asan (AddressSanitizer and UndefinedBehaviorSanitizer) or tsan.
+# Sets up, builds and runs the test suite. The first argument names the
+# build: default, asan (AddressSanitizer and UndefinedBehaviorSanitizer) or
+# tsan (ThreadSanitizer); a second one runs only the tests whose names match it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 preset="${1:-default}"
 bash scripts/setup.sh
 cmake --preset "$preset" >/dev/null
 cmake --build --preset "$preset"
-ctest --preset "$preset" -j"$(nproc)"
+if [ $# -ge 2 ]; then
+  ctest --preset "$preset" -j"$(nproc)" -R "$2"
+else
+  ctest --preset "$preset" -j"$(nproc)"
+fi

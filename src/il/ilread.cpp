@@ -94,7 +94,7 @@ int decodeIntoBand(ILimage* im, bool depth, const uint8_t* payload, uint32_t siz
     info.lookups = im->lookups;
     if (!unpack(dest, src, &info)) return flerrno;
     if (!(im->ictl & ILC_RAWCHANNELS))
-      ILfill(dest, int32_t(w), int32_t(h), (im->ictl & ILC_DEEP) ? 2 : 1, int32_t(im->width), im->type);
+      ILfill(dest, int32_t(w), int32_t(h), (im->ictl & ILC_DEEP) ? int32_t(im->bytes) : 1, int32_t(im->width), im->type);
     im->samples += w;
   } else {
     if (!im->zbuffer) return 0;
@@ -418,7 +418,7 @@ int ILload(ILimage* im, void* color, float* z) {
     if (int rc = ILloadbm(im, color, z)) return rc;
     if (color && !(im->ictl & ILC_RAWCHANNELS)) {
       uint32_t mask = im->type | ((im->ictl & ILC_OWNALPHA) ? uint32_t(ILT_ALPHA) : 0u);
-      ILfill(color, w, h, (im->ictl & ILC_DEEP) ? 2 : 1, w, mask);
+      ILfill(color, w, h, (im->ictl & ILC_DEEP) ? int32_t(im->bytes) : 1, w, mask);
     }
     if (z && !(im->type & ILT_DEPTH)) std::memset(z, 0, size_t(w) * size_t(h) * 4);
     return 0;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "il/il.h"
+#include "image/base/tarray.h"
 #include "image/base/tfile.h"
 
 namespace imagefile {
@@ -45,6 +46,16 @@ int readSGIRows(IMAGE* image, uint8_t* dest, int width, int y0, int y1, bool gre
     }
   }
   return 0;
+}
+
+bool sizeImage(Timage& image, int w, int h) {
+  if (w < 1 || h < 1 || w > 32767 || h > 32767) return false;
+  try {
+    image.setSize(uint16_t(w), uint16_t(h));
+  } catch (const TmemoryException&) {
+    return false;
+  }
+  return image.pixels() != nullptr;
 }
 
 bool directIff(ILimage* image, bool floats) {

@@ -6,6 +6,7 @@
 #include "il/il.h"
 #include "image/base/tpixelmap.h"
 #include "image/base/tstring.h"
+#include "image/timage.h"
 #include "sgi/sgi.h"
 
 namespace imagefile {
@@ -21,5 +22,9 @@ int readSGIRows(IMAGE* image, uint8_t* dest, int width, int y0, int y1, bool gre
 // Whether an open IFF image can be read directly: a type, 1 (or, when
 // `floats`, 4) bytes a channel, and lines from the bottom up.
 bool directIff(ILimage* image, bool floats);
+
+// Gives `image` a raster of w by h; false (and no raster) for sizes a
+// Timage cannot hold or memory that cannot be had.
+bool sizeImage(Timage& image, int w, int h);
 
 }  // namespace imagefile

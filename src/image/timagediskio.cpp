@@ -166,7 +166,7 @@ int TimageDiskIO::readSGI(void* dest, int width, int y0, int y1) {
 
 int TimageDiskIO::readImage(Timage& image) {
   if (fSgi) {
-    image.setSize(fSgi->xsize, fSgi->ysize);
+    if (!imagefile::sizeImage(image, fSgi->xsize, fSgi->ysize)) return -1;
     int rc = readSGI(image.pixels(), image.width(), 0, fSgi->ysize);
     if (rc) reportFormatted(636, fName.asChar());
     return rc;
@@ -181,8 +181,8 @@ int TimageDiskIO::readImage(Timage& image) {
     return -1;
   }
   image.setPixelFormat(kRGBA8);
-  image.setSize(size());
-  if (!image.pixels() || load(image.pixels(), nullptr) != 0) {
+  TportRect rect = size();
+  if (!imagefile::sizeImage(image, rect.width(), rect.height()) || load(image.pixels(), nullptr) != 0) {
     reportFormatted(630, fName.asChar(), FLstrerror(FLerror()));
     return -1;
   }

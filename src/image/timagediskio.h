@@ -52,11 +52,8 @@ class KELP_API TimageDiskIO : public TiffImageFile {
 
   bool fAlpha = false;
   bool fSpare = false;
-  bool fMapped = false;
   Tstring fName;
-  uint32_t fWord = 0;
   std::string fTempName;
   std::string fFormatKey;
-  void* fMappedView = nullptr;
   IMAGE* fSgi = nullptr;
 };

@@ -87,7 +87,6 @@ class KELP_API TimageFile : public TiffImageFile {
   bool fSpare = false;
   bool fMapped = false;
   Tstring fName;
-  uint32_t fWord = 0;
   std::string fTempName;  // empty when working on the caller's file directly
   std::string fFormatKey;  // empty for none
   void* fMappedView = nullptr;

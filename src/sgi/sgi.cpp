@@ -2,6 +2,7 @@
 #include "sgi/sgi.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -14,7 +15,6 @@
 
 namespace {
 constexpr uint16_t kMagic = 474;
-constexpr size_t kHeaderBytes = 108;  // the file header; the run-time part behind it is ours
 constexpr uint32_t kRowsAt = 512;
 constexpr uint16_t kRead = 0x01, kWrite = 0x02, kEof = 0x10, kError = 0x20, kReadWrite = 0x80;
 
@@ -300,6 +300,12 @@ IMAGE* iopen(const char* file, const char* mode, unsigned type, unsigned dim, un
   im->flags = mode[0] == 'r' ? kRead : kWrite;
   if (storage(im) == SGI_RLE) {
     size_t bytes = tableBytes(im);
+    if (!write) {
+      // Tables that cannot be in the file are not read, nor memory taken for them.
+      struct stat st;
+      if (fstat(im->file, &st) != 0 || uint64_t(st.st_size) < kRowsAt + 2 * uint64_t(bytes))
+        return fail("iopen: error on read of rowstart\n");
+    }
     im->rowstart = static_cast<uint32_t*>(std::malloc(bytes ? bytes : 4));
     im->rowsize = static_cast<int32_t*>(std::malloc(bytes ? bytes : 4));
     if (!im->rowstart || !im->rowsize) return fail("iopen: error on table alloc\n");

@@ -331,6 +331,36 @@ TEST(ILpixels, CompositingOverABuffer) {
   ILclose(im);
 }
 
+TEST(ILpixels, DeepReadingCarriesOverToTheNextImage) {
+  // ILC_DEEP is the caller's bit and survives ILnext: a 1-byte image after a
+  // 2-byte one is filled by its own channel size.
+  TempDir dir;
+  std::string name = dir.file("two.iff");
+  ILimage* im = ILopen(name.c_str(), "w");
+  for (int bytes : {2, 1}) {
+    if (bytes == 1) {
+      ASSERT_EQ(ILnext(im), 0);
+    }
+    ILsetsize(im, 9, 7);
+    ILsettype(im, 1);
+    ILsetbpp(im, bytes);
+    std::vector<uint8_t> px(9 * 7 * 4 * size_t(bytes), 60);
+    ASSERT_EQ(ILsave(im, px.data(), nullptr, 0), 0);
+  }
+  ILclose(im);
+  im = ILopen(name.c_str(), "r");
+  ASSERT_EQ(ILsetbpp(im, 2), 0);
+  std::vector<uint8_t> back(9 * 7 * 8);
+  ASSERT_EQ(ILload(im, back.data(), nullptr), 0);
+  ASSERT_EQ(ILnext(im), 0);
+  EXPECT_TRUE(im->ictl & ILC_DEEP);
+  std::fill(back.begin(), back.end(), 0);
+  ASSERT_EQ(ILload(im, back.data(), nullptr), 0);
+  EXPECT_EQ(back[3], 255);  // alpha filled at one byte a channel
+  EXPECT_EQ(back[9 * 7 * 4], 0);  // nothing written past the picture
+  ILclose(im);
+}
+
 TEST(ILpixels, BadFilesGiveCodes) {
   TempDir dir;
   std::string name = dir.file("good.iff");

@@ -45,6 +45,15 @@ if "$kimg" convert "$dir/p.iff" "$dir/x.iff" --filter gauss 2> /dev/null; then e
 "$kimg" depth "$dir/p.iff" "$dir/d.iff"
 "$kimg" info --stats "$dir/d.iff" | grep -q "green        min 5[45]  max 255"
 if "$kimg" depth "$samples/pattern-16bit.iff" "$dir/x.iff" 2> /dev/null; then exit 1; fi
+# SGI files both ways, and ImageMagick agrees about ours where it is installed.
+"$kimg" convert "$dir/p.iff" "$dir/p.sgi"
+"$kimg" info "$dir/p.sgi" | grep -q "format       SGI, run-length"
+"$kimg" info "$dir/p.sgi" | grep -q "channel      2 bytes"
+"$kimg" convert "$dir/p.sgi" "$dir/s.iff" --resize 100x75
+"$kimg" info "$dir/s.iff" | grep -q "size         100 x 75"
+"$kimg" convert "$dir/p.iff" "$dir/v.rgb" --compression none --resize 40x30
+"$kimg" info --stats "$dir/v.rgb" | grep -q "format       SGI, verbatim"
+if [ -x /usr/bin/convert ]; then /usr/bin/convert "$dir/v.rgb" "$dir/v.ppm"; fi
 if "$kimg" convert "$dir/missing.iff" "$dir/x.iff" 2> "$dir/err.txt"; then exit 1; fi
 grep -q "missing.iff" "$dir/err.txt"
 

@@ -36,6 +36,7 @@ struct ConvertOptions {
   std::string resize;  // WxH, empty: the input's size
   std::string filter;  // zoom filter, empty: the default
   std::string blur;    // X,Y in percent
+  std::string format;  // "iff" or "sgi"; empty: by the output's extension
 };
 
 int info(const std::vector<std::string>& files, bool stats);

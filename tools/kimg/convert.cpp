@@ -1,10 +1,13 @@
 // kimg convert: copies IFF images into a new IFF file through the line
 // reader and writer, keeping channels, depth, bytes per channel and fields.
+#include <cctype>
 #include <cstdio>
 #include <vector>
 
 #include "commands.h"
 #include "il/il.h"
+#include "image/timagefile.h"
+#include "sgifiles.h"
 #include "util.h"
 
 namespace kimg {
@@ -46,6 +49,37 @@ int copyPixels(ILimage* in, ILimage* out) {
   return 0;
 }
 
+// Output format by --format, else by the output's extension.
+std::string outputFormat(const ConvertOptions& o) {
+  if (!o.format.empty()) return o.format;
+  size_t dot = o.out.rfind('.');
+  std::string ext = dot == std::string::npos ? "" : o.out.substr(dot + 1);
+  for (char& c : ext) c = char(std::tolower(static_cast<unsigned char>(c)));
+  return (ext == "sgi" || ext == "rgb" || ext == "rgba" || ext == "bw") ? "sgi" : "iff";
+}
+
+// Any picture the front door reads, as 8-bit pixels, into IFF or SGI.
+int convertThroughFrontDoor(const ConvertOptions& o, const std::string& format, uint32_t compress, int rw, int rh) {
+  TimageFile in;
+  if (in.identifyAndOpen(Tstring(o.in.c_str())) != 0) return fail(o.in, "cannot be read (neither IFF nor SGI?)");
+  TpixelMap map;
+  if (rw > 0) map.setSize(rw, rh);
+  if (in.readPixelMap(map) != 0) return fail(o.in, "the pixels cannot be read");
+  // SGI pictures come at their own size: resample here.
+  if (rw > 0 && (map.width() != rw || map.height() != rh) && !map.zoom(TportRect(0, 0, int16_t(rw), int16_t(rh))))
+    return fail(o.in, "cannot be resized");
+  bool alpha = in.alpha();
+  in.close();
+  if (format == "sgi") return writeSgiFromMap(map, alpha, o.out, compress != 0);
+  TimageFile out;
+  if (out.create(Tstring(o.out.c_str()), uint16_t(map.width()), uint16_t(map.height()),
+                 TiffImageFile::TfileCompression(compress), nullptr) != 0)
+    return failCode(o.out, flerrno);
+  if (!alpha) out.setType(1);
+  int rc = out.writePixelMap(map);
+  int closed = out.close();
+  return (rc || closed) ? fail(o.out, "cannot be written") : 0;
+}
 }  // namespace
 
 int convert(const ConvertOptions& o) {
@@ -60,8 +94,21 @@ int convert(const ConvertOptions& o) {
   if ((!o.filter.empty() || !o.blur.empty()) && o.resize.empty()) return fail(o.out, "--filter and --blur go with --resize");
   if (!o.compression.empty() && !compressionNumber(o.compression, compress))
     return fail(o.out, "unknown compression " + o.compression);
+  std::string format = outputFormat(o);
+  if (format != "iff" && format != "sgi") return fail(o.out, "unknown format " + format + " (iff or sgi)");
+  if (TimageFile().getImageType(Tstring(o.in.c_str())) != "kelp")
+    return convertThroughFrontDoor(o, format, o.compression.empty() ? 1 : compress, rw, rh);
   ILimage* in = ILopen(o.in.c_str(), "r");
   if (!in) return failCode(o.in, flerrno);
+  if (format == "sgi") {
+    int rc = ILgetheader(in) ? 0 : flerrno;
+    if (!rc && in->bytes == 2) rc = ILsetbpp(in, 2);
+    if (!rc && rw > 0) rc = ILsetzoom(in, o.filter.empty() ? nullptr : o.filter.c_str(), rw, rh, bx, by, 0.5f, 0.5f);
+    if (!rc) rc = writeSgiFromIff(in, o.out, o.compression.empty() || compress != 0);
+    else rc = failCode(o.in, rc);
+    ILclose(in);
+    return rc;
+  }
   ILimage* out = ILopen(o.out.c_str(), "w");
   if (!out) {
     ILclose(in);

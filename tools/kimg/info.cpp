@@ -8,6 +8,7 @@
 #include "commands.h"
 #include "il/il.h"
 #include "image/tiffimagefile.h"
+#include "sgifiles.h"
 #include "util.h"
 
 namespace kimg {
@@ -114,7 +115,7 @@ int infoOne(const std::string& name, bool stats) {
 
 int info(const std::vector<std::string>& files, bool stats) {
   int status = 0;
-  for (const std::string& f : files) status |= infoOne(f, stats);
+  for (const std::string& f : files) status |= isSgi(f) ? infoSgi(f, stats) : infoOne(f, stats);
   return status;
 }
 

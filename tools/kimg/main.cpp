@@ -33,9 +33,9 @@ int main(int argc, char** argv) {
       ->capture_default_str();
 
   kimg::ConvertOptions conv;
-  CLI::App* convert = app.add_subcommand("convert", "Copy IFF images into a new IFF file");
-  convert->add_option("in", conv.in, "Input IFF file")->required();
-  convert->add_option("out", conv.out, "Output IFF file")->required();
+  CLI::App* convert = app.add_subcommand("convert", "Convert IFF and SGI pictures into IFF or SGI files");
+  convert->add_option("in", conv.in, "Input file (IFF or SGI)")->required();
+  convert->add_option("out", conv.out, "Output file")->required();
   convert->add_option("--compression", conv.compression, "none, rle, qrl or qr4 (default: as the input)")
       ->check(CLI::IsMember(kCompressions));
   convert->add_flag("--topdown", conv.topdown, "Write lines from the top of the image down");
@@ -43,6 +43,8 @@ int main(int argc, char** argv) {
   convert->add_option("--resize", conv.resize, "Resample to WxH through a zoom filter");
   convert->add_option("--filter", conv.filter, "Zoom filter for --resize (see kimg filters; default auto)");
   convert->add_option("--blur", conv.blur, "Blur for --resize, X,Y in percent of the image");
+  convert->add_option("--format", conv.format, "Output format: iff or sgi (default: by the extension, .sgi/.rgb for SGI)")
+      ->check(CLI::IsMember({"iff", "sgi"}));
 
   std::string depthIn, depthOut;
   CLI::App* depth = app.add_subcommand("depth", "Write the depth channel of an image as a grey IFF picture");

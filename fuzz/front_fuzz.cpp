@@ -1,0 +1,42 @@
+// The front door on arbitrary bytes: identify, open and read into a pixel
+// map (at the file's size or another), an image and a depth array.
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include "image/timagefile.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static std::string name = "/dev/shm/kelp_front_fuzz_" + std::to_string(getpid());
+  if (size < 1) return 0;
+  FILE* f = std::fopen(name.c_str(), "wb");
+  if (!f) return 0;
+  std::fwrite(data, 1, size, f);
+  std::fclose(f);
+  uint8_t mode = data[size - 1];
+  TimageFile::setErrorReportingEnabled(false);
+  TimageFile file;
+  if (file.identifyAndOpen(Tstring(name.c_str())) != 0) return 0;
+  unsigned short w = 0, h = 0;
+  unsigned char depth;
+  file.getDimensions(w, h, depth);
+  if (file.sgiImage()) {
+    w = file.sgiImage()->xsize;
+    h = file.sgiImage()->ysize;
+  }
+  if (uint64_t(w) * h > (1u << 20)) return 0;  // a caller sizes its map from the header
+  if (mode & 1) {
+    TpixelMap map(1 + (mode >> 2) % 40, 1 + (mode >> 4) % 30);  // another size: zoomed
+    file.readPixelMap(map);
+  } else if (mode & 2) {
+    Timage image;
+    file.readImage(image);
+  } else {
+    TpixelMap map;
+    file.readPixelMap(map);
+    TfloatArray z;
+    file.readDepthMap(z);
+  }
+  return 0;
+}
