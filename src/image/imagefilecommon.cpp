@@ -58,6 +58,34 @@ bool sizeImage(Timage& image, int w, int h) {
   return image.pixels() != nullptr;
 }
 
+int readWholeImage(TiffImageFile& file, IMAGE* sgi, Timage& image,
+                   const std::function<void(int id, const char* detail)>& report) {
+  if (sgi) {
+    if (!sizeImage(image, sgi->xsize, sgi->ysize)) return -1;
+    int rc = readSGIRows(sgi, static_cast<uint8_t*>(image.pixels()), image.width(), 0, sgi->ysize, true);
+    if (rc) report(636, nullptr);
+    return rc;
+  }
+  ILimage* il = file.image();
+  if (!il) return -1;
+  if (!(ILgettype(il) & 1)) {
+    report(628, nullptr);
+    return -1;
+  }
+  if (ILsetbpp(il, 1) != 0) {
+    report(629, nullptr);
+    return -1;
+  }
+  image.setPixelFormat(kRGBA8);
+  unsigned short w = 0, h = 0;
+  file.getSize(w, h);
+  if (!sizeImage(image, w, h) || file.load(image.pixels(), nullptr) != 0) {
+    report(630, FLstrerror(FLerror()));
+    return -1;
+  }
+  return 0;
+}
+
 bool directIff(ILimage* image, bool floats) {
   int bytes = ILgetbpp(image);
   return ILgettype(image) != 0 && (bytes == 1 || (floats && bytes == 4)) && !(image->ictl & ILC_TOPDOWN);

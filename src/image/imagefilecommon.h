@@ -1,11 +1,13 @@
 // Pieces shared by the two front-door file classes.
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "il/il.h"
 #include "image/base/tpixelmap.h"
 #include "image/base/tstring.h"
+#include "image/tiffimagefile.h"
 #include "image/timage.h"
 #include "sgi/sgi.h"
 
@@ -22,6 +24,12 @@ int readSGIRows(IMAGE* image, uint8_t* dest, int width, int y0, int y1, bool gre
 // Whether an open IFF image can be read directly: a type, 1 (or, when
 // `floats`, 4) bytes a channel, and lines from the bottom up.
 bool directIff(ILimage* image, bool floats);
+
+// Reads a whole picture into `image` at 8 bits a channel, from the open SGI
+// image or else the IL image of `file`; failures go to `report` with the
+// message number and any detail.
+int readWholeImage(TiffImageFile& file, IMAGE* sgi, Timage& image,
+                   const std::function<void(int id, const char* detail)>& report);
 
 // Gives `image` a raster of w by h; false (and no raster) for sizes a
 // Timage cannot hold or memory that cannot be had.

@@ -165,28 +165,9 @@ int TimageDiskIO::readSGI(void* dest, int width, int y0, int y1) {
 }
 
 int TimageDiskIO::readImage(Timage& image) {
-  if (fSgi) {
-    if (!imagefile::sizeImage(image, fSgi->xsize, fSgi->ysize)) return -1;
-    int rc = readSGI(image.pixels(), image.width(), 0, fSgi->ysize);
-    if (rc) reportFormatted(636, fName.asChar());
-    return rc;
-  }
-  if (!fImage) return -1;
-  if (!(ILgettype(fImage) & 1)) {
-    reportFormatted(628, fName.asChar());
-    return -1;
-  }
-  if (ILsetbpp(fImage, 1) != 0) {
-    reportFormatted(629, fName.asChar());
-    return -1;
-  }
-  image.setPixelFormat(kRGBA8);
-  TportRect rect = size();
-  if (!imagefile::sizeImage(image, rect.width(), rect.height()) || load(image.pixels(), nullptr) != 0) {
-    reportFormatted(630, fName.asChar(), FLstrerror(FLerror()));
-    return -1;
-  }
-  return 0;
+  return imagefile::readWholeImage(*this, fSgi, image, [&](int id, const char* more) {
+    reportFormatted(id, fName.asChar(), more);
+  });
 }
 
 int TimageDiskIO::readImage(Timage& image, unsigned short start, unsigned short count) {
