@@ -361,3 +361,24 @@ TEST(TimageFile, TwoThreadsReadTwoFiles) {
   EXPECT_TRUE(ok2);
   EXPECT_TRUE(ok3);
 }
+
+TEST(TimageFile, MemoryMappedRegion) {
+  // No constructor sets the mapped case; a class built on TimageFile can.
+  struct Mapped : TimageFile {
+    Mapped() { setMapped(true, 4, 2); }
+  };
+  TempDir dir;
+  writeIff(dir.file("m.iff"), 4, 4);
+  auto bytes = readBytes(dir.file("m.iff"));
+  ASSERT_GE(bytes.size(), 32u);
+  Mapped m;
+  ASSERT_EQ(m.open(dir.file("m.iff").c_str(), false), 0);
+  EXPECT_FALSE(m.isActive());  // the pixels come from the view, not an IL image
+  TpixelMap map;
+  ASSERT_EQ(m.readPixelMap(map), 0);
+  EXPECT_EQ(map.width(), 4);
+  EXPECT_FALSE(map.ownsPixels());
+  EXPECT_EQ(std::memcmp(map.pixels(), bytes.data(), 32), 0);  // the file's own bytes
+  TfloatArray depth;
+  EXPECT_EQ(m.readDepthMap(depth), -1);
+}
