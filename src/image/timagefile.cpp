@@ -331,7 +331,8 @@ int TimageFile::readPixelMap(TpixelMap& map) {
   if (fSgi) {
     map.setChannels(4);
     map.setSize(fSgi->xsize, fSgi->ysize);
-    int rc = readSGI(map.pixels(), 0, fSgi->ysize);
+    // A pixel map holds 32767 pixels a side: a larger picture does not fit.
+    int rc = (map.width() == fSgi->xsize && map.height() == fSgi->ysize) ? readSGI(map.pixels(), 0, fSgi->ysize) : -1;
     if (rc) reportFormatted(636, fName.asChar());
     return rc;
   }
@@ -373,6 +374,7 @@ int TimageFile::readPixelMap(TpixelMap& map, unsigned short start, unsigned shor
   Tpixel32* dest = map.pixelPointer(0, start);
   if (!dest) return -1;
   if (fSgi) {
+    if (map.width() < fSgi->xsize) return -1;  // rows go out at the file's width
     int end = std::min(int(start) + int(count), map.height());
     return readSGI(dest, start, end);
   }
