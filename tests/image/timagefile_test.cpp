@@ -382,3 +382,17 @@ TEST(TimageFile, MemoryMappedRegion) {
   TfloatArray depth;
   EXPECT_EQ(m.readDepthMap(depth), -1);
 }
+
+TEST(TimageFile, SgiWiderThanAPixelMapIsRefused) {
+  TempDir dir;
+  writeSgi(dir.file("wide.sgi"), 40000, 2, 1);
+  Reports reports;
+  TimageFile f;
+  ASSERT_EQ(f.identifyAndOpen(dir.file("wide.sgi").c_str()), 0);
+  TpixelMap map;
+  EXPECT_EQ(f.readPixelMap(map), -1);
+  EXPECT_TRUE(reports.has("Cannot read SGI image file"));
+  TpixelMap narrow(100, 2);
+  EXPECT_EQ(f.readPixelMap(narrow, 0, 2), -1);
+  f.close();
+}
