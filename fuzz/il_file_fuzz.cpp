@@ -27,8 +27,11 @@ void readAll(const char* name, bool byLines, bool deep, bool zoom) {
       if (deep) ILsetbpp(im, 2);
       if (byLines) ILctrl(im, ILC_TOPDOWN, 1);
       if (zoom) ILsetsize(im, int32_t(1 + im->width / 3), int32_t(1 + im->height * 2 % 100));
-      // Deep reading keeps the file's channel size, up to four bytes.
-      size_t pixels = size_t(im->width) * im->height;
+      // Deep reading keeps the file's channel size, up to four bytes; a
+      // zoom gives its own size.
+      int32_t w = 0, h = 0;
+      ILgetsize(im, &w, &h);
+      size_t pixels = size_t(w) * size_t(h);
       std::vector<uint8_t> color(pixels * 4 * 4);
       std::vector<float> z(pixels);
       ILload(im, color.data(), z.data());
