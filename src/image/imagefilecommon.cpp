@@ -86,6 +86,13 @@ int readWholeImage(TiffImageFile& file, IMAGE* sgi, Timage& image,
   return 0;
 }
 
+void startPicture(TiffImageFile& file, unsigned short w, unsigned short h, TiffImageFile::TfileCompression compression) {
+  file.setType(3);
+  file.setBytesPerPixel(1);
+  file.setCompression(compression);
+  file.setSize(w, h);
+}
+
 bool directIff(ILimage* image, bool floats) {
   int bytes = ILgetbpp(image);
   return ILgettype(image) != 0 && (bytes == 1 || (floats && bytes == 4)) && !(image->ictl & ILC_TOPDOWN);

@@ -31,6 +31,9 @@ bool directIff(ILimage* image, bool floats);
 int readWholeImage(TiffImageFile& file, IMAGE* sgi, Timage& image,
                    const std::function<void(int id, const char* detail)>& report);
 
+// A new picture's header: colour and alpha at one byte a channel, of w by h.
+void startPicture(TiffImageFile& file, unsigned short w, unsigned short h, TiffImageFile::TfileCompression compression);
+
 // Gives `image` a raster of w by h; false (and no raster) for sizes a
 // Timage cannot hold or memory that cannot be had.
 bool sizeImage(Timage& image, int w, int h);

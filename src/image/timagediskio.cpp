@@ -107,10 +107,7 @@ int TimageDiskIO::create(const Tstring& name, unsigned short w, unsigned short h
     report(620, Tstring(path));
     return -1;
   }
-  setType(3);
-  setBytesPerPixel(1);
-  setCompression(compression);
-  setSize(w, h);
+  imagefile::startPicture(*this, w, h, compression);
   fSpare = false;
   return 0;
 }
