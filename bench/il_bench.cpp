@@ -10,7 +10,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "il/il.h"
+#include "kelpimage/il/il.h"
 
 namespace {
 

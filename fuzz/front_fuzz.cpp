@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <string>
 
-#include "image/timagefile.h"
+#include "kelpimage/image/timagefile.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static std::string name = "/dev/shm/kelp_front_fuzz_" + std::to_string(getpid());

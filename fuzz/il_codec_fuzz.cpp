@@ -2,7 +2,7 @@
 #include <cstring>
 #include <vector>
 
-#include "il/il.h"
+#include "kelpimage/il/il.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 6) return 0;

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "il/il.h"
+#include "kelpimage/il/il.h"
 
 namespace {
 std::string scratchFile() {

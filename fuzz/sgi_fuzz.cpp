@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "sgi/sgi.h"
+#include "kelpimage/sgi/sgi.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static std::string name = "/dev/shm/kelp_sgi_fuzz_" + std::to_string(getpid()) + ".sgi";

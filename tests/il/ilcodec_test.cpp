@@ -5,7 +5,7 @@
 #include <cstring>
 #include <vector>
 
-#include "il/il.h"
+#include "kelpimage/il/il.h"
 
 namespace {
 ILpackinfo info(uint32_t w, uint32_t h, uint32_t bytes, uint32_t bitmask, uint32_t channels, uint32_t size = 0) {

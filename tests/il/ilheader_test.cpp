@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "il/il.h"
+#include "kelpimage/il/il.h"
 #include "testutil.h"
 
 using namespace kelptest;

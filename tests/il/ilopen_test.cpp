@@ -7,7 +7,7 @@
 #include <cstring>
 #include <thread>
 
-#include "il/il.h"
+#include "kelpimage/il/il.h"
 #include "testutil.h"
 
 using namespace kelptest;

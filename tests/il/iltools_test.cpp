@@ -6,7 +6,7 @@
 #include <complex>
 #include <vector>
 
-#include "il/il.h"
+#include "kelpimage/il/il.h"
 #include "testutil.h"
 
 using namespace kelptest;

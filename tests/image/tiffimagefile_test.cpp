@@ -5,7 +5,7 @@
 #include <cstring>
 #include <vector>
 
-#include "image/tiffimagefile.h"
+#include "kelpimage/image/tiffimagefile.h"
 #include "testutil.h"
 
 using namespace kelptest;

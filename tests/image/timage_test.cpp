@@ -8,10 +8,10 @@
 #include <cstring>
 #include <new>
 
-#include "image/base/tarray.h"
-#include "image/tdataimage.h"
-#include "image/timage.h"
-#include "image/ttilelist.h"
+#include "kelpimage/image/base/tarray.h"
+#include "kelpimage/image/tdataimage.h"
+#include "kelpimage/image/timage.h"
+#include "kelpimage/image/ttilelist.h"
 
 TEST(Timage, FormatsSizesAndCopies) {
   Timage empty;

@@ -10,13 +10,13 @@
 #include <thread>
 #include <vector>
 
-#include "image/base/terrorhandler.h"
-#include "image/timagediskio.h"
-#include "image/timagefile.h"
-#include "photoshop/tpsdtexturefile.h"
-#include "plugin/gateway.h"
-#include "sgi/imagebuffer.h"
-#include "sgi/sgi.h"
+#include "kelpimage/image/base/terrorhandler.h"
+#include "kelpimage/image/timagediskio.h"
+#include "kelpimage/image/timagefile.h"
+#include "kelpimage/photoshop/tpsdtexturefile.h"
+#include "kelpimage/plugin/gateway.h"
+#include "kelpimage/image/imagebuffer.h"
+#include "kelpimage/sgi/sgi.h"
 #include "testutil.h"
 
 using namespace kelptest;

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "sgi/sgi.h"
+#include "kelpimage/sgi/sgi.h"
 #include "testutil.h"
 
 using namespace kelptest;

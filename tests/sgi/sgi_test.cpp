@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "image/base/terrorhandler.h"
-#include "sgi/sgi.h"
+#include "kelpimage/image/base/terrorhandler.h"
+#include "kelpimage/sgi/sgi.h"
 #include "testutil.h"
 
 using namespace kelptest;

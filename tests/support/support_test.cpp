@@ -7,9 +7,9 @@
 #include <sstream>
 #include <string>
 
-#include "support/str.h"
-#include "support/tcachedimagebase.h"
-#include "support/tisallocator.h"
+#include "kelpimage/support/str.h"
+#include "kelpimage/support/tcachedimagebase.h"
+#include "kelpimage/support/tisallocator.h"
 
 TEST(TisAllocator, HeapBelowTheThresholdPagesAbove) {
   if (TisAllocator::fsUseMalloc) GTEST_SKIP() << "KELP_USE_MALLOC is set";

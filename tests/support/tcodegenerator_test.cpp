@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "support/tcodegenerator.h"
+#include "kelpimage/support/tcodegenerator.h"
 #include "testutil.h"
 
 using namespace kelptest;

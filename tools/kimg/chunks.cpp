@@ -3,7 +3,7 @@
 #include <string>
 
 #include "commands.h"
-#include "il/il.h"
+#include "kelpimage/il/il.h"
 #include "util.h"
 
 namespace kimg {

@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "commands.h"
-#include "il/il.h"
-#include "image/timagefile.h"
+#include "kelpimage/il/il.h"
+#include "kelpimage/image/timagefile.h"
 #include "sgifiles.h"
 #include "util.h"
 

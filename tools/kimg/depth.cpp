@@ -2,7 +2,7 @@
 #include <vector>
 
 #include "commands.h"
-#include "image/tiffimagefile.h"
+#include "kelpimage/image/tiffimagefile.h"
 #include "util.h"
 
 namespace kimg {

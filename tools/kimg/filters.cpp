@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "commands.h"
-#include "il/il.h"
+#include "kelpimage/il/il.h"
 
 namespace kimg {
 

@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "commands.h"
-#include "il/il.h"
-#include "image/tiffimagefile.h"
+#include "kelpimage/il/il.h"
+#include "kelpimage/image/tiffimagefile.h"
 #include "sgifiles.h"
 #include "util.h"
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "commands.h"
-#include "il/il.h"
+#include "kelpimage/il/il.h"
 #include "util.h"
 
 namespace kimg {

@@ -5,7 +5,7 @@
 #include <fstream>
 #include <vector>
 
-#include "sgi/sgi.h"
+#include "kelpimage/sgi/sgi.h"
 #include "util.h"
 
 namespace kimg {

@@ -3,8 +3,8 @@
 
 #include <string>
 
-#include "il/il.h"
-#include "image/base/tpixelmap.h"
+#include "kelpimage/il/il.h"
+#include "kelpimage/image/base/tpixelmap.h"
 
 namespace kimg {
 

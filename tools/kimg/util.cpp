@@ -3,7 +3,7 @@
 #include <cctype>
 #include <cstdio>
 
-#include "il/il.h"
+#include "kelpimage/il/il.h"
 
 namespace kimg {
 

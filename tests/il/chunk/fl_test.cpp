@@ -5,7 +5,7 @@
 #include <cstring>
 #include <thread>
 
-#include "il/chunk/fl.h"
+#include "kelpimage/il/chunk/fl.h"
 #include "testutil.h"
 
 using namespace kelptest;

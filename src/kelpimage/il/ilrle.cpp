@@ -1,0 +1,228 @@
+// Run length form: planes of bytes, the most significant byte of every
+// present channel first, each plane one long series of packets over the
+// whole tile. A control byte c gives n = (c & 127) + 1; with bit 0x80 one
+// value byte follows for n copies, otherwise n literal bytes.
+#include <algorithm>
+#include <bit>
+#include <climits>
+
+#include "kelpimage/il/ilcodec.h"
+
+using namespace ilcodec;
+
+namespace {
+
+// Memory offset of byte `place` (0 the least significant) in an element.
+inline uint32_t byteOffset(uint32_t place, uint32_t size) {
+  if constexpr (std::endian::native == std::endian::little) return place;
+  else return size - 1 - place;
+}
+
+// The encoder of one plane. It keeps the budget of the whole call and
+// reports running out with false.
+class PlaneEncoder {
+ public:
+  PlaneEncoder(uint8_t*& out, int64_t& budget) : fOut(out), fBudget(budget) {}
+
+  bool encode(const uint8_t* plane, size_t n) {
+    if (n == 0) return true;
+    fCount = 0;
+    fMark = 0;
+    fInRun = false;
+    uint8_t prev = uint8_t(plane[0] ^ 1);
+    for (size_t i = 0; i < n; ++i) {
+      uint8_t c = plane[i];
+      if (fInRun) {
+        if (c == prev && fCount < 128) {
+          ++fCount;
+        } else {
+          if (!run(prev)) return false;
+          fInRun = false;
+          fBuf[0] = c;
+          fCount = 1;
+          fMark = 0;
+        }
+      } else if (fCount >= 128) {
+        if (!literal(128)) return false;
+        fBuf[0] = c;
+        fMark = 0;
+        fCount = 1;
+      } else if (c == prev) {
+        if (fMark == 0) {
+          fInRun = true;
+          fBuf[fCount++] = c;
+        } else if (fCount - fMark < 2) {
+          fBuf[fCount++] = c;
+        } else {
+          // The last three are alike: what stands before them goes as a literal.
+          if (!literal(fMark)) return false;
+          fMark = 0;
+          fInRun = true;
+          fCount = 3;
+        }
+      } else {
+        fMark = fCount;
+        fBuf[fCount++] = c;
+      }
+      prev = c;
+    }
+    return fInRun ? run(prev) : literal(fCount);
+  }
+
+ private:
+  bool run(uint8_t value) {
+    fBudget -= 2;
+    if (fBudget < 1) return false;
+    *fOut++ = uint8_t(0x80 | (fCount - 1));
+    *fOut++ = value;
+    return true;
+  }
+  bool literal(uint32_t n) {
+    if (n == 0) return true;
+    fBudget -= int64_t(n) + 1;
+    if (fBudget < 1) return false;
+    *fOut++ = uint8_t(n - 1);
+    std::memcpy(fOut, fBuf, n);
+    fOut += n;
+    return true;
+  }
+
+  uint8_t*& fOut;
+  int64_t& fBudget;
+  uint8_t fBuf[130];
+  uint32_t fCount = 0, fMark = 0;
+  bool fInRun = false;
+};
+
+// Decodes one plane of `n` bytes into `plane`; false if a packet runs past
+// the plane or the payload.
+bool decodePlane(const uint8_t*& in, const uint8_t* end, uint8_t* plane, size_t n) {
+  size_t done = 0;
+  while (done < n) {
+    if (in >= end) return false;
+    uint8_t c = *in++;
+    size_t count = size_t(c & 127) + 1;
+    if (count > n - done) return false;
+    if (c & 0x80) {
+      if (in >= end) return false;
+      std::memset(plane + done, *in++, count);
+    } else {
+      if (size_t(end - in) < count) return false;
+      std::memcpy(plane + done, in, count);
+      in += count;
+    }
+    done += count;
+  }
+  return true;
+}
+
+// Writes plane bytes into byte `place` of working channel `n` of each pixel.
+void scatter(const Tile& t, uint8_t* base, const uint8_t* plane, int n, uint32_t place, const uint8_t* lut) {
+  uint32_t off = byteOffset(place, t.esize);
+  size_t step = size_t(t.channels) * t.esize;
+  for (uint32_t y = 0; y < t.h; ++y) {
+    uint8_t* p = t.element(base, 0, y, n) + off;
+    const uint8_t* s = plane + size_t(y) * t.w;
+    if (lut) {
+      for (uint32_t x = 0; x < t.w; ++x, p += step) *p = lut[s[x]];
+    } else {
+      for (uint32_t x = 0; x < t.w; ++x, p += step) *p = s[x];
+    }
+  }
+}
+
+// The common shape, four 1-byte channels all present, as whole words.
+void interleave4(const Tile& t, uint8_t* base, const uint8_t* planes) {
+  size_t area = t.pixels();
+  const uint8_t* a = planes;             // working channel 0: alpha
+  const uint8_t* b = planes + area;      // 1: blue
+  const uint8_t* g = planes + 2 * area;  // 2: green
+  const uint8_t* r = planes + 3 * area;  // 3: red
+  for (uint32_t y = 0; y < t.h; ++y) {
+    auto* row = base + size_t(y) * t.stride * 4;
+    size_t o = size_t(y) * t.w;
+    for (uint32_t x = 0; x < t.w; ++x) {
+      uint32_t word = uint32_t(b[o + x]) | uint32_t(g[o + x]) << 8 | uint32_t(r[o + x]) << 16 |
+                      uint32_t(a[o + x]) << 24;
+      if constexpr (std::endian::native == std::endian::big) word = __builtin_bswap32(word);
+      std::memcpy(row + size_t(x) * 4, &word, 4);
+    }
+  }
+}
+
+// One 4-byte channel, as depth is: whole words from four planes.
+void interleaveWords(const Tile& t, uint8_t* base, const uint8_t* planes) {
+  size_t area = t.pixels();
+  for (uint32_t y = 0; y < t.h; ++y) {
+    uint8_t* row = t.element(base, 0, y, t.present[0]);
+    size_t o = size_t(y) * t.w;
+    for (uint32_t x = 0; x < t.w; ++x) {
+      uint32_t v = uint32_t(planes[o + x]) << 24 | uint32_t(planes[area + o + x]) << 16 |
+                   uint32_t(planes[2 * area + o + x]) << 8 | planes[3 * area + o + x];
+      std::memcpy(row + size_t(x) * t.channels * 4, &v, 4);
+    }
+  }
+}
+
+}  // namespace
+
+int ILpackrle(void* dest, void* src, ILpackinfo* info) {
+  Tile t(info, false);
+  size_t area = t.pixels();
+  uint8_t* plane = scratch(area);
+  auto* base = static_cast<uint8_t*>(src);
+  auto* out = static_cast<uint8_t*>(dest);
+  int64_t budget = int64_t(t.storedSize());
+  PlaneEncoder encoder(out, budget);
+  for (uint32_t place = t.bytes; place-- > 0;) {
+    for (int i = 0; i < t.count; ++i) {
+      int n = t.present[i];
+      const uint8_t* lut = t.bytes == 1 ? t.table(n) : nullptr;
+      uint32_t off = byteOffset(place, t.esize);
+      size_t step = size_t(t.channels) * t.esize;
+      for (uint32_t y = 0; y < t.h; ++y) {
+        const uint8_t* p = t.element(base, 0, y, n) + off;
+        uint8_t* d = plane + size_t(y) * t.w;
+        for (uint32_t x = 0; x < t.w; ++x, p += step) d[x] = lut ? lut[*p] : *p;
+      }
+      if (!encoder.encode(plane, area)) return ILpack(dest, src, info);
+    }
+  }
+  int total = int(out - static_cast<uint8_t*>(dest));
+  // Small results are written stored: readers tell the forms apart by size.
+  if (total < 128) return ILpack(dest, src, info);
+  return total;
+}
+
+int ILunpackrle(void* dest, void* src, ILpackinfo* info) {
+  Tile t(info, true);
+  if (info->size == t.storedSize()) return ILunpack(dest, src, info);
+  if (t.bytes != 1 && t.bytes != 2 && t.bytes != 4) return fail();
+  bool reduce = info->reduce != 0;
+  // With `reduce` only the most significant plane of each channel is needed.
+  int planes = reduce ? t.count : t.count * int(t.bytes);
+  size_t area = t.pixels();
+  uint8_t* scratchPlanes = scratch(area * size_t(planes));
+  const auto* in = static_cast<const uint8_t*>(src);
+  const uint8_t* end = in + info->size;
+  for (int k = 0; k < planes; ++k)
+    if (!decodePlane(in, end, scratchPlanes + area * size_t(k), area)) return fail();
+
+  auto* base = static_cast<uint8_t*>(dest);
+  bool lutsAllowed = t.bytes == 1 || reduce;
+  bool anyLut = false;
+  for (int i = 0; i < t.count && lutsAllowed; ++i) anyLut = anyLut || t.table(t.present[i]);
+  if (t.esize == 1 && t.channels == 4 && t.count == 4 && !anyLut) {
+    interleave4(t, base, scratchPlanes);
+  } else if (t.esize == 4 && t.count == 1 && !reduce) {
+    interleaveWords(t, base, scratchPlanes);
+  } else {
+    for (int k = 0; k < planes; ++k) {
+      int n = t.present[k % t.count];
+      uint32_t place = reduce ? 0 : t.bytes - 1 - uint32_t(k / t.count);
+      scatter(t, base, scratchPlanes + area * size_t(k), n, place, lutsAllowed ? t.table(n) : nullptr);
+    }
+  }
+  uint64_t produced = area * uint32_t(t.count) * t.esize;
+  return produced > INT32_MAX ? INT32_MAX : int(produced ? produced : 1);
+}

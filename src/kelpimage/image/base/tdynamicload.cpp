@@ -1,0 +1,21 @@
+#include "kelpimage/image/base/tdynamicload.h"
+
+#include <dlfcn.h>
+
+const char* const TdynamicLoad::kMovieLibraryName = "libkelpmovie.so";
+
+TdynamicLoad::TdynamicLoad(const Tstring& name, int mode) {
+  fHandle = ::dlopen(name.asChar(), (mode == kNow ? RTLD_NOW : RTLD_LAZY) | RTLD_LOCAL);
+  if (!fHandle) {
+    const char* why = ::dlerror();
+    fError = why ? why : "cannot load library";
+  }
+}
+
+TdynamicLoad::~TdynamicLoad() {
+  if (fHandle) ::dlclose(fHandle);
+}
+
+void* TdynamicLoad::symbol(const char* name) const {
+  return fHandle && name ? ::dlsym(fHandle, name) : nullptr;
+}

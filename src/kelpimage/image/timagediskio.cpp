@@ -1,0 +1,210 @@
+#include "kelpimage/image/timagediskio.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "kelpimage/image/base/terrorhandler.h"
+#include "kelpimage/image/base/tfile.h"
+#include "kelpimage/image/imagefilecommon.h"
+#include "kelpimage/plugin/gateway.h"
+
+namespace {
+TstringArray& pluginNames() {
+  static TstringArray names(8);
+  return names;
+}
+}  // namespace
+
+void TimageDiskIO::report(int id, const Tstring& more) const {
+  if (theErrorHandler) theErrorHandler->reportError(Tstring(TstringIdNumber(id)).catenate(more));
+}
+
+void TimageDiskIO::reportFormatted(int id, const char* arg1, const char* arg2) const {
+  if (!theErrorHandler) return;
+  Tstring message;
+  message.format(Tstring(TstringIdNumber(id)), arg1, arg2 ? arg2 : "");
+  theErrorHandler->reportError(message);
+}
+
+Tstring TimageDiskIO::getImageType(const Tstring& name) const {
+  const char* key = pxfFileType(name.asChar());
+  if (!key || std::strcmp(key, "__none_") == 0) return Tstring();
+  return Tstring(key);
+}
+
+int TimageDiskIO::identifyAndOpen(const Tstring& name, bool flag) {
+  Tstring key = getImageType(name);
+  if (key.isEmpty()) return -1;
+  fName = name;
+  bool isIff = false;
+  if (key == "kelp") {
+    if (!TiffImageFile::open(name.asChar(), "r")) {
+      report(619, name);
+      return -1;
+    }
+    if (width() == 0 || height() == 0) return -1;  // the image stays open
+    isIff = imagefile::directIff(fImage, false);
+    TiffImageFile::close();
+  } else if (key == "sgi") {
+    if (IMAGE* sgi = iopen(name.asChar(), "r")) {
+      fSgi = sgi;
+      fAlpha = sgi->zsize == 4;
+      return 0;
+    }
+  }
+  return open(name, isIff, flag);
+}
+
+int TimageDiskIO::open(const Tstring& name, bool isIff, bool) {
+  if (name.isEmpty() || isActive() || fSgi) {
+    report(618);
+    return -1;
+  }
+  fName = name;
+  if (isIff) {
+    if (TiffImageFile::open(name.asChar(), "r")) {
+      fAlpha = (type() & 2) == 2;
+      return 0;
+    }
+    report(619, name);
+    return -1;
+  }
+  fTempName = imagefile::temporaryName(this);
+  std::string path = fTempName;
+  if (anytoiff(name.asChar(), path.c_str(), nullptr, 0) != 0) {
+    Tstring key = getImageType(name);
+    if (key == "kelp" || key == "qvi") {
+      path = name.str();
+      fTempName.clear();
+    } else {
+      report(624);
+      return -1;
+    }
+  }
+  if (TiffImageFile::open(path.c_str(), "r")) {
+    fAlpha = (type() & 2) == 2;
+    return 0;
+  }
+  report(619, Tstring(path));
+  if (path != name.str()) ::unlink(path.c_str());
+  return -1;
+}
+
+int TimageDiskIO::create(const Tstring& name, unsigned short w, unsigned short h, TfileCompression compression,
+                         const char* formatKey) {
+  fName = name;
+  if (isActive() || fSgi) return -1;
+  fFormatKey = formatKey ? formatKey : "";
+  std::string path = name.str();
+  fTempName.clear();
+  if (!fFormatKey.empty()) {
+    fTempName = imagefile::temporaryName(this);
+    path = fTempName;
+  }
+  if (!TiffImageFile::open(path.c_str(), "w")) {
+    report(620, Tstring(path));
+    return -1;
+  }
+  imagefile::startPicture(*this, w, h, compression);
+  fSpare = false;
+  return 0;
+}
+
+void TimageDiskIO::close() {
+  if (fSgi) {
+    iclose(fSgi);
+    fSgi = nullptr;
+    return;
+  }
+  TiffImageFile::close();
+  if (!fFormatKey.empty() && fFormatKey != "kelp" && fFormatKey != "qvi") {
+    if (ifftoany(fTempName.c_str(), fName.asChar(), fFormatKey.c_str()) != 0) {
+      report(622);
+      fTempName.clear();  // the temporary file stays on disk
+      return;
+    }
+    fFormatKey.clear();
+  }
+  if (!fTempName.empty()) {
+    ::unlink(fTempName.c_str());
+    fTempName.clear();
+  }
+}
+
+int TimageDiskIO::getDimensions(unsigned short& w, unsigned short& h, unsigned char& depth) const {
+  if (fSgi) {
+    w = fSgi->xsize;
+    h = fSgi->ysize;
+    depth = static_cast<unsigned char>(fSgi->zsize * 8);
+    return 0;
+  }
+  if (!fImage) return -1;
+  getSize(w, h);
+  depth = fAlpha ? 32 : 24;
+  return 0;
+}
+
+TportRect TimageDiskIO::size() const {
+  unsigned short w = 0, h = 0;
+  if (fSgi) {
+    w = fSgi->xsize;
+    h = fSgi->ysize;
+  } else if (fImage) {
+    getSize(w, h);
+  }
+  return TportRect(0, 0, int16_t(w), int16_t(h));
+}
+
+int TimageDiskIO::readSGI(void* dest, int width, int y0, int y1) {
+  return imagefile::readSGIRows(fSgi, static_cast<uint8_t*>(dest), width, y0, y1, true);
+}
+
+int TimageDiskIO::readImage(Timage& image) {
+  return imagefile::readWholeImage(*this, fSgi, image, [&](int id, const char* more) {
+    reportFormatted(id, fName.asChar(), more);
+  });
+}
+
+int TimageDiskIO::readImage(Timage& image, unsigned short start, unsigned short count) {
+  if (fSgi) {
+    int end = std::min(int(start) + int(count), image.height());
+    return readSGI(image.pixels(0, start), image.width(), start, end);
+  }
+  if (!fImage || start >= image.height()) return -1;
+  return readLine(image.pixels(0, start), nullptr) == 0 ? 0 : -1;
+}
+
+int TimageDiskIO::writeImage(const Timage& image) {
+  setSize(uint16_t(image.width()), uint16_t(image.height()));
+  return writeImage(0, 0, image, image.height());
+}
+
+int TimageDiskIO::writeImage(int, int, const Timage& image, int lines) {
+  for (int y = 0; y < lines && y < image.height(); ++y) writeLine(image.pixels(0, uint16_t(y)), nullptr);
+  return 0;
+}
+
+int TimageDiskIO::writeImage(int x, int y, const Timage& image) { return writeImage(x, y, image, image.height()); }
+
+int TimageDiskIO::writeImageRegion(int left, int right, int top, int bottom, const Timage& image) {
+  if (left < 0 || bottom < 0 || left >= image.width() || bottom >= image.height()) return -1;
+  const auto* start = static_cast<const uint8_t*>(image.pixels()) +
+                      (size_t(bottom) * size_t(image.width()) + size_t(left)) * image.pixelSize();
+  int bounds[4] = {left, bottom, right, top};
+  return writeTile(start, nullptr, bounds, image.width()) == 0 ? 0 : -1;
+}
+
+const TstringArray& TimageDiskIO::availableFormats() {
+  TstringArray& names = pluginNames();
+  if (names.length() > 0) return names;
+  const char* root = KelpGetEnv("KELP_LOCATION");
+  if (!root) {
+    if (theErrorHandler) theErrorHandler->reportError(Tstring(TstringIdNumber(631)));
+    return names;
+  }
+  for (TdirIterator it(Tstring(root) + "/bin/plug-ins/image"); !it.isDone(); it.next())
+    if (it.isFile()) names.addLast(it.name());
+  return names;
+}

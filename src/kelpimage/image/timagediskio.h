@@ -1,0 +1,59 @@
+// The lighter twin of TimageFile for code that works with Timage: the same
+// road through a temporary IFF file for other formats, no lock, no quiet
+// mode, no size limit. For one thread.
+#pragma once
+
+#include <string>
+
+#include "kelpimage/image/base/tstring.h"
+#include "kelpimage/image/timage.h"
+#include "kelpimage/image/tiffimagefile.h"
+#include "kelpimage/sgi/sgi.h"
+#include "kelpimage/kelpexport.h"
+
+class KELP_API TimageDiskIO : public TiffImageFile {
+ public:
+  TimageDiskIO() = default;
+  TimageDiskIO(const TimageDiskIO&) = default;
+  TimageDiskIO& operator=(const TimageDiskIO&) = default;
+  // Closes an open IL image through the base; an SGI image, a temporary
+  // file and the key are left to close().
+  ~TimageDiskIO() override = default;
+
+  int open(const Tstring& name, bool isIff, bool unused = false);
+  Tstring getImageType(const Tstring& name) const;
+  int identifyAndOpen(const Tstring& name, bool flag = false);
+  int create(const Tstring& name, unsigned short w, unsigned short h, TfileCompression compression,
+             const char* formatKey);
+  void close();
+
+  bool isOpen() const { return isActive(); }
+  const Tstring& filename() const { return fName; }
+  int format() const { return 0; }
+  bool alpha() const { return fAlpha; }
+  void setAlpha(bool alpha) { fAlpha = alpha; }
+  int getDimensions(unsigned short& w, unsigned short& h, unsigned char& depth) const;
+  TportRect size() const;
+  void flush() {}
+
+  int readImage(Timage& image);
+  int readImage(Timage& image, unsigned short start, unsigned short count);
+  int readSGI(void* dest, int width, int y0, int y1);
+  int writeImage(const Timage& image);
+  int writeImage(int x, int y, const Timage& image, int lines);
+  int writeImage(int x, int y, const Timage& image);
+  int writeImageRegion(int left, int right, int top, int bottom, const Timage& image);
+
+  static const TstringArray& availableFormats();
+
+ private:
+  void report(int id, const Tstring& more = Tstring()) const;
+  void reportFormatted(int id, const char* arg1, const char* arg2 = nullptr) const;
+
+  bool fAlpha = false;
+  bool fSpare = false;
+  Tstring fName;
+  std::string fTempName;
+  std::string fFormatKey;
+  IMAGE* fSgi = nullptr;
+};

@@ -1,0 +1,455 @@
+#include "kelpimage/image/timagefile.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <strings.h>
+#include <thread>
+
+#include "kelpimage/image/base/terrorhandler.h"
+#include "kelpimage/image/base/tfile.h"
+#include "kelpimage/image/imagefilecommon.h"
+#include "kelpimage/photoshop/tpsdtexturefile.h"
+#include "kelpimage/plugin/gateway.h"
+
+TmtCriticalSection TimageFile::fsCS;
+TstringArray TimageFile::kPluginStringArray(8);
+
+namespace {
+std::atomic<bool> gReporting{true};
+std::atomic<int> gPluginState{0};
+
+bool isKey(const std::string& key, const char* what) { return strcasecmp(key.c_str(), what) == 0; }
+bool isIffKey(const std::string& key) {
+  return isKey(key, "kelp") || isKey(key, "qvi") || isKey(key, "psdLayered");
+}
+}  // namespace
+
+void loadPxfPlugins() {
+  int expected = 0;
+  if (gPluginState.compare_exchange_strong(expected, 1)) {
+    if (loadAllPXFPlugins() != 0) {
+      // Without plug-ins, files of other formats just do not open.
+      Tstring dropped("Image file loader didn't initialize\n");
+    }
+    gPluginState.store(2);
+  }
+  while (gPluginState.load() != 2) std::this_thread::yield();
+}
+
+void TimageFile::setErrorReportingEnabled(bool on) { gReporting.store(on); }
+bool TimageFile::errorReportingEnabled() { return gReporting.load(); }
+
+void TimageFile::report(int id, const Tstring& more) const {
+  if (!gReporting.load() || !theErrorHandler) return;
+  Tstring message{TstringIdNumber(id)};
+  theErrorHandler->reportError(message.catenate(more));
+}
+
+void TimageFile::reportFormatted(int id, const char* arg1, const char* arg2) const {
+  if (!gReporting.load() || !theErrorHandler) return;
+  Tstring message;
+  message.format(Tstring(TstringIdNumber(id)), arg1, arg2 ? arg2 : "");
+  theErrorHandler->reportError(message);
+}
+
+TimageFile::~TimageFile() {
+  if (fMappedView) munmap(fMappedView, size_t(fMappedWidth) * fMappedHeight * 4);
+  fMappedView = nullptr;
+  if (isActive() || fSgi) close();
+}
+
+Tstring TimageFile::getImageType(const Tstring& name, bool describeNonImages) const {
+  Tstring result;
+  if (name.isEmpty()) return result;
+  int fd = ::open(name.asChar(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return result;
+  uint8_t b[12];
+  ssize_t got = ::read(fd, b, sizeof b);
+  ::close(fd);
+  bool final = false;
+  if (got == 12) {
+    if (b[0] == 0x01 && b[1] == 0xDA) {
+      result = "sgi";
+      final = true;
+    } else if (std::memcmp(b, "FOR4", 4) == 0) {
+      bool scene = std::memcmp(b + 8, "Kelp", 4) == 0 || std::memcmp(b + 8, "MPLE", 4) == 0 ||
+                   std::memcmp(b + 8, "KELP", 4) == 0 || std::memcmp(b + 8, "CACH", 4) == 0;
+      if (scene) {
+        if (describeNonImages) result = Tstring(TstringIdNumber(635));
+      } else {
+        result = "kelp";
+      }
+      final = true;
+    } else if (std::memcmp(b, "II*\0", 4) == 0 || std::memcmp(b, "MM\0*", 4) == 0) {
+      result = "tif";
+      loadPxfPlugins();
+      final = true;
+    } else if (b[0] == 0xFF && b[1] == 0xD8 && b[2] == 0xFF && b[3] == 0xE0 && b[6] == 'J' && b[7] == 'F') {
+      result = "jpg";
+      loadPxfPlugins();
+      final = true;
+    } else if (std::memcmp(b, "//Kelp ASCII", 12) == 0) {
+      if (describeNonImages) result = Tstring(TstringIdNumber(634));
+      final = true;
+    } else if (TpsdTextureFile::isFilePsd(name)) {
+      result = "psd";  // a plug-in may still claim it
+    }
+  }
+  if (final) return result;
+  loadPxfPlugins();
+  const char* key;
+  {
+    TmtLock lock = fsCS.acquire();
+    key = pxfFileType(name.asChar());
+  }
+  if (!key) report(625);
+  else if (std::strcmp(key, "__none_") != 0) result = key;
+  return result;
+}
+
+int TimageFile::identifyAndOpen(const Tstring& name, bool flag, int frame) {
+  Tstring key = getImageType(name, false);
+  if (key.isEmpty()) return -1;
+  fName = name;
+  bool isIff = false;
+  if (key == "kelp") {
+    TmtLock lock = fsCS.acquire();
+    if (!TiffImageFile::open(name.asChar(), "r")) {
+      lock.release();
+      report(619, name);
+      return -1;
+    }
+    unsigned short w = width(), h = height();
+    if (w == 0 || h == 0 || w >= 8193 || h >= 8193) {
+      // This one is said whatever the reporting switch, and the image stays open.
+      if (theErrorHandler) theErrorHandler->reportError(Tstring(TstringIdNumber(621)).catenate(name));
+      return -1;
+    }
+    isIff = imagefile::directIff(fImage, true);
+    TiffImageFile::close();
+  } else if (key == "sgi") {
+    if (IMAGE* sgi = iopen(name.asChar(), "r")) {
+      fSgi = sgi;
+      fAlpha = sgi->zsize == 4;
+      return 0;
+    }
+  }
+  return open(name, isIff, flag, frame);
+}
+
+int TimageFile::open(const Tstring& name, bool isIff, bool, int frame) {
+  if (name.isEmpty()) {
+    report(618);
+    return -1;
+  }
+  fName = name;
+  if (isActive() || fSgi) {
+    report(618);
+    return -1;
+  }
+  if (isIff) {
+    TmtLock lock = fsCS.acquire();
+    if (TiffImageFile::open(name.asChar(), "r")) {
+      fAlpha = (type() & 2) == 2;
+      return 0;
+    }
+    lock.release();
+    report(619, name);
+    return -1;
+  }
+  fTempName = imagefile::temporaryName(this);
+  loadPxfPlugins();
+  std::string path = fTempName;
+  Tstring key = getImageType(name, false);
+  if (!key.isEmpty()) {
+    TmtLock lock = fsCS.acquire();
+    bool converted = false;
+    if (key == "kelp" || key == "qvi") {
+      if (!TiffImageFile::open(name.asChar(), "r")) {
+        lock.release();
+        report(619, name);
+        return -1;
+      }
+      bool direct = imagefile::directIff(fImage, true);
+      TiffImageFile::close();
+      if (direct) {
+        path = name.str();
+        fTempName.clear();
+        converted = true;
+      }
+    }
+    if (!converted && anytoiff(name.asChar(), path.c_str(), nullptr, frame) != 0) {
+      lock.release();
+      report(624);
+      return -1;
+    }
+  }
+  if (fMapped) return openMapped(path);
+  TmtLock lock = fsCS.acquire();
+  if (TiffImageFile::open(path.c_str(), "r")) {
+    fAlpha = (type() & 2) == 2;
+    return 0;
+  }
+  lock.release();
+  report(619, Tstring(path));
+  if (path != name.str()) ::unlink(path.c_str());
+  return -1;
+}
+
+int TimageFile::openMapped(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+  if (fd < 0) {
+    report(619, Tstring(path));
+    ::unlink(path.c_str());
+    return -1;
+  }
+  size_t bytes = size_t(fMappedWidth) * fMappedHeight * 4;
+  void* view = bytes ? mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
+  ::close(fd);
+  if (view == MAP_FAILED) {
+    if (theErrorHandler && gReporting.load()) theErrorHandler->reportError("Failed to open memory mapped region.");
+    ::unlink(path.c_str());
+    return -1;
+  }
+  fMappedView = view;
+  return 0;
+}
+
+int TimageFile::create(const Tstring& name, unsigned short w, unsigned short h, TfileCompression compression,
+                       const char* formatKey) {
+  fName = name;
+  if (isActive() || fSgi) return -1;
+  fFormatKey = formatKey ? formatKey : "";
+  std::string path;
+  if (!fFormatKey.empty() && !isIffKey(fFormatKey)) {
+    fTempName = imagefile::temporaryName(this);
+    path = fTempName;
+  } else {
+    path = name.str();
+    fTempName.clear();
+  }
+  TmtLock lock = fsCS.acquire();
+  if (!TiffImageFile::open(path.c_str(), "w")) {
+    lock.release();
+    report(620, Tstring(path));
+    return -1;
+  }
+  imagefile::startPicture(*this, w, h, compression);
+  fSpare = false;
+  return 0;
+}
+
+int TimageFile::close() {
+  if (fSgi) {
+    iclose(fSgi);
+    fSgi = nullptr;
+    return 0;
+  }
+  TmtLock lock = fsCS.acquire();
+  TiffImageFile::close();
+  if (!fFormatKey.empty() && !isIffKey(fFormatKey)) {
+    loadPxfPlugins();
+    if (ifftoany(fTempName.c_str(), fName.asChar(), fFormatKey.c_str()) != 0) {
+      fTempName.clear();  // the temporary file stays on disk
+      return -1;
+    }
+    fFormatKey.clear();
+  }
+  if (!fTempName.empty()) {
+    ::unlink(fTempName.c_str());
+    fTempName.clear();
+  }
+  return 0;
+}
+
+int TimageFile::getResolutionInAdvance(const Tstring& name, unsigned int& w, unsigned int& h) {
+  if (name.isEmpty()) {
+    report(619, name);
+    return -1;
+  }
+  if (isActive() || fSgi) {
+    report(618);
+    return -1;
+  }
+  Tstring key = getImageType(name, false);
+  if (key.isEmpty()) return -1;
+  TmtLock lock = fsCS.acquire();
+  if (key == "kelp" || key == "qvi") {
+    if (!TiffImageFile::open(name.asChar(), "r")) {
+      lock.release();
+      report(619, name);
+      return -1;
+    }
+    unsigned short sw, sh;
+    getSize(sw, sh);
+    w = sw;
+    h = sh;
+    TiffImageFile::close();
+    return 0;
+  }
+  loadPxfPlugins();
+  return getResolution(name.asChar(), w, h) == 0 ? 0 : -1;
+}
+
+bool TimageFile::hasDepthMap() const { return !fSgi && fImage && (ILgettype(fImage) & 4); }
+
+bool TimageFile::hasRGB() const {
+  if (fSgi) return fSgi->zsize >= 3;
+  return fImage && (ILgettype(fImage) & 1);
+}
+
+int TimageFile::getDimensions(unsigned short& w, unsigned short& h, unsigned char& depth) const {
+  getSize(w, h);
+  depth = fAlpha ? 32 : 24;
+  return 0;
+}
+
+TportRect TimageFile::size() const {
+  unsigned short w = 0, h = 0;
+  getSize(w, h);
+  return TportRect(0, 0, int16_t(w), int16_t(h));
+}
+
+int TimageFile::readSGI(void* dest, int width, int y0, int y1) {
+  return imagefile::readSGIRows(fSgi, static_cast<uint8_t*>(dest), width, y0, y1, true);
+}
+
+int TimageFile::readSGI(Tpixel32* dest, int y0, int y1) {
+  if (!fSgi) return -1;
+  return imagefile::readSGIRows(fSgi, reinterpret_cast<uint8_t*>(dest), fSgi->xsize, y0, y1, false);
+}
+
+int TimageFile::readPixelMap(TpixelMap& map) {
+  if (fSgi) {
+    map.setChannels(4);
+    map.setSize(fSgi->xsize, fSgi->ysize);
+    // A pixel map holds 32767 pixels a side: a larger picture does not fit.
+    int rc = (map.width() == fSgi->xsize && map.height() == fSgi->ysize) ? readSGI(map.pixels(), 0, fSgi->ysize) : -1;
+    if (rc) reportFormatted(636, fName.asChar());
+    return rc;
+  }
+  if (fMapped && fMappedView) {
+    map.setPixelPtr(static_cast<Tpixel32*>(fMappedView), TportRect(0, 0, int16_t(fMappedWidth), int16_t(fMappedHeight)));
+    return 0;
+  }
+  if (!fImage) return -1;
+  if (!(ILgettype(fImage) & 1)) {
+    reportFormatted(628, fName.asChar());
+    return -1;
+  }
+  bool floats = bytesPerPixel() == 4;
+  if (!floats && ILsetbpp(fImage, 1) != 0) {
+    reportFormatted(629, fName.asChar());
+    return -1;
+  }
+  TportRect fileRect = size();
+  if (static_cast<const TportRect&>(map) == TportRect()) {
+    map.setSize(fileRect.width(), fileRect.height());
+  } else if (static_cast<const TportRect&>(map) != fileRect) {
+    setZoom(uint16_t(map.width()), uint16_t(map.height()), 0, 0, 0.5f, 0.5f);
+  }
+  if (!map.pixels()) return -1;
+  int rc = floats ? loadFloatToByte(map.pixels(), nullptr) : load(map.pixels(), nullptr);
+  if (rc) {
+    reportFormatted(630, fName.asChar(), FLstrerror(FLerror()));
+    return -1;
+  }
+  if (fImage->ictl & ILC_TOPDOWN) map.verticalFlip();
+  return 0;
+}
+
+int TimageFile::readPixelMap(TpixelMap& map, unsigned short start, unsigned short count) {
+  if (fMapped && fMappedView) {
+    map.setPixelPtr(static_cast<Tpixel32*>(fMappedView), TportRect(0, 0, int16_t(fMappedWidth), int16_t(fMappedHeight)));
+    return 0;
+  }
+  Tpixel32* dest = map.pixelPointer(0, start);
+  if (!dest) return -1;
+  if (fSgi) {
+    if (map.width() < fSgi->xsize) return -1;  // rows go out at the file's width
+    int end = std::min(int(start) + int(count), map.height());
+    return readSGI(dest, start, end);
+  }
+  if (!fImage) return -1;
+  return readLine(dest, nullptr) == 0 ? 0 : -1;
+}
+
+int TimageFile::readImage(Timage& image) {
+  return imagefile::readWholeImage(*this, fSgi, image, [&](int id, const char* more) {
+    reportFormatted(id, fName.asChar(), more);
+  });
+}
+
+int TimageFile::readImage(Timage& image, unsigned short start, unsigned short count) {
+  if (fSgi) {
+    if (count == 0) return 0;
+    int end = std::min(int(start) + int(count), image.height());
+    return readSGI(image.pixels(0, start), image.width(), start, end);
+  }
+  if (count == 0 || !fImage) return -1;
+  for (unsigned short i = 0; i < count && start + i < image.height(); ++i)
+    if (int rc = readLine(image.pixels(0, uint16_t(start + i)), nullptr)) return rc;
+  return 0;
+}
+
+int TimageFile::readDepthMap(TfloatArray& depth) {
+  if (fMapped || fSgi || !fImage) return -1;
+  unsigned short w, h;
+  getSize(w, h);
+  depth.changeLogicalSizeTo(int(h) * int(w));
+  if (load(nullptr, static_cast<float*>(depth.data())) != 0) {
+    reportFormatted(630, fName.asChar(), FLstrerror(FLerror()));
+    return -1;
+  }
+  return 0;
+}
+
+int TimageFile::writePixelMap(const TpixelMap& map) {
+  setSize(uint16_t(map.width()), uint16_t(map.height()));
+  for (int y = 0; y < map.height(); ++y)
+    if (writeLine(map.pixelPointer(Tpoint(0, y)), nullptr) != 0) return -1;
+  return 0;
+}
+
+int TimageFile::writePixelMap(int, int, const TpixelMap& map, int lines) {
+  for (int y = 0; y < lines && y < map.height(); ++y)
+    if (writeLine(map.pixelPointer(Tpoint(0, y)), nullptr) != 0) return -1;
+  return 0;
+}
+
+int TimageFile::writePixelMap(int x, int y, const TpixelMap& map) { return writePixelMap(x, y, map, map.height()); }
+
+int TimageFile::writePixelMapRegion(int left, int right, int top, int bottom, const TpixelMap& map) {
+  const Tpixel32* start = map.pixelPointer(left, bottom);
+  if (!start) return -1;
+  int bounds[4] = {left, bottom, right, top};
+  return writeTile(start, nullptr, bounds, map.width()) == 0 ? 0 : -1;
+}
+
+const TstringArray& TimageFile::availableFormats() {
+  TmtLock lock = fsCS.acquire();
+  if (kPluginStringArray.length() > 0) return kPluginStringArray;
+  const char* root = KelpGetEnv("KELP_LOCATION");
+  if (!root) {
+    if (theErrorHandler && gReporting.load()) theErrorHandler->reportError(Tstring(TstringIdNumber(631)));
+    return kPluginStringArray;
+  }
+  Tstring dir = Tstring(root) + "/bin/plug-ins/image/";
+  if (!TfilePath(dir).isDirectory()) {
+    if (theErrorHandler && gReporting.load()) theErrorHandler->reportError(Tstring(TstringIdNumber(632)) + dir);
+    return kPluginStringArray;
+  }
+  for (TdirIterator it(dir); !it.isDone(); it.next()) {
+    const Tstring& name = it.name();
+    // Plug-ins are shared libraries.
+    if (name[0] != '.' && name.extension() == "so") kPluginStringArray.addLast(name);
+  }
+  return kPluginStringArray;
+}
+
+void TimageFile::getClientAddressSpace(char* name) { std::sprintf(name, "%x", unsigned(getpid()) % 0xffffffu); }
