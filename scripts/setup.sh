@@ -1,11 +1,15 @@
 #!/usr/bin/env bash
 # Installs what building and testing kelp-image needs on a Debian machine.
-# Does nothing when everything is there already.
+# Does nothing when everything is there already. With the argument "fuzz" it
+# also installs clang and its fuzzing runtime, for the fuzz preset.
 set -euo pipefail
 
-packages=(g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev
+packages=(g++ cmake ninja-build pkg-config python3 libgtest-dev libgmock-dev libbenchmark-dev
           libcli11-dev zlib1g-dev libmuparser-dev gzip binutils-mips-linux-gnu
           imagemagick netpbm)
+if [ "${1:-}" = fuzz ]; then
+  packages+=(clang libclang-rt-14-dev)
+fi
 
 missing=()
 for p in "${packages[@]}"; do

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Sets up, builds and runs the test suite. The first argument names the
-# build: default, asan (AddressSanitizer and UndefinedBehaviorSanitizer) or
-# tsan (ThreadSanitizer); a second one runs only the tests whose names match it.
+# build: default, release, asan (AddressSanitizer and UndefinedBehaviorSanitizer)
+# or tsan (ThreadSanitizer); a second one runs only the tests whose names match it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 preset="${1:-default}"

@@ -17,7 +17,11 @@ namespace {
 std::string valueText(const uint8_t* v, uint32_t n) {
   bool printable = true;
   for (uint32_t i = 0; i < n; ++i) printable = printable && std::isprint(v[i]);
-  if (printable) return "\"" + std::string(reinterpret_cast<const char*>(v), n) + "\"";
+  if (printable) {
+    std::string text(1, '"');
+    text.append(reinterpret_cast<const char*>(v), n);
+    return text += '"';
+  }
   std::string hex;
   char b[4];
   for (uint32_t i = 0; i < n && i < 32; ++i) {
