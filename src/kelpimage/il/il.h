@@ -43,6 +43,7 @@ enum : int {
   IL_EDONE = 107,       // pixels already finished, or the tile group ended early
   IL_ENOCODEC = 108,    // the compressor number has no function
   IL_ENOBITMAP = 109,   // no tile group follows the header
+  IL_ENOSOURCE = 110,   // a zoom record has no source of lines
   IL_EOUTFILTER = 111,  // an output filter failed
   IL_ENOFILTER = 112,   // zoom filter program not found
 };

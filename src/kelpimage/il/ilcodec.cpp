@@ -65,12 +65,12 @@ int ILpack(void* dest, void* src, ILpackinfo* info) {
         } else if (t.bytes == 2) {
           uint16_t v;
           std::memcpy(&v, e, 2);
-          ILputbe16(out, v);
+          kelp::putBE16(out, v);
           out += 2;
         } else {
           uint32_t v;
           std::memcpy(&v, e, 4);
-          ILputbe32(out, v);
+          kelp::putBE32(out, v);
           out += 4;
         }
       }
@@ -92,10 +92,10 @@ int ILunpack(void* dest, void* src, ILpackinfo* info) {
           const uint8_t* lut = t.table(n);
           *e = lut ? lut[in[0]] : in[0];
         } else if (t.bytes == 2) {
-          uint16_t v = ILbe16(in);
+          uint16_t v = kelp::getBE16(in);
           std::memcpy(e, &v, 2);
         } else {
-          uint32_t v = ILbe32(in);
+          uint32_t v = kelp::getBE32(in);
           std::memcpy(e, &v, 4);
         }
         in += t.bytes;

@@ -84,7 +84,7 @@ int ILreadfields(ILimage* image) {
   while (size - at >= 8) {
     uint32_t ftag;
     std::memcpy(&ftag, data + at, 4);  // the tag word lies as the writer's machine had it
-    uint32_t length = ILbe32(data + at + 4);
+    uint32_t length = kelp::getBE32(data + at + 4);
     if (ftag == 0 || length == 0) break;
     if (length > size - at - 8) return ILfail(FL_EFIT);
     if (ILfield* field = storeField(image, ftag, length, data + at + 8))
@@ -108,7 +108,7 @@ int ILwritefields(ILimage* image) {
     auto* field = reinterpret_cast<ILfield*>(n);
     uint32_t padded = round4(field->length);
     std::memcpy(p, &field->node.type, 4);
-    ILputbe32(p + 4, field->length);
+    kelp::putBE32(p + 4, field->length);
     std::memcpy(p + 8, field->value, padded);  // the rounding bytes are zero
     swapValue(p + 8, padded, field->node.type);
     p += 8 + padded;

@@ -33,29 +33,29 @@ const std::string& authorStamp() {
 }
 
 void decodeHeader(ILimage* image, const uint8_t* b) {
-  image->width = ILbe32(b);
-  image->height = ILbe32(b + 4);
-  image->prnum = ILbe16(b + 8);
-  image->prden = ILbe16(b + 10);
-  image->type = ILbe32(b + 12);
-  image->bytes = uint16_t(ILbe16(b + 16) + 1);
-  image->pages = ILbe16(b + 18);
-  image->compress = ILbe32(b + 20);
-  image->orgx = int32_t(ILbe32(b + 24));
-  image->orgy = int32_t(ILbe32(b + 28));
+  image->width = kelp::getBE32(b);
+  image->height = kelp::getBE32(b + 4);
+  image->prnum = kelp::getBE16(b + 8);
+  image->prden = kelp::getBE16(b + 10);
+  image->type = kelp::getBE32(b + 12);
+  image->bytes = uint16_t(kelp::getBE16(b + 16) + 1);
+  image->pages = kelp::getBE16(b + 18);
+  image->compress = kelp::getBE32(b + 20);
+  image->orgx = int32_t(kelp::getBE32(b + 24));
+  image->orgy = int32_t(kelp::getBE32(b + 28));
 }
 
 void encodeHeader(const ILimage* image, uint8_t* b) {
-  ILputbe32(b, image->width);
-  ILputbe32(b + 4, image->height);
-  ILputbe16(b + 8, image->prnum);
-  ILputbe16(b + 10, image->prden);
-  ILputbe32(b + 12, image->type);
-  ILputbe16(b + 16, uint16_t(image->bytes - 1));
-  ILputbe16(b + 18, image->pages);
-  ILputbe32(b + 20, image->compress);
-  ILputbe32(b + 24, uint32_t(image->orgx));
-  ILputbe32(b + 28, uint32_t(image->orgy));
+  kelp::putBE32(b, image->width);
+  kelp::putBE32(b + 4, image->height);
+  kelp::putBE16(b + 8, image->prnum);
+  kelp::putBE16(b + 10, image->prden);
+  kelp::putBE32(b + 12, image->type);
+  kelp::putBE16(b + 16, uint16_t(image->bytes - 1));
+  kelp::putBE16(b + 18, image->pages);
+  kelp::putBE32(b + 20, image->compress);
+  kelp::putBE32(b + 24, uint32_t(image->orgx));
+  kelp::putBE32(b + 28, uint32_t(image->orgy));
 }
 
 // Reads the file's header on the first call on a read handle.
@@ -72,7 +72,7 @@ bool readHeader(ILimage* image) {
     if (tag == IL_TBHD) break;
     if (tag == IL_FVER) {
       uint8_t v[4];
-      if (FLget(image, v, 4) == 4) image->version = ILbe32(v);
+      if (FLget(image, v, 4) == 4) image->version = kelp::getBE32(v);
     }
     FLendget(image);
   }
@@ -121,7 +121,7 @@ int ILputheader(ILimage* image) {
   if (headerFixed(image)) return 0;
 
   uint8_t v[4];
-  ILputbe32(v, image->version);
+  kelp::putBE32(v, image->version);
   if (FLputchunk(image, IL_FVER, 4, v)) return flerrno;
 
   auto* b = static_cast<uint8_t*>(FLbgnwbchunk(image, IL_TBHD, kTbhdSize));

@@ -1,6 +1,8 @@
 // Opening, advancing and closing image handles; the control words; the
 // conversion filters for files outside the format; the image search path.
+#include <algorithm>
 #include <cstring>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -102,10 +104,10 @@ void giveBackReadAhead(FLfile* f) {
   size_t n = 0;
   if (g->gflags & FLG_AHEAD) {
     std::memcpy(bytes, &g->gtag, 4);
-    ILputbe32(bytes + 4, g->gsize);
+    kelp::putBE32(bytes + 4, g->gsize);
     n = 8;
     if (g->gflags & FLG_FORMAHEAD) {
-      ILputbe32(bytes + 8, g->gnextform);
+      kelp::putBE32(bytes + 8, g->gnextform);
       n = 12;
     }
     g->gtag = g->gsize = 0;
@@ -188,17 +190,17 @@ ILimage* openWorker(ILimage* image, const char* mode) {
 
 // The image search path, rebuilt when the work directory changes. Paths
 // replaced here stay allocated, since another thread may still be searching one.
+// One search path per work directory, for the kPaths most recent ones: going
+// back and forth between directories makes no new paths, and a path handed
+// to an open stays valid until that many other directories have come since.
 struct PathCache {
   std::mutex lock;
-  const char* work = nullptr;
-  uint32_t stamp = 0;
-  FLpath* path = nullptr;
-  std::vector<FLpath*> retired;
+  std::list<std::pair<std::string, FLpath*>> paths;  // the most recent last
   ~PathCache() {
-    FLfreepath(path);
-    for (FLpath* p : retired) FLfreepath(p);
+    for (auto& entry : paths) FLfreepath(entry.second);
   }
 };
+constexpr size_t kPaths = 256;
 PathCache& pathCache() {
   static PathCache c;
   return c;
@@ -220,17 +222,23 @@ void ILdropzoom(ILimage* image) {
 }
 
 FLpath* ILgetpath() {
-  uint32_t stamp = 0;
-  const char* work = FLgetwork(&stamp);
+  std::string work = FLgetwork(nullptr);
   PathCache& c = pathCache();
   std::lock_guard<std::mutex> guard(c.lock);
-  if (c.path && work == c.work && stamp == c.stamp) return c.path;
-  if (c.path) c.retired.push_back(c.path);
-  std::string dirs = std::string(".;") + work + "/image;" + work + "/tex";
-  c.path = FLbuildpath(dirs.c_str());
-  c.work = work;
-  c.stamp = stamp;
-  return c.path;
+  auto known = std::find_if(c.paths.begin(), c.paths.end(), [&](const auto& e) { return e.first == work; });
+  if (known != c.paths.end()) {
+    c.paths.splice(c.paths.end(), c.paths, known);
+    return c.paths.back().second;
+  }
+  std::string dirs = ".;" + work + "/image;" + work + "/tex";
+  FLpath* path = FLbuildpath(dirs.c_str());
+  if (!path) return nullptr;
+  c.paths.emplace_back(work, path);
+  if (c.paths.size() > kPaths) {
+    FLfreepath(c.paths.front().second);
+    c.paths.pop_front();
+  }
+  return path;
 }
 
 ILimage* ILopen(const char* name, const char* mode) {

@@ -308,7 +308,7 @@ bool validSize(const ILimage* im) { return im->width >= 1 && im->width <= 65535 
 bool ILreadrect(ILimage* im, uint16_t r[4]) {
   uint8_t b[8];
   if (FLget(im, b, 8) != 8) return false;
-  for (int i = 0; i < 4; ++i) r[i] = ILbe16(b + 2 * i);
+  for (int i = 0; i < 4; ++i) r[i] = kelp::getBE16(b + 2 * i);
   return r[0] <= r[2] && r[1] <= r[3] && r[2] < im->width && r[3] < im->height;
 }
 

@@ -144,7 +144,7 @@ void interleave4(const Tile& t, uint8_t* base, const uint8_t* planes) {
     for (uint32_t x = 0; x < t.w; ++x) {
       uint32_t word = uint32_t(b[o + x]) | uint32_t(g[o + x]) << 8 | uint32_t(r[o + x]) << 16 |
                       uint32_t(a[o + x]) << 24;
-      if constexpr (std::endian::native == std::endian::big) word = __builtin_bswap32(word);
+      if constexpr (std::endian::native == std::endian::big) word = kelp::swap32(word);
       std::memcpy(row + size_t(x) * 4, &word, 4);
     }
   }

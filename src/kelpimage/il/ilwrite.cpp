@@ -9,7 +9,7 @@ namespace {
 bool topdown(const ILimage* im) { return im->ictl & ILC_TOPDOWN; }
 
 void putRect(uint8_t* p, const int32_t r[4]) {
-  for (int i = 0; i < 4; ++i) ILputbe16(p + 2 * i, uint16_t(r[i]));
+  for (int i = 0; i < 4; ++i) kelp::putBE16(p + 2 * i, uint16_t(r[i]));
 }
 
 // Writes the `waterline` lines of the band as one row of tiles.

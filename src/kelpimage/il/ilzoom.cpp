@@ -247,7 +247,7 @@ void ILzoomsize(const ILzoom* z, int32_t* w, int32_t* h) {
 
 int ILsetzoom(ILimage* im, const char* filter, int32_t width, int32_t height, float blurX, float blurY,
               float offsetX, float offsetY) {
-  if (!(im->ictl & ILC_READ)) return ILfail(24);
+  if (!(im->ictl & ILC_READ)) return ILfail(FL_ENOTREAD);
   if (!ILgetheader(im)) return flerrno;
   if (!im->zoom && !filter && uint32_t(width) == im->width && uint32_t(height) == im->height && blurX == 0.0f &&
       blurY == 0.0f && offsetX == 0.5f && offsetY == 0.5f)

@@ -227,7 +227,7 @@ int readFiltered(ILzoom* z, void* color, float* depth) {
 }  // namespace
 
 int ILreadzoom(ILzoom* z, void* color, float* depth) {
-  if (!z || !z->callback) return ILfail(110);
+  if (!z || !z->callback) return ILfail(IL_ENOSOURCE);
   if (z->identity) return readIdentity(z, color, depth);
   if (!z->activeY) return readNearest(z, color, depth);
   return readFiltered(z, color, depth);
@@ -235,7 +235,7 @@ int ILreadzoom(ILzoom* z, void* color, float* depth) {
 
 int ILgetzoom(void* record, uint8_t** color, float** depth) {
   auto* z = static_cast<ILzoom*>(record);
-  if (!z || !z->callback) return ILfail(110);
+  if (!z || !z->callback) return ILfail(IL_ENOSOURCE);
   if (z->identity && (z->mode == 0 || z->mode == 3)) {
     z->row++;
     return z->callback(z->arg, color, depth);

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <vector>
 
+#include "kelpimage/byteorder.h"
 #include "kelpimage/image/base/terrorhandler.h"
 
 namespace {
@@ -28,8 +29,8 @@ void report(const char* format, ...) {
   if (theErrorHandler) theErrorHandler->reportError(Tstring("SGI image: ") + text);
 }
 
-uint16_t swap16(uint16_t v) { return uint16_t((v << 8) | (v >> 8)); }
-uint32_t swap32(uint32_t v) { return __builtin_bswap32(v); }
+using kelp::swap16;
+using kelp::swap32;
 
 unsigned storage(const IMAGE* im) { return im->type & 0xFF00; }
 unsigned bpp(const IMAGE* im) { return im->type & 0x00FF; }
@@ -382,8 +383,8 @@ int getrow(IMAGE* im, uint16_t* buffer, unsigned y, unsigned z) {
   return -1;
 }
 
-int putrow(IMAGE* im, const uint16_t* buffer, unsigned y, unsigned z) {
-  if (!(im->flags & (kWrite | kReadWrite))) return -1;
+namespace {
+int putrowOnce(IMAGE* im, const uint16_t* buffer, unsigned y, unsigned z) {
   if (im->dim < 2) y = 0;
   if (im->dim < 3) z = 0;
   unsigned width = bpp(im);
@@ -440,34 +441,46 @@ int putrow(IMAGE* im, const uint16_t* buffer, unsigned y, unsigned z) {
   return -1;
 }
 
+// The header and, for run-length files, the row tables, at the end of a write.
+bool writeHeaderAndTables(IMAGE* im) {
+  uint8_t header[152];
+  headerOut(im, header);
+  if (!seekTo(im, 0) || !writeBytes(im, header, sizeof header)) {
+    report("iclose: error on write of image header\n");
+    return false;
+  }
+  if (storage(im) != SGI_RLE) return true;
+  size_t bytes = tableBytes(im);
+  std::vector<uint32_t> table(im->rowstart, im->rowstart + bytes / 4);
+  if (im->swapped) swapTable(table.data(), table.size());
+  if (!seekTo(im, kRowsAt) || !writeBytes(im, table.data(), bytes)) {
+    report("iclose: error on write of rowstart\n");
+    return false;
+  }
+  std::memcpy(table.data(), im->rowsize, bytes);
+  if (im->swapped) swapTable(table.data(), table.size());
+  if (!writeBytes(im, table.data(), bytes)) {
+    report("iclose: error on write of rowsize\n");
+    return false;
+  }
+  return true;
+}
+}  // namespace
+
+int putrow(IMAGE* im, const uint16_t* buffer, unsigned y, unsigned z) {
+  if (!(im->flags & (kWrite | kReadWrite))) return -1;
+  int written = putrowOnce(im, buffer, y, z);
+  // A row that did not reach the file makes the whole file fail at iclose.
+  if (written < 0) im->flags |= kError;
+  return written;
+}
+
+// A file that was written fails to close when any row, the header or a table
+// did not reach it; the record is freed either way.
 int iclose(IMAGE* im) {
   if (!im) return -1;
-  if ((im->flags & kWrite) && im->base && im->ptr > im->base) {
-    if (putrow(im, im->base, im->y, im->z) != im->xsize) im->flags |= kError;
-  }
-  if (im->flags & kWrite) {
-    uint8_t header[152];
-    headerOut(im, header);
-    if (!seekTo(im, 0) || !writeBytes(im, header, sizeof header)) {
-      report("iclose: error on write of image header\n");
-      return -1;
-    }
-    if (storage(im) == SGI_RLE) {
-      size_t bytes = tableBytes(im);
-      std::vector<uint32_t> table(im->rowstart, im->rowstart + bytes / 4);
-      if (im->swapped) swapTable(table.data(), table.size());
-      if (!seekTo(im, kRowsAt) || !writeBytes(im, table.data(), bytes)) {
-        report("iclose: error on write of rowstart\n");
-        return -1;
-      }
-      std::memcpy(table.data(), im->rowsize, bytes);
-      if (im->swapped) swapTable(table.data(), table.size());
-      if (!writeBytes(im, table.data(), bytes)) {
-        report("iclose: error on write of rowsize\n");
-        return -1;
-      }
-    }
-  }
+  bool ok = !(im->flags & kError);
+  if (im->flags & kWrite) ok = writeHeaderAndTables(im) && ok;
   std::free(im->base);
   std::free(im->tmpbuf);
   std::free(im->rowstart);
@@ -475,65 +488,5 @@ int iclose(IMAGE* im) {
   int rc = ::close(im->file);
   if (rc != 0) report("iclose: error on close of file\n");
   std::free(im);
-  return rc;
+  return ok && rc == 0 ? 0 : -1;
 }
-
-namespace sgisample {
-// Per-sample access through `base`, `ptr` and `cnt`; iclose writes out a partial row.
-int getpix(IMAGE* im) {
-  if (!(im->flags & (kRead | kReadWrite))) return -1;
-  if (--im->cnt >= 0) return *im->ptr++;
-  if (!im->base) {
-    im->base = static_cast<uint16_t*>(std::malloc(im->bufsize));
-    if (!im->base) {
-      report("can't alloc image buffer\n");
-      return -1;
-    }
-  }
-  if (im->z >= im->zsize) {
-    im->flags |= kEof;
-    im->cnt = 0;
-    return -1;
-  }
-  int got = getrow(im, im->base, im->y, im->z);
-  if (got <= 0) {
-    im->flags |= got == 0 ? kEof : kError;
-    im->cnt = 0;
-    return -1;
-  }
-  if (++im->y >= im->ysize) {
-    im->y = 0;
-    if (++im->z >= im->zsize) {
-      im->z = uint16_t(im->zsize - 1);
-      im->flags |= kEof;
-    }
-  }
-  im->ptr = im->base;
-  im->cnt = int16_t(got - 1);
-  return *im->ptr++;
-}
-
-int putpix(IMAGE* im, unsigned pixel) {
-  if (!(im->flags & (kWrite | kReadWrite))) return -1;
-  if (!im->base) {
-    im->base = static_cast<uint16_t*>(std::malloc(im->bufsize));
-    if (!im->base) {
-      report("flsbuf: error on buf alloc\n");
-      return -1;
-    }
-    im->ptr = im->base;
-    im->cnt = int16_t(im->xsize);
-  }
-  *im->ptr++ = uint16_t(pixel);
-  if (--im->cnt > 0) return int(pixel);
-  int held = int(im->ptr - im->base);
-  if (putrow(im, im->base, im->y, im->z) != held) im->flags |= kError;
-  if (++im->y >= im->ysize) {
-    im->y = 0;
-    if (++im->z >= im->zsize) im->z = uint16_t(im->zsize - 1);
-  }
-  im->ptr = im->base;
-  im->cnt = int16_t(im->xsize);
-  return int(pixel);
-}
-}  // namespace sgisample

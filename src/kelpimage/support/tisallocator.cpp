@@ -9,7 +9,6 @@
 unsigned TisAllocator::fsPageSize = 0;
 unsigned TisAllocator::fsMask = 0;
 bool TisAllocator::fsUseMalloc = false;
-int TisAllocator::fd = 0;
 
 namespace {
 // Settings are read once, when the library is loaded.
@@ -17,7 +16,6 @@ struct LoadTimeSetup {
   LoadTimeSetup() {
     TisAllocator::fsUseMalloc = std::getenv("KELP_USE_MALLOC") != nullptr;
     if (!TisAllocator::fsUseMalloc) TisAllocator::init();
-    TisAllocator::fd = 0;
   }
 } gSetup;
 }  // namespace

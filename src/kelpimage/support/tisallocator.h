@@ -17,7 +17,6 @@ class KELP_API TisAllocator {
   static unsigned fsPageSize;
   static unsigned fsMask;
   static bool fsUseMalloc;  // KELP_USE_MALLOC exists in the environment
-  static int fd;
 
   static int init(const char* unused = nullptr);
   static void allocate(TisBlock& block);

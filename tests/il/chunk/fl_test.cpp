@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "kelpimage/il/chunk/fl.h"
+#include "kelpimage/il/il.h"
 #include "testutil.h"
 
 using namespace kelptest;
@@ -322,6 +323,16 @@ TEST(ChunkPaths, WorkDirectoryAndSearchPath) {
   setenv("KELP_WORK", "/tmp", 1);
   FLgetwork(&s2);
   EXPECT_NE(s1, s2);
+
+  // Going back and forth keeps the texts handed out, and makes no new image paths.
+  const char* held = FLgetwork(nullptr);
+  setenv("KELP_WORK", dir.path().c_str(), 1);
+  FLpath* first = ILgetpath();
+  for (int i = 0; i < 1000; ++i) {
+    setenv("KELP_WORK", i % 2 ? dir.path().c_str() : "/tmp", 1);
+    EXPECT_EQ(ILgetpath() == first, i % 2 == 1) << i;
+  }
+  EXPECT_STREQ(held, "/tmp");
   unsetenv("KELP_WORK");
 
   FLpath* path = FLbuildpath((".;" + dir.path().string() + "/image").c_str());

@@ -2,7 +2,9 @@
 // directories, threads, settings, dynamic libraries and chunk writing.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
+#include <thread>
 #include <vector>
 
 #include "kelpimage/image/base/tarray.h"
@@ -192,6 +194,24 @@ TEST(Threads, LockConditionAndPool) {
   EXPECT_EQ(shared.value, 42);
   EXPECT_EQ(runs.add(), 1);
   EXPECT_EQ(runs.remove(), 0);
+}
+
+TEST(Threads, AThreadCannotJoinItself) {
+  struct Shared {
+    std::atomic<TmtThread*> self{nullptr};
+    std::atomic<int> answer{-1};
+  } shared;
+  auto worker = [](void* arg) {
+    auto* s = static_cast<Shared*>(arg);
+    while (!s->self.load()) std::this_thread::yield();
+    s->answer = s->self.load()->join() ? 1 : 0;  // refused, not the end of the process
+  };
+  TmtThread* t = TmtThreadPool::getPool().launchThread(worker, &shared);
+  ASSERT_NE(t, nullptr);
+  shared.self = t;
+  EXPECT_TRUE(t->join());
+  EXPECT_EQ(shared.answer.load(), 0);
+  delete t;
 }
 
 TEST(Settings, BinaryValuesSurviveInTheUsersFile) {

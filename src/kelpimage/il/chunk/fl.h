@@ -42,6 +42,7 @@ enum : int {
   FL_ESHORT = 16,     // the stream is empty or too short to be a chunked file
   FL_EALIGN = 22,     // a group of 2-byte alignment where 4 is required
   FL_EFIT = 23,       // data does not fit
+  FL_ENOTREAD = 24,   // the operation needs an image open for reading
   FL_GROUP = 31,      // FLbgnget: a group is next
   FL_ENULL = 42,      // null pointer passed to a text formatter
   FL_EFILTER = 43,    // the filter command could not be started

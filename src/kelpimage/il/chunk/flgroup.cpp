@@ -3,6 +3,7 @@
 // group to 2; the padding is not counted in an item's size.
 #include <cstring>
 
+#include "kelpimage/byteorder.h"
 #include "kelpimage/il/chunk/flio.h"
 
 namespace {
@@ -22,17 +23,6 @@ bool isGroupTag(uint32_t t) {
 uint32_t alignOf(uint32_t grouptag) { return (grouptag & 0xFF) == '4' ? 4 : 2; }
 
 uint64_t padded(uint64_t size, uint32_t align) { return (size + align - 1) / align * align; }
-
-uint32_t be32(const uint8_t* p) {
-  return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
-}
-
-void putbe32(uint8_t* p, uint32_t v) {
-  p[0] = uint8_t(v >> 24);
-  p[1] = uint8_t(v >> 16);
-  p[2] = uint8_t(v >> 8);
-  p[3] = uint8_t(v);
-}
 
 FLstream& stream(FLfile* f) { return *f->io->stream; }
 uint64_t pos(FLfile* f) { return f->io->stream->tell(); }
@@ -61,8 +51,8 @@ int readAhead(FLfile* f, FLgroup* g) {
     stream(f).unread(h, got);
     return got == 0 ? kEnd : FLfail(FL_EEOF);
   }
-  uint32_t tag = be32(h);
-  uint32_t size = be32(h + 4);
+  uint32_t tag = kelp::getBE32(h);
+  uint32_t size = kelp::getBE32(h + 4);
   uint64_t need = uint64_t(size) + 8;
   if (isGroupTag(tag) && size < 4) need = UINT64_MAX;
   if (!isRoot(f, g) && (need == UINT64_MAX || here + need > g->end)) {
@@ -82,7 +72,7 @@ int readAhead(FLfile* f, FLgroup* g) {
       g->gflags &= ~FLG_AHEAD;
       return FLfail(FL_EEOF);
     }
-    g->gnextform = be32(h + 8);
+    g->gnextform = kelp::getBE32(h + 8);
     g->gflags |= FLG_FORMAHEAD;
   }
   g->gpos = pos(f);
@@ -90,7 +80,7 @@ int readAhead(FLfile* f, FLgroup* g) {
 }
 
 uint32_t aheadTag(const FLgroup* g) {
-  return be32(reinterpret_cast<const uint8_t*>(&g->gtag));
+  return kelp::getBE32(reinterpret_cast<const uint8_t*>(&g->gtag));
 }
 
 // Skips an item that was read ahead but not begun (a group not entered).
@@ -103,8 +93,8 @@ void skipAhead(FLfile* f) {
 
 int writeHeader(FLfile* f, uint32_t tag, uint32_t size) {
   uint8_t h[8];
-  putbe32(h, tag);
-  putbe32(h + 4, size);
+  kelp::putBE32(h, tag);
+  kelp::putBE32(h + 4, size);
   return stream(f).write(h, 8);
 }
 
@@ -320,9 +310,9 @@ int FLbgnwgroup(FLfile* f, uint32_t grouptag, uint32_t formtype) {
   g->align = alignOf(grouptag);
   g->start = pos(f) + 4;
   uint8_t h[12];
-  putbe32(h, grouptag);
-  putbe32(h + 4, 0);
-  putbe32(h + 8, formtype);
+  kelp::putBE32(h, grouptag);
+  kelp::putBE32(h + 4, 0);
+  kelp::putBE32(h + 8, formtype);
   stream(f).hold(1);
   f->group = g;
   if (int rc = stream(f).write(h, 12)) return FLfail(rc);
@@ -339,7 +329,7 @@ int FLendwgroup(FLfile* f) {
   uint64_t size = pos(f) - (g->start + 4);
   if (size > UINT32_MAX) return FLfail(FL_EBADSIZE);
   uint8_t s[4];
-  putbe32(s, uint32_t(size));
+  kelp::putBE32(s, uint32_t(size));
   int rc = stream(f).patch(g->start, s, 4);
   FLgroup* parent = g->parent;
   f->group = parent;
@@ -414,7 +404,7 @@ int FLendput(FLfile* f) {
   if (g->cstate != 2) return 0;
   g->cstate = 0;
   uint8_t s[4];
-  putbe32(s, g->csize);
+  kelp::putBE32(s, g->csize);
   int rc = stream(f).patch(g->cstart - 4, s, 4);
   if (!rc) rc = writePad(f, g->csize, g->align);
   g->gpos = pos(f);

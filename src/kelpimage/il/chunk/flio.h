@@ -101,7 +101,8 @@ struct FLio {
 FLpath* FLcurrentpath();
 
 // Helpers shared by the file and group code.
-inline FLio* FLioOf(FLfile* f) { return f ? f->io : nullptr; }
 int FLfail(int code);  // sets flerrno, returns the code
 // Notes errno as the detail of the next FL_ESYS text, and returns FL_ESYS.
 int FLsysfail();
+// The errno that FLsysfail noted last on this thread.
+int FLsyserrno();

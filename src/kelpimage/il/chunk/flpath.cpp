@@ -3,7 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
-#include <deque>
+#include <list>
 #include <mutex>
 #include <string>
 
@@ -14,9 +14,15 @@ namespace {
 // different threads never see each other's paths.
 thread_local FLpath* tCurrentPath = nullptr;
 
+// Each distinct work directory is kept once, so that a text handed out stays
+// valid for callers holding it while the directory changes back and forth.
+// A process that meets more than kWorkTexts distinct directories drops the
+// oldest of them.
+constexpr size_t kWorkTexts = 256;
+
 struct WorkCache {
   std::mutex lock;
-  std::deque<std::string> texts;  // earlier answers stay valid for callers holding them
+  std::list<std::string> texts;  // the current one last; nodes never move in memory
   uint32_t stamp = 0;
 };
 WorkCache& workCache() {
@@ -41,7 +47,13 @@ const char* FLgetwork(uint32_t* stamp) {
   WorkCache& c = workCache();
   std::lock_guard<std::mutex> guard(c.lock);
   if (c.texts.empty() || c.texts.back() != dir) {
-    c.texts.push_back(dir);
+    auto seen = std::find(c.texts.begin(), c.texts.end(), dir);
+    if (seen != c.texts.end()) {
+      c.texts.splice(c.texts.end(), c.texts, seen);
+    } else {
+      c.texts.push_back(dir);
+      if (c.texts.size() > kWorkTexts) c.texts.pop_front();
+    }
     ++c.stamp;
   }
   if (stamp) *stamp = c.stamp;

@@ -3,33 +3,12 @@
 #include <cstdarg>
 #include <cstring>
 
+#include "kelpimage/image/base/tstringtable.h"
+
 const char* const Tstring::kNullStr = "";
 
-// Messages of the class layer, by number. Texts used with `catenate` end so
-// that a name can follow; texts used with `format` carry their "%s".
-static const char* messageText(int id) {
-  switch (id) {
-    case 618: return "Image file: no name given, or an image is already open";
-    case 619: return "Cannot open image file for reading: ";
-    case 620: return "Cannot create image file: ";
-    case 621: return "Image dimensions must be from 1 to 8192 pixels: ";
-    case 622: return "Cannot convert the written image to its output format: ";
-    case 624: return "Conversion of the image file to IFF failed";
-    case 625: return "The format of the image file could not be identified";
-    case 628: return "Image file %s has no RGB data";
-    case 629: return "Image file %s cannot be read at one byte per channel";
-    case 630: return "Cannot read the pixels of image file %s: %s";
-    case 631: return "KELP_LOCATION is not set: image plug-ins cannot be found";
-    case 632: return "Image plug-in directory is missing: ";
-    case 634: return "Kelp ASCII scene file";
-    case 635: return "Kelp binary scene file";
-    case 636: return "Cannot read SGI image file %s";
-    default: return nullptr;
-  }
-}
-
 Tstring::Tstring(TstringIdNumber id) {
-  if (const char* text = messageText(id.fId)) fText = text;
+  if (const char* text = TstringFindMessage(id.fId)) fText = text;
   else fText = "Message " + std::to_string(id.fId);
 }
 

@@ -27,15 +27,21 @@ void TmtConditionVar::wait(TmtLock& lock) {
 
 TmtThread::TmtThread(Function fn, void* arg) : fThread(fn, arg) {}
 
-TmtThread::~TmtThread() { join(); }
+// A thread object that its own thread deletes lets the thread run on.
+TmtThread::~TmtThread() {
+  if (!join() && fThread.joinable()) fThread.detach();
+}
 
 void TmtThread::shutdown() {
   if (fShutdown) fShutdown(fShutdownArg);
   join();
 }
 
-void TmtThread::join() {
-  if (fThread.joinable() && fThread.get_id() != std::this_thread::get_id()) fThread.join();
+bool TmtThread::join() {
+  if (!fThread.joinable()) return true;
+  if (fThread.get_id() == std::this_thread::get_id()) return false;
+  fThread.join();
+  return true;
 }
 
 TmtThreadPool& TmtThreadPool::getPool() {

@@ -71,7 +71,9 @@ class KELP_API TmtThread {
   }
   // Runs the shutdown hook, then waits for the thread.
   void shutdown();
-  void join();
+  // Waits for the thread to end. A thread cannot wait for itself: that call
+  // is refused and returns false.
+  bool join();
   bool joinable() const { return fThread.joinable(); }
 
  private:

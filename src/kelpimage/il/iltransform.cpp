@@ -1,76 +1,13 @@
-// Image tools: the quick blur, Fourier transforms and the frame-range scan.
-#include <dirent.h>
-#include <unistd.h>
-
+// Fourier transforms: the quick transform with its table, and the complex
+// and real transforms of one dimension.
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
-#include <string>
 #include <vector>
 
-#include "kelpimage/il/ilzoom.h"
-
-// ---------------------------------------------------------------------------
-// ILqblur
-
-namespace {
-struct RasterSource {
-  const uint8_t* next;
-  int32_t width;
-};
-
-int rasterLine(void* arg, uint8_t** color, float** depth) {
-  auto* s = static_cast<RasterSource*>(arg);
-  if (color) *color = const_cast<uint8_t*>(s->next);
-  if (depth) *depth = nullptr;
-  s->next += size_t(s->width) * 4;
-  return 0;
-}
-
-// The two records of the blur, made on first use; they stay for the process.
-struct BlurPair {
-  std::mutex lock;
-  ILzoom* reducer = nullptr;
-  ILzoom* expander = nullptr;
-};
-}  // namespace
-
-int ILqblur(void* out, const void* in, int32_t w, int32_t h, float blur) {
-  size_t bytes = size_t(w) * size_t(h) * 4;
-  if (blur <= 0.0f) {
-    if (out != in) std::memmove(out, in, bytes);
-    return 0;
-  }
-  static BlurPair& pair = *new BlurPair;
-  std::lock_guard<std::mutex> guard(pair.lock);
-  if (!pair.reducer) pair.reducer = ILnewzoom("gauss");
-  if (!pair.expander) pair.expander = ILnewzoom("gauss");
-  if (!pair.reducer || !pair.expander) return flerrno;
-  ILsetzoomblur(pair.expander, blur, blur);
-
-  // Reading runs behind writing; a blur in place reads from a copy.
-  std::vector<uint8_t> copy;
-  if (out == in) copy.assign(static_cast<const uint8_t*>(in), static_cast<const uint8_t*>(in) + bytes);
-  RasterSource source{copy.empty() ? static_cast<const uint8_t*>(in) : copy.data(), w};
-  float a = float(w) * blur * 0.01f, b = float(h) * blur * 0.01f;
-  if (a < 1.5f && b < 1.5f) {
-    ILbindzoom(pair.expander, &source, rasterLine, 0, w, h, w, h);
-  } else {
-    a = std::clamp(a, 1.0f, 4096.0f);
-    b = std::clamp(b, 1.0f, 4096.0f);
-    int32_t rw = int32_t(std::max(4.0f, float(w) / a)), rh = int32_t(std::max(4.0f, float(h) / b));
-    ILbindzoom(pair.reducer, &source, rasterLine, 0, rw, rh, w, h);
-    ILbindzoom(pair.expander, pair.reducer, ILgetzoom, 0, w, h, rw, rh);
-  }
-  auto* dst = static_cast<uint8_t*>(out);
-  for (int32_t y = 0; y < h; ++y) ILreadzoom(pair.expander, dst + size_t(y) * size_t(w) * 4, nullptr);
-  return 0;
-}
-
-// ---------------------------------------------------------------------------
-// Transforms
+#include "kelpimage/il/ilinternal.h"
 
 namespace {
 struct QftState {
@@ -258,96 +195,3 @@ int ILdfft1x(float* out, const float* in, int32_t n) { return complexTransform(o
 int ILifft1x(float* out, const float* in, int32_t n) { return complexTransform(out, in, n, -1); }
 int ILdfft1f(float* out, const float* in, int32_t n) { return realTransform(out, in, n, 1); }
 int ILifft1f(float* out, const float* in, int32_t n) { return realTransform(out, in, n, -1); }
-
-// ---------------------------------------------------------------------------
-// ILrange
-
-namespace {
-// Frame numbers of the files in `dir` whose names start with `prefix`.
-std::vector<float> scanFrames(const std::string& dir, const std::string& prefix, float first, float last) {
-  std::vector<float> frames;
-  DIR* d = opendir(dir.empty() ? "." : dir.c_str());
-  if (!d) return frames;
-  while (const dirent* e = readdir(d)) {
-    std::string name = e->d_name;
-    if (name.size() <= prefix.size() || name.compare(0, prefix.size(), prefix) != 0) continue;
-    float frame = float(std::atof(name.c_str() + prefix.size() + 1));
-    if (frame >= first && frame <= last && frames.size() < 4095) frames.push_back(frame);
-  }
-  closedir(d);
-  return frames;
-}
-
-std::vector<float> scanStem(const std::string& base, const std::string& stem, float first, float last) {
-  size_t slash = stem.rfind('/');
-  std::string dir = slash == std::string::npos ? "" : stem.substr(0, slash);
-  std::string prefix = slash == std::string::npos ? stem : stem.substr(slash + 1);
-  if (!base.empty() && base != ".") dir = dir.empty() ? base : base + "/" + dir;
-  return scanFrames(dir, prefix, first, last);
-}
-
-void copyText(const std::string& s, char* out, size_t size) {
-  if (!out || size == 0) return;
-  size_t n = std::min(s.size(), size - 1);
-  std::memcpy(out, s.data(), n);
-  out[n] = 0;
-}
-}  // namespace
-
-int ILrange(const char* name, ILframerange* range, char* dirOut, size_t dirSize, float* framesOut) {
-  if (!name) return -1;
-  if (std::strchr(name, ':')) {
-    if (std::strncmp(name, "mmap:", 5) != 0) return 0;
-    name += 5;
-  }
-  FLpath* old = FLswappath(ILgetpath());
-  bool plain = FLfindfile(name, nullptr, 0);
-  FLpath* path = FLswappath(old);
-  if (plain) {
-    char cwd[4096];
-    copyText(getcwd(cwd, sizeof cwd) ? cwd : ".", dirOut, dirSize);
-    return 0;
-  }
-  std::vector<char> stemBuf(std::strlen(name) + 1), bracketBuf(std::strlen(name) + 1);
-  FLgetext(name, stemBuf.data(), stemBuf.size(), bracketBuf.data(), bracketBuf.size());
-  std::string stem = stemBuf.data(), bracket = bracketBuf.data();
-  if (!stem.empty() && stem.back() == '.') stem.pop_back();
-  ILframerange local{0.0f, 10000000000.0f, 0.0f};
-  if (!range) range = &local;
-  else *range = local;
-  if (!bracket.empty()) {
-    size_t comma = bracket.find(',');
-    if (comma == std::string::npos) return -1;
-    range->first = float(std::atof(bracket.substr(0, comma).c_str()));
-    std::string rest = bracket.substr(comma + 1);
-    range->last = float(std::atof(rest.c_str()));
-    if (size_t second = rest.find(','); second != std::string::npos)
-      range->step = float(std::atoi(rest.substr(second + 1).c_str()));
-    if (range->last == 0.0f) range->last = local.last;
-    if (range->last < range->first) range->last = range->first;
-  }
-
-  std::vector<float> frames;
-  std::string dir;
-  if (!stem.empty() && stem[0] == '/') {
-    frames = scanStem("", stem, range->first, range->last);
-    dir.assign(1, '/');  // (assigning a literal trips a false -Wrestrict in GCC 12 at -O3)
-  } else {
-    for (FLnode* n = path ? path->dirs.head : nullptr; n && frames.empty(); n = n->next) {
-      frames = scanStem(n->name ? n->name : ".", stem, range->first, range->last);
-      dir = n->name ? n->name : ".";
-    }
-  }
-  if (frames.empty()) return -1;
-  std::sort(frames.begin(), frames.end());
-  if (framesOut) std::copy(frames.begin(), frames.end(), framesOut);
-  copyText(dir, dirOut, dirSize);
-  range->first = frames.front();
-  range->last = frames.back();
-  if (range->step == 0.0f && frames.size() > 1) {
-    float gap = frames[1] - frames[0];
-    for (size_t i = 2; i < frames.size(); ++i) gap = std::min(gap, frames[i] - frames[i - 1]);
-    range->step = gap;
-  }
-  return int(frames.size());
-}
