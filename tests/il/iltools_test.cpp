@@ -35,14 +35,14 @@ TEST(ILtools, QuickBlur) {
   std::vector<uint32_t> in(w * h), out(w * h);
   for (int i = 0; i < w * h; ++i) in[size_t(i)] = (i % w < w / 2) ? 0xFFFFFFFF : 0xFF000000;
   // No blur copies, in place too.
-  ASSERT_EQ(ILqblur(out.data(), in.data(), w, h, 0.0f), 0);
+  ILqblur(out.data(), in.data(), w, h, 0.0f);  // returns 0 whatever happens: the pixels tell
   EXPECT_EQ(out, in);
   auto same = in;
-  ASSERT_EQ(ILqblur(same.data(), same.data(), w, h, -1.0f), 0);
+  ILqblur(same.data(), same.data(), w, h, -1.0f);
   EXPECT_EQ(same, in);
   // A blur softens the edge and keeps the flat parts; small and wide blurs both.
   for (float blur : {2.0f, 10.0f, 50.0f}) {
-    ASSERT_EQ(ILqblur(out.data(), in.data(), w, h, blur), 0);
+    ILqblur(out.data(), in.data(), w, h, blur);
     int edge = int((out[size_t(20 * w + w / 2)] >> 8) & 255);
     EXPECT_GT(edge, 0) << blur;
     EXPECT_LT(edge, 255) << blur;
