@@ -22,6 +22,7 @@ const TstringMessage kMessages[] = {
     {634, "Kelp ASCII scene file"},
     {635, "Kelp binary scene file"},
     {636, "Cannot read SGI image file %s"},
+    {637, "Image file %s is incomplete: %s"},
 };
 
 struct Register {

@@ -2,12 +2,33 @@
 
 #include <cmath>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 TiffImageFile::TiffImageFile(const char* name, const char* mode) { open(name, mode); }
 
+TiffImageFile::TiffImageFile(TiffImageFile&& other) noexcept { swapBase(other); }
+
+TiffImageFile& TiffImageFile::operator=(const TiffImageFile& other) {
+  TiffImageFile copy(other);
+  swapBase(copy);  // what this held goes with the copy
+  return *this;
+}
+
+TiffImageFile& TiffImageFile::operator=(TiffImageFile&& other) noexcept {
+  TiffImageFile taken(std::move(other));
+  swapBase(taken);
+  return *this;
+}
+
+void TiffImageFile::swapBase(TiffImageFile& other) noexcept {
+  std::swap(fFile, other.fFile);
+  std::swap(fImage, other.fImage);
+  std::swap(fOpen, other.fOpen);
+}
+
 TiffImageFile::~TiffImageFile() {
-  if (fImage) ILclose(fImage);
+  if (fImage && lastHolder() && !closedElsewhere()) ILclose(fImage);
   fImage = nullptr;
   fFile = nullptr;
 }
@@ -15,6 +36,7 @@ TiffImageFile::~TiffImageFile() {
 bool TiffImageFile::open(const char* name, const char* mode) {
   fImage = ILopen(name, mode);
   if (fImage) {
+    beginOpen();
     initInheritance();
     ILgetheader(fImage);
   }
@@ -22,13 +44,20 @@ bool TiffImageFile::open(const char* name, const char* mode) {
 }
 
 bool TiffImageFile::reopen(const char* name, const char* mode) {
-  fImage = ILreopen(name, mode, fImage);
-  if (fImage) initInheritance();
+  bool wasOpen = isActive();
+  fImage = ILreopen(name, mode, wasOpen ? fImage : nullptr);
+  if (fImage) {
+    if (!wasOpen) beginOpen();
+    initInheritance();
+  } else {
+    endOpen();
+  }
   return fImage != nullptr;
 }
 
 int TiffImageFile::close() {
-  int rc = fImage ? ILclose(fImage) : -1;
+  int rc = isActive() ? ILclose(fImage) : -1;
+  endOpen();
   fImage = nullptr;
   fFile = nullptr;
   return rc;

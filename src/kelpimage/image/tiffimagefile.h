@@ -1,7 +1,10 @@
 // The object face of the IFF image library: one open image, with forwards
 // to the IL functions and a few pieces of logic of its own. Copies share the
-// image without counting; whichever is destroyed first closes it.
+// open image; the last copy to go closes it, and a copy that closes it
+// explicitly closes it for all. Moves hand the open image over.
 #pragma once
+
+#include <memory>
 
 #include "kelpimage/il/il.h"
 #include "kelpimage/image/base/tifffile.h"
@@ -16,13 +19,17 @@ class KELP_API TiffImageFile : public TiffFile {
   TiffImageFile() = default;
   TiffImageFile(const char* name, const char* mode);
   TiffImageFile(const TiffImageFile&) = default;
-  TiffImageFile& operator=(const TiffImageFile&) = default;
+  TiffImageFile(TiffImageFile&& other) noexcept;
+  TiffImageFile& operator=(const TiffImageFile& other);
+  TiffImageFile& operator=(TiffImageFile&& other) noexcept;
   ~TiffImageFile() override;
 
   bool open(const char* name, const char* mode);
   bool reopen(const char* name, const char* mode);
+  // 0, or the code of the first thing that went wrong while writing (the
+  // file is then incomplete); -1 when nothing was open.
   int close();
-  bool isActive() const { return fImage != nullptr; }
+  bool isActive() const { return fImage != nullptr && !closedElsewhere(); }
   ILimage* image() const { return fImage; }
 
   // Forwards; the caller makes sure the image is open.
@@ -123,7 +130,25 @@ class KELP_API TiffImageFile : public TiffFile {
   void setLookups(const unsigned char** v) { fImage->lookups = const_cast<uint8_t**>(v); }
 
  protected:
+  // What the copies of one open share: whether one of them has closed it.
+  struct TopenState {
+    bool closed = false;
+  };
+  // A new open: copies made from now on share it.
+  void beginOpen() { fOpen = std::make_shared<TopenState>(); }
+  // The open ends for every copy.
+  void endOpen() {
+    if (fOpen) fOpen->closed = true;
+    fOpen.reset();
+  }
+  bool closedElsewhere() const { return fOpen && fOpen->closed; }
+  // No other copy holds this open.
+  bool lastHolder() const { return fOpen.use_count() <= 1; }
+  // Exchanges everything this class holds with `other`.
+  void swapBase(TiffImageFile& other) noexcept;
+
   ILimage* fImage = nullptr;
+  std::shared_ptr<TopenState> fOpen;
 
  private:
   void initInheritance() {

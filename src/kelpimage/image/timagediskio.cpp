@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "kelpimage/image/base/terrorhandler.h"
 #include "kelpimage/image/base/tfile.h"
@@ -50,6 +51,7 @@ int TimageDiskIO::identifyAndOpen(const Tstring& name, bool flag) {
   } else if (key == "sgi") {
     if (IMAGE* sgi = iopen(name.asChar(), "r")) {
       fSgi = sgi;
+      beginOpen();
       fAlpha = sgi->zsize == 4;
       return 0;
     }
@@ -112,18 +114,67 @@ int TimageDiskIO::create(const Tstring& name, unsigned short w, unsigned short h
   return 0;
 }
 
-void TimageDiskIO::close() {
-  if (fSgi) {
-    iclose(fSgi);
+TimageDiskIO::TimageDiskIO(TimageDiskIO&& other) noexcept { swapState(other); }
+
+TimageDiskIO& TimageDiskIO::operator=(const TimageDiskIO& other) {
+  TimageDiskIO copy(other);
+  swapState(copy);  // what this held goes with the copy
+  return *this;
+}
+
+TimageDiskIO& TimageDiskIO::operator=(TimageDiskIO&& other) noexcept {
+  TimageDiskIO taken(std::move(other));
+  swapState(taken);
+  return *this;
+}
+
+void TimageDiskIO::swapState(TimageDiskIO& other) noexcept {
+  swapBase(other);
+  std::swap(fAlpha, other.fAlpha);
+  std::swap(fSpare, other.fSpare);
+  std::swap(fName, other.fName);
+  std::swap(fTempName, other.fTempName);
+  std::swap(fFormatKey, other.fFormatKey);
+  std::swap(fSgi, other.fSgi);
+}
+
+TimageDiskIO::~TimageDiskIO() {
+  if (lastHolder() && !closedElsewhere() && (isActive() || fSgi)) close();
+}
+
+int TimageDiskIO::close() {
+  if (closedElsewhere()) {
     fSgi = nullptr;
-    return;
+    fImage = nullptr;
+    fFile = nullptr;
+    fTempName.clear();
+    fFormatKey.clear();
+    fOpen.reset();
+    return -1;
   }
-  TiffImageFile::close();
+  if (fSgi) {
+    int rc = iclose(fSgi);
+    fSgi = nullptr;
+    endOpen();
+    if (rc != 0) reportFormatted(637, fName.asChar(), "a row, the header or a table did not reach the file");
+    return rc == 0 ? 0 : -1;
+  }
+  int written = isActive() ? TiffImageFile::close() : 0;
+  endOpen();
+  if (written != 0) {
+    // An incomplete file is never converted, and its temporary copy goes.
+    reportFormatted(637, fName.asChar(), FLstrerror(written));
+    if (!fTempName.empty()) ::unlink(fTempName.c_str());
+    fTempName.clear();
+    fFormatKey.clear();
+    return -1;
+  }
   if (!fFormatKey.empty() && fFormatKey != "kelp" && fFormatKey != "qvi") {
     if (ifftoany(fTempName.c_str(), fName.asChar(), fFormatKey.c_str()) != 0) {
       report(622);
       fTempName.clear();  // the temporary file stays on disk
-      return;
+      fFormatKey.clear();
+      return -1;
     }
     fFormatKey.clear();
   }
@@ -131,6 +182,7 @@ void TimageDiskIO::close() {
     ::unlink(fTempName.c_str());
     fTempName.clear();
   }
+  return 0;
 }
 
 int TimageDiskIO::getDimensions(unsigned short& w, unsigned short& h, unsigned char& depth) const {

@@ -13,19 +13,22 @@
 
 class KELP_API TimageDiskIO : public TiffImageFile {
  public:
+  // Copies share the open picture and its temporary file; the last copy to
+  // go closes it. Moves hand it over.
   TimageDiskIO() = default;
   TimageDiskIO(const TimageDiskIO&) = default;
-  TimageDiskIO& operator=(const TimageDiskIO&) = default;
-  // Closes an open IL image through the base; an SGI image, a temporary
-  // file and the key are left to close().
-  ~TimageDiskIO() override = default;
+  TimageDiskIO(TimageDiskIO&& other) noexcept;
+  TimageDiskIO& operator=(const TimageDiskIO& other);
+  TimageDiskIO& operator=(TimageDiskIO&& other) noexcept;
+  ~TimageDiskIO() override;
 
   int open(const Tstring& name, bool isIff, bool unused = false);
   Tstring getImageType(const Tstring& name) const;
   int identifyAndOpen(const Tstring& name, bool flag = false);
   int create(const Tstring& name, unsigned short w, unsigned short h, TfileCompression compression,
              const char* formatKey);
-  void close();
+  // 0, or -1 when a written file could not be completed, with a report.
+  int close();
 
   bool isOpen() const { return isActive(); }
   const Tstring& filename() const { return fName; }
@@ -49,6 +52,7 @@ class KELP_API TimageDiskIO : public TiffImageFile {
  private:
   void report(int id, const Tstring& more = Tstring()) const;
   void reportFormatted(int id, const char* arg1, const char* arg2 = nullptr) const;
+  void swapState(TimageDiskIO& other) noexcept;
 
   bool fAlpha = false;
   bool fSpare = false;

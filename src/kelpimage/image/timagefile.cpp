@@ -57,7 +57,46 @@ void TimageFile::reportFormatted(int id, const char* arg1, const char* arg2) con
   theErrorHandler->reportError(message);
 }
 
+TimageFile::TimageFile(TimageFile&& other) noexcept { swapState(other); }
+
+TimageFile& TimageFile::operator=(const TimageFile& other) {
+  TimageFile copy(other);
+  swapState(copy);  // what this held goes with the copy
+  return *this;
+}
+
+TimageFile& TimageFile::operator=(TimageFile&& other) noexcept {
+  TimageFile taken(std::move(other));
+  swapState(taken);
+  return *this;
+}
+
+void TimageFile::swapState(TimageFile& other) noexcept {
+  swapBase(other);
+  std::swap(fAlpha, other.fAlpha);
+  std::swap(fSpare, other.fSpare);
+  std::swap(fMapped, other.fMapped);
+  std::swap(fName, other.fName);
+  std::swap(fTempName, other.fTempName);
+  std::swap(fFormatKey, other.fFormatKey);
+  std::swap(fMappedView, other.fMappedView);
+  std::swap(fSgi, other.fSgi);
+  std::swap(fMappedWidth, other.fMappedWidth);
+  std::swap(fMappedHeight, other.fMappedHeight);
+}
+
+void TimageFile::forget() {
+  fSgi = nullptr;
+  fImage = nullptr;
+  fFile = nullptr;
+  fMappedView = nullptr;
+  fTempName.clear();
+  fFormatKey.clear();
+  fOpen.reset();
+}
+
 TimageFile::~TimageFile() {
+  if (!lastHolder() || closedElsewhere()) return;  // another copy holds it, or it is closed
   if (fMappedView) munmap(fMappedView, size_t(fMappedWidth) * fMappedHeight * 4);
   fMappedView = nullptr;
   if (isActive() || fSgi) close();
@@ -136,6 +175,7 @@ int TimageFile::identifyAndOpen(const Tstring& name, bool flag, int frame) {
     if (IMAGE* sgi = iopen(name.asChar(), "r")) {
       fSgi = sgi;
       fAlpha = sgi->zsize == 4;
+      beginOpen();
       return 0;
     }
   }
@@ -217,6 +257,7 @@ int TimageFile::openMapped(const std::string& path) {
     return -1;
   }
   fMappedView = view;
+  beginOpen();
   return 0;
 }
 
@@ -245,17 +286,34 @@ int TimageFile::create(const Tstring& name, unsigned short w, unsigned short h, 
 }
 
 int TimageFile::close() {
+  if (closedElsewhere()) {
+    forget();
+    return -1;
+  }
   if (fSgi) {
-    iclose(fSgi);
+    int rc = iclose(fSgi);
     fSgi = nullptr;
-    return 0;
+    endOpen();
+    if (rc != 0) reportFormatted(637, fName.asChar(), "a row, the header or a table did not reach the file");
+    return rc == 0 ? 0 : -1;
   }
   TmtLock lock = fsCS.acquire();
-  TiffImageFile::close();
+  int written = isActive() ? TiffImageFile::close() : 0;
+  endOpen();
+  if (written != 0) {
+    // An incomplete file is never converted, and its temporary copy goes.
+    lock.release();
+    reportFormatted(637, fName.asChar(), FLstrerror(written));
+    if (!fTempName.empty()) ::unlink(fTempName.c_str());
+    fTempName.clear();
+    fFormatKey.clear();
+    return -1;
+  }
   if (!fFormatKey.empty() && !isIffKey(fFormatKey)) {
     loadPxfPlugins();
     if (ifftoany(fTempName.c_str(), fName.asChar(), fFormatKey.c_str()) != 0) {
       fTempName.clear();  // the temporary file stays on disk
+      fFormatKey.clear();
       return -1;
     }
     fFormatKey.clear();

@@ -19,15 +19,21 @@ class KELP_API TimageFile : public TiffImageFile {
  public:
   enum TfileFormat { kUnknownFormat = 0 };
 
+  // Copies share the open picture, SGI or IFF, and its temporary file; the
+  // last copy to go closes it. Moves hand it over.
   TimageFile() = default;
   TimageFile(const TimageFile&) = default;
-  TimageFile& operator=(const TimageFile&) = default;
+  TimageFile(TimageFile&& other) noexcept;
+  TimageFile& operator=(const TimageFile& other);
+  TimageFile& operator=(TimageFile&& other) noexcept;
   ~TimageFile() override;
 
   int open(const Tstring& name, bool isIff, bool unused = false, int frame = 0);
   int identifyAndOpen(const Tstring& name, bool flag = false, int frame = 0);
   int create(const Tstring& name, unsigned short w, unsigned short h, TfileCompression compression,
              const char* formatKey);
+  // 0, or -1 when a written file could not be completed (a write failed or
+  // the conversion to its format did), with a report.
   int close();
 
   // "kelp", "sgi", "tif", "jpg", "psd" or a plug-in's key; empty when unknown.
@@ -82,6 +88,9 @@ class KELP_API TimageFile : public TiffImageFile {
   void report(int id, const Tstring& more = Tstring()) const;
   void reportFormatted(int id, const char* arg1, const char* arg2 = nullptr) const;
   int openMapped(const std::string& path);
+  void swapState(TimageFile& other) noexcept;
+  // Lets go of an open that another copy has closed.
+  void forget();
 
   bool fAlpha = false;
   bool fSpare = false;
