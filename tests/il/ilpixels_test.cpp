@@ -381,11 +381,45 @@ TEST(ILpixels, BadFilesGiveCodes) {
     ILclose(r);
     return rc;
   };
-  // Truncated inside the tiles: the group ends early.
+  // Truncated inside the last tile: that tile is damaged, its lines missing.
   auto cut = good;
   cut.resize(good.size() - 300);
-  EXPECT_EQ(load(cut, true), IL_EDONE);
+  EXPECT_EQ(load(cut, true), FL_EFIT);
   EXPECT_NE(load(cut, false), 0);
+  // A whole tile missing from a group whose sizes are right: the group ends
+  // early, for the line reader and for the whole-image reader alike.
+  {
+    size_t last = 0;
+    for (size_t i = 0; i + 4 <= good.size(); ++i)
+      if (text(good, i, 4) == "RGBA") last = i;
+    auto shorter = std::vector<uint8_t>(good.begin(), good.begin() + long(last));
+    auto patch = [&](size_t at, size_t value) {
+      for (int k = 0; k < 4; ++k) shorter[at + size_t(k)] = uint8_t(value >> (24 - 8 * k));
+    };
+    patch(4, shorter.size() - 8);
+    for (size_t i = 0; i + 4 <= shorter.size(); ++i)
+      if (text(shorter, i, 4) == "TBMP") patch(i - 4, shorter.size() - (i - 8) - 8);
+    EXPECT_EQ(load(shorter, true), IL_EDONE);
+    EXPECT_EQ(load(shorter, false), IL_EDONE);
+    // The same tile twice in place of the missing one.
+    auto twice = good;
+    twice.resize(last);
+    size_t firstTile = 0;
+    for (size_t i = 0; i + 4 <= good.size(); ++i)
+      if (text(good, i, 4) == "RGBA") {
+        firstTile = i;
+        break;
+      }
+    size_t tileBytes = 8 + ((size_t(good[firstTile + 4]) << 24) | (size_t(good[firstTile + 5]) << 16) |
+                            (size_t(good[firstTile + 6]) << 8) | good[firstTile + 7]);
+    tileBytes = (tileBytes + 3) / 4 * 4;
+    twice.insert(twice.end(), good.begin() + long(firstTile), good.begin() + long(firstTile + tileBytes));
+    shorter = twice;
+    patch(4, shorter.size() - 8);
+    for (size_t i = 0; i + 4 <= shorter.size(); ++i)
+      if (text(shorter, i, 4) == "TBMP") patch(i - 4, shorter.size() - (i - 8) - 8);
+    EXPECT_EQ(load(shorter, false), FL_EFIT);
+  }
   // No tile group at all.
   size_t tbmp = 0;
   for (size_t i = 0; i + 4 <= good.size(); ++i)

@@ -15,6 +15,7 @@
 constexpr uint32_t ILC_HEADER = 0x1;           // header read or written: attributes are fixed
 constexpr uint32_t ILC_BITMAP = 0x2;           // the tile group is open
 constexpr uint32_t ILC_LINES = 0x4;            // line transfer in progress
+constexpr uint32_t ILC_REFUSED = 0x8;          // the header was read and refused (IL_ERANGE)
 constexpr uint32_t ILC_DONE = 0x10;            // the pixels of this image are finished
 constexpr uint32_t ILC_PAGED = 0x20;           // the caller fixed the tile layout
 constexpr uint32_t ILC_WIDEN = 0x80;           // 1-byte file handed out as 2 bytes per channel
@@ -136,6 +137,12 @@ KELP_API int ILnext(ILimage* image);
 KELP_API void ILinitio(ILimage* image);
 KELP_API void ILconfig(uint32_t bits, int on);
 KELP_API uint32_t ILctrl(ILimage* image, uint32_t bits, int on);
+// The most pixels (width x height) a file's header may declare: larger
+// images are refused with IL_ERANGE before anything is allocated for them,
+// and so are images too large for the bytes the file holds. The default is
+// 2^30, or the KELP_MAX_PIXELS environment variable; `pixels` above 0 sets
+// it for the process. Returns the limit in force.
+KELP_API uint64_t ILmaxpixels(uint64_t pixels);
 KELP_API const char* ILinfilter(const char* text);
 KELP_API const char* ILoutfilter(const char* text);
 KELP_API FLpath* ILgetpath();

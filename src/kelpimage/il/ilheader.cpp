@@ -3,6 +3,7 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -10,6 +11,7 @@
 #include <mutex>
 #include <string>
 
+#include "kelpimage/il/chunk/flio.h"
 #include "kelpimage/il/ilinternal.h"
 
 namespace {
@@ -58,6 +60,23 @@ void encodeHeader(const ILimage* image, uint8_t* b) {
   kelp::putBE32(b + 28, uint32_t(image->orgy));
 }
 
+// Tile rectangles are 16-bit, and no codec stores fewer than one byte for
+// 512 pixels. A header that asks for more pixels than the limit is not
+// believed, nor a large one (beyond 2^26 pixels, the largest picture the
+// front door reads) that the rest of a regular file cannot hold; smaller
+// headers may stand alone, without pixels, as `kimg create` writes them.
+constexpr uint64_t kPixelsPerByteAtMost = 512;
+constexpr uint64_t kHeaderOnlyPixels = uint64_t(1) << 26;
+
+bool sizeBelievable(const ILimage* image) {
+  if (image->width < 1 || image->height < 1 || image->width > 65536 || image->height > 65536) return false;
+  uint64_t pixels = uint64_t(image->width) * image->height;
+  if (pixels > ILmaxpixels(0)) return false;
+  if (pixels <= kHeaderOnlyPixels) return true;
+  uint64_t left = image->io->stream->remaining();
+  return left == UINT64_MAX || pixels / kPixelsPerByteAtMost <= left;
+}
+
 // Reads the file's header on the first call on a read handle.
 bool readHeader(ILimage* image) {
   image->version = 0x10000;
@@ -92,6 +111,12 @@ bool readHeader(ILimage* image) {
     ILfail(FL_EFIT);  // no such channel size: the header is damaged
     return false;
   }
+  if (!sizeBelievable(image)) {
+    // The header's values stay in the handle for a reader to show.
+    image->ictl |= ILC_REFUSED;
+    ILfail(IL_ERANGE);
+    return false;
+  }
   image->ictl |= ILC_HEADER;
   if (FLendget(image) != 0) return false;
   if (ILreadfields(image) != 0) return false;
@@ -110,6 +135,10 @@ bool ready(ILimage* image) { return ILgetheader(image) != nullptr; }
 ILheader* ILgetheader(ILimage* image) {
   if (!image) {
     ILfail(FL_EARG);
+    return nullptr;
+  }
+  if (image->ictl & ILC_REFUSED) {
+    ILfail(IL_ERANGE);
     return nullptr;
   }
   if ((image->ictl & ILC_READ) && !(image->ictl & ILC_HEADER) && !readHeader(image)) return nullptr;
@@ -201,6 +230,25 @@ int ILsetcompress(ILimage* image, uint32_t number) {
   if (headerFixed(image)) return ILfail(IL_EFIXED);
   image->compress = number;
   return 0;
+}
+
+namespace {
+uint64_t pixelLimitFromEnvironment() {
+  const char* text = KelpGetEnv("KELP_MAX_PIXELS");
+  char* end = nullptr;
+  unsigned long long value = text ? std::strtoull(text, &end, 10) : 0;
+  return value > 0 && end && *end == '\0' ? uint64_t(value) : uint64_t(1) << 30;
+}
+
+std::atomic<uint64_t>& pixelLimit() {
+  static std::atomic<uint64_t> limit{pixelLimitFromEnvironment()};
+  return limit;
+}
+}  // namespace
+
+uint64_t ILmaxpixels(uint64_t pixels) {
+  if (pixels > 0) pixelLimit().store(pixels);
+  return pixelLimit().load();
 }
 
 int ILsetlookups(ILimage* image, uint8_t** lookups) {

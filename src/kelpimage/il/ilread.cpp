@@ -1,7 +1,9 @@
 // Reading pixels: the line server that assembles bands of tiles, and the
 // whole-image reads.
 #include <algorithm>
+#include <array>
 #include <cstring>
+#include <set>
 
 #include "kelpimage/il/iltile.h"
 
@@ -339,6 +341,9 @@ int ILreadline(ILimage* im, void* color, float* z) {
   float* zl = nullptr;
   int rc = serveLine(im, color ? &l : nullptr, z ? &zl : nullptr);
   if (rc) return rc;
+  // A line that no tile of the file covered (missing or damaged tiles) is
+  // an error here: the caller's buffer would otherwise hold a made-up line.
+  if ((color && !l && im->bitmask != 0) || (z && !zl && (im->type & ILT_DEPTH))) return ILfail(FL_EFIT);
   if (color) {
     auto* out = static_cast<uint8_t*>(color);
     if (im->ictl & ILC_WIDEN) {
@@ -368,13 +373,24 @@ int ILloadbm(ILimage* im, void* color, float* z) {
     ILinitio(im);
     im->ictl |= ILC_BITMAP | ILC_LINES;
   }
-  int n = (color ? im->pages : 0) + (z ? im->pages : 0);
+  // Depth tiles exist only in images with depth; their absence is no loss.
+  bool depth = z && (im->type & ILT_DEPTH);
+  int n = (color ? im->pages : 0) + (depth ? im->pages : 0);
+  // Every pixel must come from a tile: the rectangles seen so far, per kind,
+  // and the area they cover, so that a repeated tile cannot stand in for a
+  // missing one.
+  std::set<std::array<uint16_t, 5>> seen;
+  uint64_t covered[2] = {0, 0};
   while (n > 0) {
     uint32_t tag = 0, size = 0;
-    if (FLbgnget(im, &tag, &size) != 0) return flerrno;
-    if ((tag == IL_RGBA && color) || (tag == IL_ZBUF && z)) {
+    // The group ending before every tile arrived leaves pixels unread.
+    if (FLbgnget(im, &tag, &size) != 0) return ILfail(flerrno ? flerrno : IL_EDONE);
+    if ((tag == IL_RGBA && color) || (tag == IL_ZBUF && depth)) {
       uint16_t r[4];
       if (size < 8 || !ILreadrect(im, r)) return ILfail(FL_EFIT);
+      int kind = tag == IL_RGBA ? 0 : 1;
+      if (!seen.insert({uint16_t(kind), r[0], r[1], r[2], r[3]}).second) return ILfail(FL_EFIT);
+      covered[kind] += uint64_t(r[2] - r[0] + 1) * uint64_t(r[3] - r[1] + 1);
       size -= 8;
       const uint8_t* payload = FLbgnread(im, size);
       if (!payload) return ILfail(FL_EFIT);
@@ -406,6 +422,8 @@ int ILloadbm(ILimage* im, void* color, float* z) {
     }
     if (FLendget(im) != 0) return flerrno;
   }
+  uint64_t area = uint64_t(im->width) * im->height;
+  if ((color && covered[0] != area) || (depth && covered[1] != area)) return ILfail(FL_EFIT);
   im->ictl &= ~ILC_BITMAP;
   im->ictl |= ILC_DONE;
   return 0;

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "kelpimage/byteorder.h"
+#include "kelpimage/il/il.h"
 #include "kelpimage/image/base/terrorhandler.h"
 
 namespace {
@@ -239,6 +240,45 @@ IMAGE* fail(const char* message) {
 }
 }  // namespace
 
+namespace {
+uint64_t fileSize(const IMAGE* im) {
+  struct stat st;
+  return fstat(im->file, &st) == 0 ? uint64_t(st.st_size) : 0;
+}
+
+// A header is believed only for pictures within the pixel limit, and a
+// verbatim one only when the file holds all its rows.
+bool sizeBelievable(const IMAGE* im) {
+  uint64_t pixels = uint64_t(im->xsize) * im->ysize;
+  if (pixels > ILmaxpixels(0)) {
+    report("iopen: image of %u x %u pixels is larger than the limit of %llu pixels\n", im->xsize, im->ysize,
+           static_cast<unsigned long long>(ILmaxpixels(0)));
+    return false;
+  }
+  if (storage(im) != SGI_VERBATIM) return true;
+  uint64_t need = kRowsAt + pixels * im->zsize * bpp(im), have = fileSize(im);
+  if (have < need) {
+    report("iopen: file is truncated: %llu bytes where the header asks for %llu\n",
+           static_cast<unsigned long long>(have), static_cast<unsigned long long>(need));
+    return false;
+  }
+  return true;
+}
+
+// Every run-length row that was written must lie inside the file (a row
+// never written has the size -1).
+bool rowsInFile(const IMAGE* im, size_t rows) {
+  uint64_t have = fileSize(im);
+  for (size_t i = 0; i < rows; ++i)
+    if (im->rowsize[i] >= 0 && uint64_t(im->rowstart[i]) + uint64_t(im->rowsize[i]) > have) {
+      report("iopen: file is truncated or damaged: row %zu lies past its end (%llu bytes)\n", i,
+             static_cast<unsigned long long>(have));
+      return false;
+    }
+  return true;
+}
+}  // namespace
+
 IMAGE* iopen(const char* file, const char* mode, unsigned type, unsigned dim, unsigned xsize, unsigned ysize,
              unsigned zsize) {
   auto* im = static_cast<IMAGE*>(std::calloc(1, sizeof(IMAGE)));
@@ -297,6 +337,7 @@ IMAGE* iopen(const char* file, const char* mode, unsigned type, unsigned dim, un
       return nullptr;
     }
     headerIn(im, header);
+    if (!sizeBelievable(im)) return nullptr;
   }
   im->flags = mode[0] == 'r' ? kRead : kWrite;
   if (storage(im) == SGI_RLE) {
@@ -319,6 +360,7 @@ IMAGE* iopen(const char* file, const char* mode, unsigned type, unsigned dim, un
       if (im->swapped) swapTable(im->rowstart, bytes / 4);
       if (!readBytes(im, im->rowsize, bytes)) return fail("iopen: error on read of rowsize\n");
       if (im->swapped) swapTable(im->rowsize, bytes / 4);
+      if (!rowsInFile(im, bytes / 4)) return nullptr;
     }
   }
   im->cnt = 0;
