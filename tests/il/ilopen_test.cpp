@@ -218,16 +218,29 @@ TEST(ILopen, DefaultConverterReadsTheFileByNameAndStaysChosen) {
 
 TEST(ILopen, FilesThatAreNotImages) {
   TempDir dir;
-  // A missing default converter: the open is taken without a second look, and the header fails.
+  // No default converter installed: nothing is run, and the open says what
+  // the bytes are not.
   writeBytes(dir.file("text.txt"), std::vector<uint8_t>(40, 'x'));
+  writeBytes(dir.file("empty"), {});
   setenv("PATH", "/nonexistent", 1);
-  ILimage* im = ILopen(dir.file("text.txt").c_str(), "r");
-  ASSERT_NE(im, nullptr);
-  EXPECT_EQ(ILgetheader(im), nullptr);
-  EXPECT_EQ(flerrno, IL_ENOHEADER);
-  EXPECT_EQ(ILgettype(im), -1);
-  ILclose(im);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(ILopen(dir.file("text.txt").c_str(), "r"), nullptr);
+  EXPECT_EQ(flerrno, FL_ENOTIFF);
+  EXPECT_EQ(ILopen(dir.file("empty").c_str(), "r"), nullptr);
+  EXPECT_EQ(flerrno, FL_ESHORT);
+  EXPECT_EQ(ILopen(dir.path().c_str(), "r"), nullptr);
+  EXPECT_NE(flerrno, 0);
+
+  // A converter that fails runs once, its complaints go nowhere, and the
+  // open fails with the converter's code.
+  std::string count = dir.file("runs");
   setenv("PATH", "/usr/bin:/bin", 1);
+  setenv("ILICVT", ("echo run >> " + count + "; echo complaint >&2; exit 1; :").c_str(), 1);
+  EXPECT_EQ(ILopen(dir.file("text.txt").c_str(), "r"), nullptr);
+  EXPECT_EQ(flerrno, IL_EINFILTER);
+  unsetenv("ILICVT");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(readBytes(count).size(), 4u);  // "run\n", once
 
   // A chunked file without an image form.
   std::vector<uint8_t> b;

@@ -1,5 +1,7 @@
 // Opening, advancing and closing image handles; the control words; the
 // conversion filters for files outside the format; the image search path.
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstring>
 #include <list>
@@ -8,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "kelpimage/il/chunk/flio.h"
 #include "kelpimage/il/ilinternal.h"
 
 uint32_t ilconfig = 0;
@@ -116,70 +119,93 @@ void giveBackReadAhead(FLfile* f) {
   FLunread(f, bytes, n);
 }
 
-ILimage* openForReading(ILimage* image, const char* mode) {
-  bool first = true;
-  for (;;) {
-    FLsetform(image, ILformcheck);
-    int r = FLparse(image);
-    if (r == FL_FORMFOUND) {
-      FLsetform(image, nullptr);
-      image->ictl = ILC_READ;
-      return image;
-    }
-    if (r != FL_ENOTIFF && r != FL_ESHORT) {
-      int reported = flerrno;
-      closeImage(image);
-      ILfail(reported ? IL_EPARSE : IL_ENOIMAGE);
-      return nullptr;
-    }
-
-    // Not in the format: choose a conversion filter.
-    std::string text;
-    bool useDefault;
-    {
-      Filters& fs = filters();
-      std::lock_guard<std::mutex> guard(fs.lock);
-      if (first && fs.hasIn) text = fs.in;
-      else if (first && envText("ILICVT")) text = envText("ILICVT");
-      if (!first || text.empty()) {
-        text = kDefaultInFilter;
-        fs.defaultChosen = true;
-      }
-      fs.inUse = text;
-      useDefault = fs.defaultChosen;
-    }
-    std::string command = text;
-
-    ILimage* result;
-    if (useDefault && first && !isPipe(image->name)) {
-      if (!(image->flags & (FL_PIPE | FL_STDIO | FL_FILTERED))) {
-        // The file can be opened again by name: let the filter read it itself.
-        std::string pipe = "pipe:" + command + " " + shellQuote(image->name) + " stdout";
-        result = ILreopen(pipe.c_str(), mode, image);
-        first = false;
-        if (!result) {
-          ILfail(flerrno == FL_EFILTER ? IL_EOUTFILTER : IL_EINFILTER);
-          return nullptr;
-        }
-        result->ictl = ILC_READ;
-        return result;
-      }
-      // Already streaming: only the name's extension can tell the filter the format.
-      if (const char* dot = std::strchr(image->name, '.'); dot && dot[1]) command += "f " + std::string(dot + 1);
-    }
-
-    giveBackReadAhead(image);
-    FLfile* f = FLfilter(command.c_str(), mode, image);
-    if (!f) {
-      ILfail(flerrno == FL_EFILTER ? IL_EOUTFILTER : IL_EINFILTER);
-      return nullptr;
-    }
-    if (!first) {
-      image->ictl = ILC_READ;
-      return image;
-    }
-    first = false;
+// Whether a program of that name is on the search path, as the shell would find it.
+bool onPath(const std::string& program) {
+  const char* path = KelpGetEnv("PATH");
+  std::string dirs = path ? path : "/usr/bin:/bin";
+  for (size_t at = 0; at <= dirs.size();) {
+    size_t colon = dirs.find(':', at);
+    if (colon == std::string::npos) colon = dirs.size();
+    std::string dir = dirs.substr(at, colon - at);
+    std::string candidate = (dir.empty() ? "." : dir) + "/" + program;
+    if (::access(candidate.c_str(), X_OK) == 0) return true;
+    at = colon + 1;
   }
+  return false;
+}
+
+// The input converter for a file that is not in the format: the caller's
+// text, else ILICVT, else the default converter when it is installed. Empty
+// when there is none.
+std::string chooseInFilter() {
+  Filters& fs = filters();
+  std::lock_guard<std::mutex> guard(fs.lock);
+  std::string text;
+  if (fs.hasIn) text = fs.in;
+  else if (const char* env = envText("ILICVT")) text = env;
+  if (text.empty()) {
+    std::string program = kDefaultInFilter;
+    program = program.substr(0, program.find(' '));
+    if (!onPath(program)) return {};
+    text = kDefaultInFilter;
+    fs.defaultChosen = true;
+  }
+  fs.inUse = text;
+  return text;
+}
+
+// Looks for the first image form; true when found.
+bool findImageForm(ILimage* image, int& parsed) {
+  FLsetform(image, ILformcheck);
+  parsed = FLparse(image);
+  if (parsed != FL_FORMFOUND) return false;
+  FLsetform(image, nullptr);
+  image->ictl = ILC_READ;
+  return true;
+}
+
+// A file that is not in the format goes through one converter, once; what
+// the converter gives must be in the format. Whatever the converter's shell
+// says goes nowhere: a converter that fails is the open's error code.
+ILimage* openForReading(ILimage* image, const char* mode) {
+  int parsed = 0;
+  if (findImageForm(image, parsed)) return image;
+  if (parsed != FL_ENOTIFF && parsed != FL_ESHORT) {
+    int reported = flerrno;
+    closeImage(image);
+    ILfail(reported ? IL_EPARSE : IL_ENOIMAGE);
+    return nullptr;
+  }
+  std::string command = chooseInFilter();
+  if (command.empty()) {
+    // Nothing can convert it: say what the bytes are not.
+    closeImage(image);
+    ILfail(parsed);
+    return nullptr;
+  }
+  FLquietchildren quiet;
+  if (!(image->flags & (FL_PIPE | FL_STDIO | FL_FILTERED)) && !isPipe(image->name)) {
+    // The file can be opened again by name: the converter reads it itself.
+    std::string pipe = "pipe:" + command + " " + shellQuote(image->name) + " stdout";
+    if (!FLreopen(pipe.c_str(), mode, image)) {
+      ILfail(IL_EINFILTER);
+      return nullptr;
+    }
+  } else {
+    // Already streaming: only the name's extension can tell the default
+    // converter the format ("-s" becomes "-sf EXT").
+    if (const char* dot = std::strchr(image->name, '.'); dot && dot[1] && command == kDefaultInFilter)
+      command += "f " + std::string(dot + 1);
+    giveBackReadAhead(image);
+    if (!FLfilter(command.c_str(), mode, image)) {
+      ILfail(IL_EINFILTER);
+      return nullptr;
+    }
+  }
+  if (findImageForm(image, parsed)) return image;
+  closeImage(image);
+  ILfail(IL_EINFILTER);
+  return nullptr;
 }
 
 ILimage* openWorker(ILimage* image, const char* mode) {

@@ -75,11 +75,20 @@ int FLstream::openStdio(bool write) {
   return 0;
 }
 
+namespace {
+thread_local int tQuietChildren = 0;
+}
+
+FLquietchildren::FLquietchildren() { ++tQuietChildren; }
+FLquietchildren::~FLquietchildren() { --tQuietChildren; }
+bool FLquietchildren::active() { return tQuietChildren > 0; }
+
 int FLstream::spawn(const std::string& command, int childIn, int childOut) {
   posix_spawn_file_actions_t fa;
   posix_spawn_file_actions_init(&fa);
   if (childIn >= 0) posix_spawn_file_actions_adddup2(&fa, childIn, 0);
   if (childOut >= 0) posix_spawn_file_actions_adddup2(&fa, childOut, 1);
+  if (FLquietchildren::active()) posix_spawn_file_actions_addopen(&fa, 2, "/dev/null", O_WRONLY, 0);
   const char* argv[] = {"sh", "-c", command.c_str(), nullptr};
   pid_t pid;
   int rc = posix_spawn(&pid, "/bin/sh", &fa, nullptr, const_cast<char**>(argv), environ);

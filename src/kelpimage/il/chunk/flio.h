@@ -97,6 +97,17 @@ struct FLio {
   std::string name;
 };
 
+// While one of these lives, commands that the calling thread starts have
+// their standard error sent to /dev/null: a converter's complaints are its
+// caller's error code, not text on the host's terminal.
+struct FLquietchildren {
+  FLquietchildren();
+  ~FLquietchildren();
+  FLquietchildren(const FLquietchildren&) = delete;
+  FLquietchildren& operator=(const FLquietchildren&) = delete;
+  static bool active();
+};
+
 // The calling thread's search path for opens (set with FLswappath).
 FLpath* FLcurrentpath();
 
