@@ -1,29 +1,69 @@
-// kimg convert: copies IFF images into a new IFF file through the line
-// reader and writer, keeping channels, depth, bytes per channel and fields.
-#include <cctype>
+// kimg convert: IFF and SGI pictures into IFF or SGI files. IFF to IFF goes
+// through the line reader and writer image by image, keeping channels,
+// depth, bytes per channel, origin, ratio and fields; every other way goes
+// line by line at the input's bytes per channel.
 #include <cstdio>
+#include <memory>
 #include <vector>
 
 #include "commands.h"
+#include "files.h"
 #include "kelpimage/il/il.h"
 #include "kelpimage/image/timagefile.h"
-#include "sgifiles.h"
+#include "lines.h"
 #include "util.h"
 
 namespace kimg {
 namespace {
 
+struct Plan {
+  std::string format;  // "iff" or "sgi"
+  uint32_t compression = 1;
+  bool compressionGiven = false;
+  int tileW = 0, tileH = 0;
+  int resizeW = 0, resizeH = 0;
+  float blurX = 0, blurY = 0;
+};
+
+// Checks every option before anything is read or written.
+int makePlan(const ConvertOptions& o, Plan& plan) {
+  std::string why;
+  if (!outputFormat(o.out, o.format, plan.format, why)) return fail(o.out, why);
+  if (!o.tile.empty() && !parseSize(o.tile, plan.tileW, plan.tileH, 65535))
+    return usage("--tile must be WxH, each from 1 to 65535: " + o.tile);
+  if (!o.resize.empty() && !parseSize(o.resize, plan.resizeW, plan.resizeH))
+    return usage("--resize must be WxH, each from 1 to 32768: " + o.resize);
+  if (!o.blur.empty() && std::sscanf(o.blur.c_str(), "%f,%f", &plan.blurX, &plan.blurY) != 2)
+    return usage("--blur must be X,Y: " + o.blur);
+  if ((!o.filter.empty() || !o.blur.empty()) && o.resize.empty()) return usage("--filter and --blur go with --resize");
+  if (!o.compression.empty()) {
+    compressionNumber(o.compression, plan.compression);
+    plan.compressionGiven = true;
+  }
+  if (!o.filter.empty()) {
+    // An unknown filter, or a program that does not work, is said now,
+    // before any output is made.
+    ILzoom* z = ILnewzoom(o.filter.c_str());
+    bool missing = flerrno == IL_ENOFILTER;
+    std::string reason = ILfiltererror();
+    ILdelzoom(z);
+    if (!reason.empty()) return fail(o.filter, reason);
+    if (missing) return usage("unknown zoom filter '" + o.filter + "' (kimg filters lists them)");
+  }
+  return 0;
+}
+
 // Copies the attributes and fields of the image `in` stands on to `out`.
-int copyHeader(ILimage* in, ILimage* out, const ConvertOptions& o, uint32_t compress, int tw, int th) {
+int copyHeader(ILimage* in, ILimage* out, const ConvertOptions& o, const Plan& plan) {
   int32_t w = 0, h = 0;
   ILgetsize(in, &w, &h);  // the zoomed size when resizing
   int rc = ILsetsize(out, w, h);
   if (!rc) rc = ILsettype(out, int32_t(in->type));
   if (!rc) rc = ILsetbpp(out, in->bytes);
-  if (!rc) rc = ILsetcompress(out, compress);
+  if (!rc) rc = ILsetcompress(out, plan.compressionGiven ? plan.compression : in->compress);
   if (!rc) rc = ILsetorigin(out, in->orgx, in->orgy);
   if (!rc) rc = ILsetratio(out, in->prnum, in->prden);
-  if (!rc && tw > 0) rc = ILsetpagesize(out, tw, th);
+  if (!rc && plan.tileW > 0) rc = ILsetpagesize(out, plan.tileW, plan.tileH);
   out->dpi = in->dpi > 0.0f ? in->dpi : 72.0f;
   // Fields go over in the order they were written, so that they are written alike.
   std::vector<ILfield*> fields;
@@ -35,116 +75,125 @@ int copyHeader(ILimage* in, ILimage* out, const ConvertOptions& o, uint32_t comp
   return rc;
 }
 
-int copyPixels(ILimage* in, ILimage* out) {
-  bool deep = in->bytes == 2;
-  int32_t w = 0, h = 0;
-  ILgetsize(in, &w, &h);
-  std::vector<uint8_t> line(size_t(w) * 4 * (deep ? 2 : 1));
-  std::vector<float> z(static_cast<size_t>(w));
-  bool depth = in->type & ILT_DEPTH;
-  for (int32_t y = 0; y < h; ++y) {
-    if (int rc = ILreadline(in, line.data(), depth ? z.data() : nullptr)) return rc;
-    if (int rc = ILwriteline(out, line.data(), depth ? z.data() : nullptr)) return rc;
-  }
+// Everything an image needs before its lines are read: its header, its
+// bytes per channel in memory, its zoom.
+int prepareIffImage(ILimage* in, const ConvertOptions& o, const Plan& plan) {
+  if (!ILgetheader(in)) return flerrno;
+  if (in->bytes == 4) return -1;
+  ILctrl(in, ILC_TOPDOWN, o.topdown);
+  if (in->bytes == 2)
+    if (int rc = ILsetbpp(in, 2)) return rc;
+  if (plan.resizeW > 0)
+    return ILsetzoom(in, o.filter.empty() ? nullptr : o.filter.c_str(), plan.resizeW, plan.resizeH, plan.blurX,
+                     plan.blurY, 0.5f, 0.5f);
   return 0;
 }
 
-// Output format by --format, else by the output's extension.
-std::string outputFormat(const ConvertOptions& o) {
-  if (!o.format.empty()) return o.format;
-  size_t dot = o.out.rfind('.');
-  std::string ext = dot == std::string::npos ? "" : o.out.substr(dot + 1);
-  for (char& c : ext) c = char(std::tolower(static_cast<unsigned char>(c)));
-  return (ext == "sgi" || ext == "rgb" || ext == "rgba" || ext == "bw") ? "sgi" : "iff";
+int failPrepare(const std::string& in, int rc) {
+  if (rc == -1) return fail(in, "images of four bytes per channel (float) cannot be converted");
+  return failCode(in, rc);
 }
 
-// Any picture the front door reads, as 8-bit pixels, into IFF or SGI.
-int convertThroughFrontDoor(const ConvertOptions& o, const std::string& format, uint32_t compress, int rw, int rh) {
+int iffToIff(ILimage* in, const ConvertOptions& o, const Plan& plan, const std::string& path) {
+  ILimage* out = ILopen(path.c_str(), "w");
+  if (!out) return failCode(o.out, flerrno);
+  int status = 0;
+  for (int index = 0; !status; ++index) {
+    if (index > 0 && ILnext(in) != 0) break;
+    if (index > 0)
+      if (int rc = ILnext(out)) {
+        status = failCode(o.out, rc);
+        break;
+      }
+    if (int rc = prepareIffImage(in, o, plan)) {
+      status = failPrepare(o.in, rc);
+      break;
+    }
+    if (int rc = copyHeader(in, out, o, plan)) {
+      status = failCode(o.out, rc);
+      break;
+    }
+    int32_t w = 0, h = 0;
+    ILgetsize(in, &w, &h);
+    bool depth = in->type & ILT_DEPTH;
+    std::vector<uint8_t> line(size_t(w) * 4 * (in->bytes == 2 ? 2 : 1));
+    std::vector<float> z(static_cast<size_t>(w));
+    for (int32_t y = 0; y < h && !status; ++y) {
+      if (int rc = ILreadline(in, line.data(), depth ? z.data() : nullptr)) status = failCode(o.in, rc);
+      else if (ILzoomswapped(in->zoom)) ILswappairs16(line.data(), w);
+      if (status) break;
+      if (int rc = ILwriteline(out, line.data(), depth ? z.data() : nullptr)) status = failCode(o.out, rc);
+    }
+  }
+  int closed = ILclose(out);
+  if (!status && closed) status = failCode(o.out, closed);
+  return status;
+}
+
+int linesTo(Lines& lines, const ConvertOptions& o, const Plan& plan, const std::string& path) {
+  if (plan.format == "sgi")
+    return writeSgi(lines, path, plan.compressionGiven && plan.compression == 0, o.in, o.out);
+  return writeIff(lines, path, plan.compression, plan.tileW, plan.tileH, o.in, o.out);
+}
+
+int fromIff(const std::string& input, const ConvertOptions& o, const Plan& plan, const std::string& path) {
+  ILimage* in = ILopen(input.c_str(), "r");
+  if (!in) return failCode(o.in, flerrno);
+  int status;
+  if (plan.format == "iff") {
+    status = iffToIff(in, o, plan, path);
+  } else if (int rc = prepareIffImage(in, o, plan)) {
+    status = failPrepare(o.in, rc);
+  } else {
+    status = linesTo(*iffLines(in, o.topdown), o, plan, path);
+  }
+  ILclose(in);
+  return status;
+}
+
+int fromSgi(const std::string& input, const ConvertOptions& o, const Plan& plan, const std::string& path) {
+  IMAGE* in = iopen(input.c_str(), "r");
+  if (!in) return fail(o.in, takeReport("cannot be read as an SGI picture"));
+  std::unique_ptr<Lines> lines = sgiLines(in, o.topdown);
+  std::string why;
+  if (plan.resizeW > 0)
+    lines = zoomedLines(std::move(lines), plan.resizeW, plan.resizeH, o.filter, plan.blurX, plan.blurY, why);
+  int status = lines ? linesTo(*lines, o, plan, path) : fail(o.in, "cannot be resized: " + why);
+  iclose(in);
+  return status;
+}
+
+// Any other picture the front door opens, at one byte a channel.
+int fromFrontDoor(const std::string& input, const ConvertOptions& o, const Plan& plan, const std::string& path) {
   TimageFile in;
-  if (in.identifyAndOpen(Tstring(o.in.c_str())) != 0) return fail(o.in, "cannot be read (neither IFF nor SGI?)");
+  if (in.identifyAndOpen(Tstring(input.c_str())) != 0) return fail(o.in, takeReport("cannot be read"));
   TpixelMap map;
-  if (rw > 0) map.setSize(rw, rh);
-  if (in.readPixelMap(map) != 0) return fail(o.in, "the pixels cannot be read");
-  // SGI pictures come at their own size: resample here.
-  if (rw > 0 && (map.width() != rw || map.height() != rh) && !map.zoom(TportRect(0, 0, int16_t(rw), int16_t(rh))))
-    return fail(o.in, "cannot be resized");
+  if (in.readPixelMap(map) != 0) return fail(o.in, takeReport("the pixels cannot be read"));
   bool alpha = in.alpha();
   in.close();
-  if (format == "sgi") return writeSgiFromMap(map, alpha, o.out, compress != 0);
-  TimageFile out;
-  if (out.create(Tstring(o.out.c_str()), uint16_t(map.width()), uint16_t(map.height()),
-                 TiffImageFile::TfileCompression(compress), nullptr) != 0)
-    return failCode(o.out, flerrno);
-  if (!alpha) out.setType(1);
-  int rc = out.writePixelMap(map);
-  int closed = out.close();
-  return (rc || closed) ? fail(o.out, "cannot be written") : 0;
+  std::unique_ptr<Lines> lines = mapLines(map, alpha);
+  std::string why;
+  if (plan.resizeW > 0)
+    lines = zoomedLines(std::move(lines), plan.resizeW, plan.resizeH, o.filter, plan.blurX, plan.blurY, why);
+  return lines ? linesTo(*lines, o, plan, path) : fail(o.in, "cannot be resized: " + why);
 }
+
 }  // namespace
 
 int convert(const ConvertOptions& o) {
-  int tw = 0, th = 0;
-  uint32_t compress = 0;
-  if (!o.tile.empty() && !parsePair(o.tile, 'x', tw, th)) return fail(o.out, "tile must be WxH");
-  int rw = 0, rh = 0;
-  float bx = 0.0f, by = 0.0f;
-  if (!o.resize.empty() && (!parsePair(o.resize, 'x', rw, rh) || rw < 1 || rh < 1))
-    return fail(o.out, "resize must be WxH");
-  if (!o.blur.empty() && std::sscanf(o.blur.c_str(), "%f,%f", &bx, &by) != 2) return fail(o.out, "blur must be X,Y");
-  if ((!o.filter.empty() || !o.blur.empty()) && o.resize.empty()) return fail(o.out, "--filter and --blur go with --resize");
-  if (!o.compression.empty() && !compressionNumber(o.compression, compress))
-    return fail(o.out, "unknown compression " + o.compression);
-  std::string format = outputFormat(o);
-  if (format != "iff" && format != "sgi") return fail(o.out, "unknown format " + format + " (iff or sgi)");
-  if (TimageFile().getImageType(Tstring(o.in.c_str())) != "kelp")
-    return convertThroughFrontDoor(o, format, o.compression.empty() ? 1 : compress, rw, rh);
-  ILimage* in = ILopen(o.in.c_str(), "r");
-  if (!in) return failCode(o.in, flerrno);
-  if (format == "sgi") {
-    int rc = ILgetheader(in) ? 0 : flerrno;
-    if (!rc && in->bytes == 2) rc = ILsetbpp(in, 2);
-    if (!rc && rw > 0) rc = ILsetzoom(in, o.filter.empty() ? nullptr : o.filter.c_str(), rw, rh, bx, by, 0.5f, 0.5f);
-    if (!rc) rc = writeSgiFromIff(in, o.out, o.compression.empty() || compress != 0);
-    else rc = failCode(o.in, rc);
-    ILclose(in);
-    return rc;
-  }
-  ILimage* out = ILopen(o.out.c_str(), "w");
-  if (!out) {
-    ILclose(in);
-    return failCode(o.out, flerrno);
-  }
-  int rc = 0;
-  std::string where = o.in;
-  for (int index = 0; !rc; ++index) {
-    if (index > 0 && ILnext(in) != 0) break;
-    if (index > 0 && (rc = ILnext(out)) != 0) {
-      where = o.out;
-      break;
-    }
-    if (!ILgetheader(in)) {
-      rc = flerrno;
-      break;
-    }
-    if (in->bytes == 4) {
-      ILclose(in);
-      ILclose(out);
-      return fail(o.in, "images of four bytes per channel (float) cannot be written");
-    }
-    ILctrl(in, ILC_TOPDOWN, o.topdown);
-    if (in->bytes == 2 && (rc = ILsetbpp(in, 2)) != 0) break;
-    if (rw > 0 && (rc = ILsetzoom(in, o.filter.empty() ? nullptr : o.filter.c_str(), rw, rh, bx, by, 0.5f, 0.5f)) != 0)
-      break;
-    if ((rc = copyHeader(in, out, o, o.compression.empty() ? in->compress : compress, tw, th)) != 0) {
-      where = o.out;
-      break;
-    }
-    rc = copyPixels(in, out);
-  }
-  ILclose(in);
-  int closed = ILclose(out);
-  if (rc) return failCode(where, rc);
-  return closed ? failCode(o.out, closed) : 0;
+  Plan plan;
+  if (int status = makePlan(o, plan)) return status;
+  Input input(o.in);
+  if (!input.error().empty()) return fail(o.in, input.error());
+  Tstring key = TimageFile().getImageType(Tstring(input.path().c_str()));
+  if (key.isEmpty()) return fail(o.in, takeReport("not a picture kimg reads (IFF or SGI)"));
+  Output output(o.out);
+  if (!output.error().empty()) return fail(o.out, output.error());
+  int status;
+  if (key == "kelp") status = fromIff(input.path(), o, plan, output.path());
+  else if (key == "sgi") status = fromSgi(input.path(), o, plan, output.path());
+  else status = fromFrontDoor(input.path(), o, plan, output.path());
+  return status ? status : output.commit();
 }
 
 }  // namespace kimg

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "commands.h"
+#include "files.h"
 #include "kelpimage/il/il.h"
 #include "util.h"
 
@@ -33,17 +34,23 @@ bool typeBits(std::string s, uint32_t& bits) {
 int create(const CreateOptions& o) {
   int w = 0, h = 0, x = 0, y = 0, num = 0, den = 0;
   uint32_t type = 0, compress = 0;
-  if (!parsePair(o.size, 'x', w, h)) return fail(o.out, "size must be WxH");
-  if (!parsePair(o.origin, ',', x, y)) return fail(o.out, "origin must be X,Y");
-  if (!parsePair(o.ratio, ':', num, den)) return fail(o.out, "ratio must be N:D");
-  if (!typeBits(o.type, type)) return fail(o.out, "unknown type " + o.type);
-  if (!compressionNumber(o.compression, compress)) return fail(o.out, "unknown compression " + o.compression);
+  if (!parseSize(o.size, w, h)) return usage("--size must be WxH, each from 1 to 32768: " + o.size);
+  if (!parsePair(o.origin, ',', x, y)) return usage("--origin must be X,Y: " + o.origin);
+  if (!parsePair(o.ratio, ':', num, den) || num < 1 || den < 1 || num > 65535 || den > 65535)
+    return usage("--ratio must be N:D, each from 1 to 65535: " + o.ratio);
+  if (!typeBits(o.type, type)) return usage("unknown --type " + o.type);
+  compressionNumber(o.compression, compress);
   for (const std::string& field : o.fields) {
     size_t eq = field.find('=');
-    if (eq == std::string::npos || eq == 0 || eq > 4) return fail(o.out, "field must be TAG=TEXT: " + field);
+    if (eq == std::string::npos || eq == 0 || eq > 4) return usage("--field must be TAG=TEXT: " + field);
   }
+  std::string format, why;
+  if (!outputFormat(o.out, "", format, why)) return fail(o.out, why);
+  if (format != "iff") return fail(o.out, "create writes IFF files only");
+  Output output(o.out);
+  if (!output.error().empty()) return fail(o.out, output.error());
 
-  ILimage* im = ILopen(o.out.c_str(), "w");
+  ILimage* im = ILopen(output.path().c_str(), "w");
   if (!im) return failCode(o.out, flerrno);
   int rc = 0;
   for (int i = 0; i < o.images && !rc; ++i) {
@@ -64,7 +71,7 @@ int create(const CreateOptions& o) {
   }
   int closed = ILclose(im);
   if (rc) return failCode(o.out, rc);
-  return closed ? failCode(o.out, closed) : 0;
+  return closed ? failCode(o.out, closed) : output.commit();
 }
 
 }  // namespace kimg

@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "commands.h"
+#include "files.h"
 #include "kelpimage/il/il.h"
-#include "kelpimage/image/tiffimagefile.h"
-#include "sgifiles.h"
+#include "kelpimage/sgi/sgi.h"
 #include "util.h"
 
 namespace kimg {
@@ -31,27 +31,22 @@ std::string valueText(const uint8_t* v, uint32_t n) {
   return (n > 32 ? hex + "..." : hex) + " (" + std::to_string(n) + " bytes)";
 }
 
-void printHeader(TiffImageFile& file) {
-  ILimage* im = file.image();
+// What the header holds, read from the handle itself, so that a header
+// the library refuses (a size out of range) is still shown as it stands.
+void printHeader(ILimage* im) {
   char type[64];
-  unsigned short w, h, num, den;
-  file.getSize(w, h);
-  file.getRatio(num, den);
-  int32_t x = 0, y = 0;
-  ILgetorigin(im, &x, &y);  // signed, where the class gives 16 bits
-  unsigned bytes = file.bytesPerPixel();
-  ILtypename(file.type(), type, sizeof type);
-  std::printf("  size         %u x %u\n", w, h);
-  std::printf("  type         %s (%u)\n", type, file.type());
+  ILtypename(im->type, type, sizeof type);
+  unsigned bytes = im->bytes;
+  std::printf("  size         %u x %u\n", im->width, im->height);
+  std::printf("  type         %s (%u)\n", type, im->type);
   std::printf("  channel      %u byte%s%s\n", bytes, bytes == 1 ? "" : "s", bytes == 4 ? " (float)" : "");
-  // The class folds compressor numbers it does not know into 0; the header's own number is shown.
   std::printf("  compression  %s (%u)\n", compressionName(im->compress).c_str(), im->compress);
-  std::printf("  tiles        %d\n", file.pages());
-  std::printf("  origin       %d, %d\n", x, y);
-  std::printf("  pixel ratio  %u:%u\n", num, den);
-  if (file.dpi() > 0.0f) std::printf("  dpi          %g\n", double(file.dpi()));
+  std::printf("  tiles        %u\n", unsigned(im->pages));
+  std::printf("  origin       %d, %d\n", int(im->orgx), int(im->orgy));
+  std::printf("  pixel ratio  %u:%u\n", unsigned(im->prnum), unsigned(im->prden));
+  if (im->dpi > 0.0f) std::printf("  dpi          %g\n", double(im->dpi));
   else std::printf("  dpi          not stored\n");
-  std::printf("  version      0x%05x\n", unsigned(file.version()));
+  std::printf("  version      0x%05x\n", unsigned(im->version));
   for (FLnode* n = im->fields.head; n; n = n->next) {
     auto* f = reinterpret_cast<ILfield*>(n);
     std::printf("  field %-6s %s\n", tagText(n->type).c_str(), valueText(f->value, f->length).c_str());
@@ -95,31 +90,89 @@ int printStats(ILimage* im, const std::string& file) {
   return 0;
 }
 
-int infoOne(const std::string& name, bool stats) {
-  TiffImageFile file;
-  if (!file.open(name.c_str(), "r")) return failCode(name, flerrno);
-  ILimage* im = file.image();
+int infoSgi(const std::string& name, const std::string& path, bool stats) {
+  IMAGE* im = iopen(path.c_str(), "r");
+  if (!im) return fail(name, takeReport("cannot be read as an SGI picture"));
+  unsigned bpp = im->type & 0xFF;
+  std::printf("%s\n", name.c_str());
+  std::printf("  format       SGI, %s\n", (im->type & 0xFF00) ? "run-length" : "verbatim");
+  std::printf("  size         %u x %u\n", im->xsize, im->ysize);
+  std::printf("  channels     %u (dim %u)\n", im->zsize, im->dim);
+  std::printf("  channel      %u byte%s\n", bpp, bpp == 1 ? "" : "s");
+  std::printf("  samples      min %u  max %u\n", im->min, im->max);
+  std::printf("  name         \"%.79s\"\n", im->name);
+  int status = 0;
+  if (stats) {
+    std::vector<uint16_t> row(size_t(im->xsize) + 1);
+    const char* names[] = {"red", "green", "blue", "alpha"};
+    for (unsigned z = 0; z < im->zsize && z < 4 && !status; ++z) {
+      unsigned lo = 65535, hi = 0;
+      double sum = 0;
+      for (unsigned y = 0; y < im->ysize && !status; ++y) {
+        if (getrow(im, row.data(), y, z) != int(im->xsize)) {
+          status = fail(name, takeReport("a row cannot be read"));
+          break;
+        }
+        for (unsigned x = 0; x < im->xsize; ++x) {
+          lo = std::min<unsigned>(lo, row[x]);
+          hi = std::max<unsigned>(hi, row[x]);
+          sum += row[x];
+        }
+      }
+      if (!status)
+        std::printf("  %-6s       min %u  max %u  mean %.3f\n", im->zsize == 1 ? "grey" : names[z], lo, hi,
+                    sum / (double(im->xsize) * im->ysize));
+    }
+  }
+  iclose(im);
+  return status;
+}
+
+int infoIff(const std::string& name, const std::string& path, bool stats) {
+  ILimage* im = ILopen(path.c_str(), "r");
+  if (!im) return failCode(name, flerrno);
   int status = 0;
   for (int index = 1;; ++index) {
-    if (!ILgetheader(im)) {
-      status = failCode(name, flerrno);
+    bool read = ILgetheader(im) != nullptr;
+    int code = flerrno;
+    if (!read && !(im->ictl & ILC_REFUSED)) {
+      status = failCode(name, code);
       break;
     }
     std::printf("%s", name.c_str());
     if (index > 1) std::printf(" (image %d)", index);
     std::printf("\n");
-    printHeader(file);
+    printHeader(im);
+    if (!read) {
+      status = failCode(name, code);
+      break;
+    }
     if (stats && (status = printStats(im, name)) != 0) break;
     if (ILnext(im) != 0) break;
   }
+  ILclose(im);
   return status;
+}
+
+bool isSgi(const std::string& path) {
+  std::FILE* f = std::fopen(path.c_str(), "rb");
+  unsigned char b[2] = {};
+  bool two = f && std::fread(b, 1, 2, f) == 2;
+  if (f) std::fclose(f);
+  return two && ((b[0] == 0x01 && b[1] == 0xDA) || (b[0] == 0xDA && b[1] == 0x01));
 }
 
 }  // namespace
 
 int info(const std::vector<std::string>& files, bool stats) {
   int status = 0;
-  for (const std::string& f : files) status |= isSgi(f) ? infoSgi(f, stats) : infoOne(f, stats);
+  for (const std::string& name : files) {
+    Input input(name);
+    int one = !input.error().empty()         ? fail(name, input.error())
+              : isSgi(input.path())          ? infoSgi(name, input.path(), stats)
+                                             : infoIff(name, input.path(), stats);
+    status = status ? status : one;
+  }
   return status;
 }
 

@@ -1,20 +1,32 @@
 // kimg: make, convert and look into image files with the kelp-image library.
 #include <CLI/CLI.hpp>
 
+#include <cstdio>
+#include <iostream>
+#include <new>
+
 #include "commands.h"
+#include "util.h"
 
 namespace {
-const std::vector<std::string> kCompressions = {"none", "rle", "qrl", "qr4"};
-}
 
-int main(int argc, char** argv) {
-  CLI::App app{"kimg: make, convert and inspect images with kelp-image"};
+const std::vector<std::string> kCompressions = {"none", "rle", "qrl", "qr4"};
+const char* const kCompressionHelp =
+    "none, rle, qrl or qr4. none and rle are exact; qrl does not keep the red channel of pixels with alpha, "
+    "and qr4 crosses the channels of pixels it stores literally";
+const char* const kNames =
+    "Files: a name, \"-\" for standard input or output, or \"pipe:COMMAND\" to read a command's output "
+    "or write to its input.";
+
+int run(int argc, char** argv) {
+  CLI::App app{std::string("kimg: make, convert and inspect pictures with kelp-image.\n") + kNames, "kimg"};
+  app.set_version_flag("--version", "kimg " KELP_VERSION);
   app.require_subcommand(1);
 
   std::vector<std::string> infoFiles;
   bool stats = false;
-  CLI::App* info = app.add_subcommand("info", "Print what an image file's header says");
-  info->add_option("files", infoFiles, "Image files")->required();
+  CLI::App* info = app.add_subcommand("info", "Print what the headers of IFF and SGI files say");
+  info->add_option("files", infoFiles, "Picture files")->required();
   info->add_flag("--stats", stats, "Also read the pixels: minimum, maximum and mean of each channel");
 
   std::string chunkFile;
@@ -22,45 +34,45 @@ int main(int argc, char** argv) {
   chunks->add_option("file", chunkFile, "A chunked file")->required();
 
   kimg::PatternOptions pat;
-  CLI::App* pattern = app.add_subcommand("pattern", "Write a synthetic picture");
+  CLI::App* pattern = app.add_subcommand("pattern", "Write a synthetic IFF picture");
   pattern->add_option("out", pat.out, "Output IFF file")->required();
   pattern->add_option("--size", pat.size, "Width and height, WxH")->capture_default_str();
   pattern->add_flag("--alpha", pat.alpha, "With a soft alpha edge");
   pattern->add_flag("--depth", pat.depth, "With a depth ramp");
   pattern->add_option("--bytes", pat.bytes, "Bytes per channel")->check(CLI::IsMember({1, 2}))->capture_default_str();
-  pattern->add_option("--compression", pat.compression, "none, rle, qrl or qr4")
+  pattern->add_option("--compression", pat.compression, kCompressionHelp)
       ->check(CLI::IsMember(kCompressions))
       ->capture_default_str();
 
   kimg::ConvertOptions conv;
   CLI::App* convert = app.add_subcommand("convert", "Convert IFF and SGI pictures into IFF or SGI files");
-  convert->add_option("in", conv.in, "Input file (IFF or SGI)")->required();
-  convert->add_option("out", conv.out, "Output file")->required();
-  convert->add_option("--compression", conv.compression, "none, rle, qrl or qr4 (default: as the input)")
+  convert->add_option("in", conv.in, "Input picture (IFF or SGI)")->required();
+  convert->add_option("out", conv.out, "Output file; may be the input itself")->required();
+  convert->add_option("--compression", conv.compression, std::string(kCompressionHelp) + " (default: as the input)")
       ->check(CLI::IsMember(kCompressions));
-  convert->add_flag("--topdown", conv.topdown, "Write lines from the top of the image down");
-  convert->add_option("--tile", conv.tile, "Tile size, WxH (default: chosen by image size)");
+  convert->add_flag("--topdown", conv.topdown, "Write IFF lines from the top of the image down");
+  convert->add_option("--tile", conv.tile, "IFF tile size, WxH (default: chosen by image size)");
   convert->add_option("--resize", conv.resize, "Resample to WxH through a zoom filter");
   convert->add_option("--filter", conv.filter, "Zoom filter for --resize (see kimg filters; default auto)");
   convert->add_option("--blur", conv.blur, "Blur for --resize, X,Y in percent of the image");
-  convert->add_option("--format", conv.format, "Output format: iff or sgi (default: by the extension, .sgi/.rgb for SGI)")
+  convert->add_option("--format", conv.format, "Output format: iff or sgi (default: by the extension)")
       ->check(CLI::IsMember({"iff", "sgi"}));
 
   std::string depthIn, depthOut;
-  CLI::App* depth = app.add_subcommand("depth", "Write the depth channel of an image as a grey IFF picture");
-  depth->add_option("in", depthIn, "IFF image with depth")->required();
+  CLI::App* depth = app.add_subcommand("depth", "Write the depth channel of an IFF picture as a grey IFF picture");
+  depth->add_option("in", depthIn, "IFF picture with depth")->required();
   depth->add_option("out", depthOut, "Output IFF file")->required();
 
   CLI::App* filters = app.add_subcommand("filters", "List the zoom filters: built in and in the work area");
 
   kimg::CreateOptions opt;
   CLI::App* create = app.add_subcommand("create", "Write an IFF file holding image headers only");
-  create->add_option("out", opt.out, "Output file (\"pipe:command\" writes to a command)")->required();
+  create->add_option("out", opt.out, "Output IFF file")->required();
   create->add_option("--size", opt.size, "Width and height, WxH")->capture_default_str();
   create->add_option("--type", opt.type, "Channels: rgb, rgba, grey, greya, each with an optional z for depth")
       ->capture_default_str();
   create->add_option("--bytes", opt.bytes, "Bytes per channel")->check(CLI::IsMember({1, 2}))->capture_default_str();
-  create->add_option("--compression", opt.compression, "none, rle, qrl or qr4")
+  create->add_option("--compression", opt.compression, kCompressionHelp)
       ->check(CLI::IsMember(kCompressions))
       ->capture_default_str();
   create->add_option("--dpi", opt.dpi, "Resolution")->capture_default_str();
@@ -69,7 +81,27 @@ int main(int argc, char** argv) {
   create->add_option("--field", opt.fields, "A text field, TAG=TEXT (TAG of four characters)");
   create->add_option("--images", opt.images, "Images in the file")->check(CLI::Range(1, 1000))->capture_default_str();
 
-  CLI11_PARSE(app, argc, argv);
+  if (argc < 2) {
+    std::cout << app.help();
+    return kimg::kUsage;
+  }
+  std::string first = argv[1];
+  if (first.empty() || first[0] != '-') {
+    bool known = false;
+    for (const CLI::App* sub : app.get_subcommands({})) known = known || sub->get_name() == first;
+    if (!known) return kimg::usage("unknown command '" + first + "'");
+  }
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForVersion& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    return kimg::usage(e.what());
+  }
+
+  kimg::installReporter();
   if (*info) return kimg::info(infoFiles, stats);
   if (*chunks) return kimg::chunks(chunkFile);
   if (*pattern) return kimg::pattern(pat);
@@ -77,4 +109,17 @@ int main(int argc, char** argv) {
   if (*filters) return kimg::filters();
   if (*depth) return kimg::depth(depthIn, depthOut);
   return kimg::create(opt);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::bad_alloc&) {
+    std::fprintf(stderr, "kimg: out of memory\n");
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "kimg: %s\n", e.what());
+  }
+  return kimg::kFailed;
 }

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "files.h"
 #include "kelpimage/il/il.h"
 #include "util.h"
 
@@ -42,10 +43,15 @@ Sample at(double u, double v, double aspect) {
 int pattern(const PatternOptions& o) {
   int w = 0, h = 0;
   uint32_t compress = 0;
-  if (!parsePair(o.size, 'x', w, h) || w < 1 || h < 1) return fail(o.out, "size must be WxH");
-  if (!compressionNumber(o.compression, compress)) return fail(o.out, "unknown compression " + o.compression);
+  if (!parseSize(o.size, w, h)) return usage("--size must be WxH, each from 1 to 32768: " + o.size);
+  compressionNumber(o.compression, compress);
+  std::string format, why;
+  if (!outputFormat(o.out, "", format, why)) return fail(o.out, why);
+  if (format != "iff") return fail(o.out, "pattern writes IFF files only (kimg convert makes SGI of them)");
+  Output output(o.out);
+  if (!output.error().empty()) return fail(o.out, output.error());
 
-  ILimage* im = ILopen(o.out.c_str(), "w");
+  ILimage* im = ILopen(output.path().c_str(), "w");
   if (!im) return failCode(o.out, flerrno);
   uint32_t type = ILT_COLOR | (o.alpha ? ILT_ALPHA : 0) | (o.depth ? ILT_DEPTH : 0);
   int rc = ILsetsize(im, w, h);
@@ -75,7 +81,7 @@ int pattern(const PatternOptions& o) {
   }
   int closed = ILclose(im);
   if (rc) return failCode(o.out, rc);
-  return closed ? failCode(o.out, closed) : 0;
+  return closed ? failCode(o.out, closed) : output.commit();
 }
 
 }  // namespace kimg

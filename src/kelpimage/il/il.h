@@ -207,6 +207,12 @@ KELP_API void ILzoomsize(const ILzoom* zoom, int32_t* width, int32_t* height);
 // result sample `index` on an axis: their count, the first source sample,
 // and up to `max` weights (none for a single tap).
 KELP_API const char* ILzoomfilter(const ILzoom* zoom, int axis);
+// 1 when the 16-bit lines this zoom makes hold each pair of channels swapped
+// (green, blue, alpha, red where memory order is blue, green, red, alpha),
+// as lines filtered at 16 bits do; 0 otherwise. ILswappairs16 puts such a
+// line's channels back in place.
+KELP_API int ILzoomswapped(const ILzoom* zoom);
+KELP_API void ILswappairs16(void* line, int32_t pixels);
 KELP_API int ILzoomtaps(const ILzoom* zoom, int axis, int32_t index, int32_t* first, int32_t* weights, int32_t max);
 
 // Image tools. ILqblur blurs a raster of 4-byte pixels by `blur` percent of

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <utility>
 
 #include "kelpimage/il/ilzoom.h"
 
@@ -250,4 +251,14 @@ int ILgetzoom(void* record, uint8_t** color, float** depth) {
   if (color) *color = z->colorLine.data();
   if (depth) *depth = z->depthLine.data();
   return 0;
+}
+
+int ILzoomswapped(const ILzoom* z) { return z && !z->identity && z->activeY && (z->mode & 2) ? 1 : 0; }
+
+void ILswappairs16(void* line, int32_t pixels) {
+  auto* p = static_cast<uint16_t*>(line);
+  for (int32_t i = 0; i < pixels; ++i, p += 4) {
+    std::swap(p[0], p[1]);
+    std::swap(p[2], p[3]);
+  }
 }

@@ -133,7 +133,26 @@ int TiffImageFile::setCompression(TfileCompression c) {
   return ILsetcompress(fImage, uint32_t(c));
 }
 
-int TiffImageFile::load(void* pixels, float* z) { return fImage ? ILload(fImage, pixels, z) : -1; }
+int TiffImageFile::readLine(void* color, float* z) {
+  int rc = ILreadline(fImage, color, z);
+  if (rc == 0 && color && ILzoomswapped(fImage->zoom)) {
+    int32_t w = 0;
+    ILgetsize(fImage, &w, nullptr);
+    ILswappairs16(color, w);
+  }
+  return rc;
+}
+
+int TiffImageFile::load(void* pixels, float* z) {
+  if (!fImage) return -1;
+  int rc = ILload(fImage, pixels, z);
+  if (rc == 0 && pixels && ILzoomswapped(fImage->zoom)) {
+    int32_t w = 0, h = 0;
+    ILgetsize(fImage, &w, &h);
+    ILswappairs16(pixels, w * h);
+  }
+  return rc;
+}
 
 int TiffImageFile::loadBitmap(void* pixels, float* z) { return fImage ? ILloadbm(fImage, pixels, z) : -1; }
 
@@ -196,7 +215,10 @@ void TiffImageFile::readZBuffer(TpixelMap& map, int width, int height) {
   } catch (...) {
     return;
   }
-  if (fImage && n) ILloadbm(fImage, nullptr, depth.data());
+  // A read that fails leaves the map as it was and its code in flerrno;
+  // flerrno is 0 after a whole picture.
+  flerrno = 0;
+  if (fImage && n && ILloadbm(fImage, nullptr, depth.data()) != 0) return;
   std::vector<Tpixel32> picture(n);
   float minimum = 3.4028235e38f, maximum = -3.4028235e38f;
   for (float v : depth) {

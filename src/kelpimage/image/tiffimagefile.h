@@ -54,7 +54,8 @@ class KELP_API TiffImageFile : public TiffFile {
   int setPages(int pages) { return ILsetpages(fImage, uint16_t(pages)); }
   int setPageSize(int w, int h) { return ILsetpagesize(fImage, w, h); }
   int getLine(const void** line, const float** zline);
-  int readLine(void* color, float* z) { return ILreadline(fImage, color, z); }
+  // Lines of a zoomed 16-bit read come with their channels in memory order.
+  int readLine(void* color, float* z);
   int writeLine(const void* color, const float* z) { return ILwriteline(fImage, color, z); }
   void* beginLine(float** zline) { return ILbgnline(fImage, zline); }
   int endLine() { return ILendline(fImage); }
@@ -76,7 +77,9 @@ class KELP_API TiffImageFile : public TiffFile {
   void rewriteHeaderPageCount(int pages);
   // Reads a float image into 8-bit pixels (channels not turned); always 0.
   int loadFloatToByte(void* pixels, float* z);
-  // A grey picture of the depth channel: nearest white, farthest 55.
+  // A grey picture of the depth channel: nearest white, farthest 55. A read
+  // that fails leaves the map as it was and its code in flerrno (0 after a
+  // whole picture).
   void readZBuffer(TpixelMap& map, int width, int height);
 
   // Pixels of a line of 4 bytes each, blue, green, red, alpha; x up to the
