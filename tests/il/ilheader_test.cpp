@@ -2,6 +2,7 @@
 // attribute rules and fields.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 
 #include "kelpimage/il/il.h"
@@ -257,4 +258,66 @@ TEST(ILheader, TypeDescriptions) {
   EXPECT_STREQ(ILtypename(1 | 4, buf, sizeof buf), "RGB without Alpha, ZBuffer");
   EXPECT_STREQ(ILtypename(16 | 2, buf, sizeof buf), "Black with Alpha");
   EXPECT_STREQ(ILtypename(0, buf, sizeof buf), "BW without Alpha");
+}
+
+// A header is not believed for more pixels than the limit, nor for a large
+// picture its file cannot hold; what it says stays readable in the handle.
+TEST(ILheader, SizesBeyondTheLimitOrTheFileAreRefused) {
+  TempDir dir;
+  std::string name = dir.file("h.iff");
+  ILimage* im = ILopen(name.c_str(), "w");
+  ILsetsize(im, 100, 50);
+  ILputheader(im);
+  ILclose(im);
+  auto good = readBytes(name);
+  size_t at = 0;
+  for (size_t i = 0; i + 4 <= good.size(); ++i)
+    if (text(good, i, 4) == "TBHD") at = i + 8;
+  ASSERT_GT(at, 0u);
+  auto withSize = [&](uint32_t w, uint32_t h) {
+    auto b = good;
+    for (int k = 0; k < 4; ++k) {
+      b[at + size_t(k)] = uint8_t(w >> (24 - 8 * k));
+      b[at + 4 + size_t(k)] = uint8_t(h >> (24 - 8 * k));
+    }
+    writeBytes(name, b);
+    return ILopen(name.c_str(), "r");
+  };
+
+  for (auto [w, h] : {std::pair<uint32_t, uint32_t>{2147483647u, 2147483647u}, {20000, 20000}, {70000, 1}, {0, 5}}) {
+    im = withSize(w, h);
+    ASSERT_NE(im, nullptr);
+    EXPECT_EQ(ILgetheader(im), nullptr) << w << "x" << h;
+    EXPECT_EQ(flerrno, IL_ERANGE);
+    EXPECT_TRUE(im->ictl & ILC_REFUSED);
+    EXPECT_EQ(im->width, w);  // as the header holds it
+    int32_t gw = 0, gh = 0;
+    EXPECT_EQ(ILgetsize(im, &gw, &gh), IL_ERANGE);  // a second look is refused as well
+    uint8_t px[4];
+    EXPECT_EQ(ILload(im, px, nullptr), IL_ERANGE);
+    ILclose(im);
+  }
+
+  // A header alone may stand for a picture of up to 2^26 pixels.
+  im = withSize(8192, 8192);
+  EXPECT_NE(ILgetheader(im), nullptr);
+  ILclose(im);
+
+  // The limit is the host's to set.
+  uint64_t before = ILmaxpixels(0);
+  EXPECT_EQ(before, uint64_t(1) << 30);
+  ILmaxpixels(100 * 50 - 1);
+  im = withSize(100, 50);
+  EXPECT_EQ(ILgetheader(im), nullptr);
+  EXPECT_EQ(flerrno, IL_ERANGE);
+  ILclose(im);
+  ILmaxpixels(before);
+  im = withSize(100, 50);
+  EXPECT_NE(ILgetheader(im), nullptr);
+  ILclose(im);
+}
+
+TEST(ILheaderLimit, PixelLimitFromTheEnvironment) {
+  if (!std::getenv("KELP_MAX_PIXELS")) GTEST_SKIP() << "needs KELP_MAX_PIXELS at first use";
+  EXPECT_EQ(ILmaxpixels(0), 5000u);
 }

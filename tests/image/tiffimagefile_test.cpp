@@ -228,3 +228,57 @@ TEST(TiffImageFile, DepthPicturesAndPixelAccessors) {
   EXPECT_EQ(line[8], 9);
   out.close();
 }
+
+// A zoomed 16-bit read hands out blue, green, red, alpha in their places,
+// whatever order the zoom works in.
+TEST(TiffImageFile, ZoomedSixteenBitLinesKeepTheirChannels) {
+  TempDir dir;
+  std::string name = dir.file("deep.iff");
+  ILimage* im = ILopen(name.c_str(), "w");
+  ILsetsize(im, 32, 16);
+  ILsettype(im, int32_t(ILT_COLOR | ILT_ALPHA));
+  ILsetbpp(im, 2);
+  std::vector<uint16_t> px(32 * 16 * 4);
+  for (size_t i = 0; i < px.size(); i += 4) px[i] = 1000, px[i + 1] = 2000, px[i + 2] = 3000, px[i + 3] = 4000;
+  ASSERT_EQ(ILsave(im, px.data(), nullptr, 0), 0);
+  ILclose(im);
+  for (const char* filter : {"gauss", "impulse", "lanczos"}) {
+    TiffImageFile f(name.c_str(), "r");
+    ASSERT_EQ(f.setBytesPerPixel(2), 0);
+    ASSERT_EQ(ILsetzoom(f.image(), filter, 16, 8, 0, 0, 0.5f, 0.5f), 0);
+    std::vector<uint16_t> line(16 * 4);
+    ASSERT_EQ(f.readLine(line.data(), nullptr), 0);
+    EXPECT_EQ(std::vector<uint16_t>(line.begin(), line.begin() + 4), (std::vector<uint16_t>{1000, 2000, 3000, 4000}))
+        << filter;
+    std::vector<uint16_t> all(16 * 8 * 4);
+    TiffImageFile g(name.c_str(), "r");
+    g.setBytesPerPixel(2);
+    ILsetzoom(g.image(), filter, 16, 8, 0, 0, 0.5f, 0.5f);
+    ASSERT_EQ(g.load(all.data(), nullptr), 0);
+    EXPECT_EQ(std::vector<uint16_t>(all.end() - 4, all.end()), (std::vector<uint16_t>{1000, 2000, 3000, 4000}))
+        << filter;
+  }
+}
+
+// The depth picture of a damaged file is no picture: the code is left.
+TEST(TiffImageFile, DepthPictureOfATruncatedFile) {
+  TempDir dir;
+  std::string name = dir.file("z.iff");
+  ILimage* im = ILopen(name.c_str(), "w");
+  ILsetsize(im, 100, 80);
+  ILsettype(im, int32_t(ILT_COLOR | ILT_DEPTH));
+  std::vector<uint8_t> px(100 * 80 * 4, 50);
+  std::vector<float> z(100 * 80);
+  for (size_t i = 0; i < z.size(); ++i) z[i] = -1.0f / float(1 + i % 97);
+  ASSERT_EQ(ILsave(im, px.data(), z.data(), 0), 0);
+  ILclose(im);
+  auto bytes = readBytes(name);
+  bytes.resize(bytes.size() * 2 / 3);
+  writeBytes(name, bytes);
+  TiffImageFile f(name.c_str(), "r");
+  TpixelMap map(100, 80);
+  map.pixelPointer(0, 0)->fValue = 0x12345678;
+  f.readZBuffer(map, 100, 80);
+  EXPECT_NE(flerrno, 0);
+  EXPECT_EQ(map.pixelPointer(0, 0)->fValue, 0x12345678u);  // untouched
+}

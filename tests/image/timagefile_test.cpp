@@ -3,8 +3,10 @@
 // threads reading at once.
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <thread>
@@ -395,4 +397,57 @@ TEST(TimageFile, SgiWiderThanAPixelMapIsRefused) {
   TpixelMap narrow(100, 2);
   EXPECT_EQ(f.readPixelMap(narrow, 0, 2), -1);
   f.close();
+}
+
+// A write that does not reach the disk fails at close, with a report,
+// through every file class and the image library itself.
+TEST(TimageFile, WriteErrorsReachTheCaller) {
+  Reports reports;
+  TpixelMap map(200, 100);
+  TimageFile f;
+  ASSERT_EQ(f.create("/dev/full", 200, 100, TiffImageFile::kRLE, nullptr), 0);  // a device opens
+  f.writePixelMap(map);  // the bytes may still be in a buffer here
+  EXPECT_EQ(f.close(), -1);
+  EXPECT_TRUE(reports.has("Image file /dev/full is incomplete")) << (reports.lines.empty() ? "" : reports.lines[0]);
+
+  TimageDiskIO d;
+  ASSERT_EQ(d.create("/dev/full", 200, 100, TiffImageFile::kNone, nullptr), 0);
+  Timage image(200, 100, kRGBA8);
+  d.writeImage(image);
+  EXPECT_EQ(d.close(), -1);
+
+  TiffImageFile t("/dev/full", "w");
+  ASSERT_TRUE(t.isActive());
+  t.setSize(200, 100);
+  std::vector<uint8_t> px(200 * 100 * 4);
+  t.save(px.data(), nullptr, 0);
+  EXPECT_EQ(t.close(), FL_EWRITE);
+
+  ILimage* im = ILopen("/dev/full", "w");
+  ASSERT_NE(im, nullptr);
+  ILsetsize(im, 200, 100);
+  ILsave(im, px.data(), nullptr, 0);
+  EXPECT_EQ(ILclose(im), FL_EWRITE);
+}
+
+// Memory that cannot be had is a failed call, never an exception in the host.
+TEST(TimageFile, OutOfMemoryIsAFailedCall) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizers need more address space than the limit leaves";
+#else
+  TempDir dir;
+  std::string name = dir.file("big.iff");
+  writeIff(name, 8192, 4096);  // 128 MB as a pixel map
+  auto readUnderALimit = [&] {
+    rlimit limit{96u << 20, 96u << 20};
+    setrlimit(RLIMIT_AS, &limit);
+    Reports reports;
+    TimageFile f;
+    int opened = f.identifyAndOpen(name.c_str());
+    TpixelMap map;
+    int rc = f.readPixelMap(map);
+    std::exit(opened == 0 && rc == -1 && reports.has("Out of memory") ? 0 : 1);
+  };
+  EXPECT_EXIT(readUnderALimit(), testing::ExitedWithCode(0), "");
+#endif
 }

@@ -29,7 +29,7 @@ struct BlurPair {
 };
 }  // namespace
 
-int ILqblur(void* out, const void* in, int32_t w, int32_t h, float blur) {
+static int unguardedQblur(void* out, const void* in, int32_t w, int32_t h, float blur) {
   size_t bytes = size_t(w) * size_t(h) * 4;
   if (blur <= 0.0f) {
     if (out != in) std::memmove(out, in, bytes);
@@ -59,4 +59,10 @@ int ILqblur(void* out, const void* in, int32_t w, int32_t h, float blur) {
   auto* dst = static_cast<uint8_t*>(out);
   for (int32_t y = 0; y < h; ++y) ILreadzoom(pair.expander, dst + size_t(y) * size_t(w) * 4, nullptr);
   return 0;
+}
+
+// The entry points: no exception leaves the library; running out of memory
+// is FL_ENOMEM, anything else unexpected FL_EFIT.
+int ILqblur(void* out, const void* in, int32_t w, int32_t h, float blur) {
+  return ILguard([&] { return unguardedQblur(out, in, w, h, blur); });
 }

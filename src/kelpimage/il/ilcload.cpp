@@ -53,7 +53,7 @@ void composite(const uint32_t* src, int32_t w, int32_t h, uint32_t* dst, int32_t
 }
 }  // namespace
 
-int ILcload(ILimage* im, uint32_t* buffer, int32_t bw, int32_t bh, int32_t x, int32_t y, float scale, float fade,
+static int unguardedCload(ILimage* im, uint32_t* buffer, int32_t bw, int32_t bh, int32_t x, int32_t y, float scale, float fade,
             int smooth) {
   if (im->ictl & ILC_DONE) return ILfail(IL_EDONE);
   if (!buffer || x >= bw || y >= bh) return 0;
@@ -115,4 +115,11 @@ int ILcload(ILimage* im, uint32_t* buffer, int32_t bw, int32_t bh, int32_t x, in
   im->ictl &= ~ILC_BITMAP;
   im->ictl |= ILC_DONE;
   return 0;
+}
+
+// The entry points: no exception leaves the library; running out of memory
+// is FL_ENOMEM, anything else unexpected FL_EFIT.
+int ILcload(ILimage* im, uint32_t* buffer, int32_t bw, int32_t bh, int32_t x, int32_t y, float scale, float fade,
+            int smooth) {
+  return ILguard([&] { return unguardedCload(im, buffer, bw, bh, x, y, scale, fade, smooth); });
 }

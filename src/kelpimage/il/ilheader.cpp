@@ -132,7 +132,7 @@ bool readHeader(ILimage* image) {
 bool ready(ILimage* image) { return ILgetheader(image) != nullptr; }
 }  // namespace
 
-ILheader* ILgetheader(ILimage* image) {
+static ILheader* unguardedGetheader(ILimage* image) {
   if (!image) {
     ILfail(FL_EARG);
     return nullptr;
@@ -177,7 +177,7 @@ int ILputheader(ILimage* image) {
   return FLflush(image);
 }
 
-int ILsetsize(ILimage* image, int32_t width, int32_t height) {
+static int unguardedSetsize(ILimage* image, int32_t width, int32_t height) {
   if (width < 1 || width > 32768 || height < 1 || height > 32768) return ILfail(IL_ERANGE);
   if (image->ictl & ILC_READ) {
     // On a read handle a new size means reading through a zoom.
@@ -212,7 +212,7 @@ int ILsetratio(ILimage* image, int32_t num, int32_t den) {
   return 0;
 }
 
-int ILsetbpp(ILimage* image, int32_t bytes) {
+static int unguardedSetbpp(ILimage* image, int32_t bytes) {
   if (image->ictl & ILC_READ) {
     if (bytes == 2) {
       if (!ILgetheader(image)) return flerrno;
@@ -297,4 +297,18 @@ const char* ILtypename(uint32_t type, char* buffer, size_t size) {
   std::snprintf(buffer, size, "%s %s Alpha%s", colour, (type & ILT_ALPHA) ? "with" : "without",
                 (type & ILT_DEPTH) ? ", ZBuffer" : "");
   return buffer;
+}
+
+// The entry points: no exception leaves the library; running out of memory
+// is FL_ENOMEM, anything else unexpected FL_EFIT.
+ILheader* ILgetheader(ILimage* image) {
+  return ILguardpointer([&] { return unguardedGetheader(image); });
+}
+
+int ILsetsize(ILimage* image, int32_t width, int32_t height) {
+  return ILguard([&] { return unguardedSetsize(image, width, height); });
+}
+
+int ILsetbpp(ILimage* image, int32_t bytes) {
+  return ILguard([&] { return unguardedSetbpp(image, bytes); });
 }

@@ -1,6 +1,8 @@
 // Helpers shared by the image library's own files.
 #pragma once
 
+#include <new>
+
 #include "kelpimage/byteorder.h"
 #include "kelpimage/il/il.h"
 
@@ -8,6 +10,30 @@
 inline int ILfail(int code) {
   flerrno = code;
   return code;
+}
+
+// Runs an entry point so that no exception leaves the library: running out
+// of memory gives FL_ENOMEM, anything else unexpected FL_EFIT.
+template <class Body>
+int ILguard(Body body) noexcept {
+  try {
+    return body();
+  } catch (const std::bad_alloc&) {
+    return ILfail(FL_ENOMEM);
+  } catch (...) {
+    return ILfail(FL_EFIT);
+  }
+}
+template <class Body>
+auto ILguardpointer(Body body) noexcept -> decltype(body()) {
+  try {
+    return body();
+  } catch (const std::bad_alloc&) {
+    ILfail(FL_ENOMEM);
+  } catch (...) {
+    ILfail(FL_EFIT);
+  }
+  return nullptr;
 }
 
 // Deletes the attached zoom, if any.

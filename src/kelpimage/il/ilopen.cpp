@@ -267,7 +267,7 @@ FLpath* ILgetpath() {
   return path;
 }
 
-ILimage* ILopen(const char* name, const char* mode) {
+static ILimage* unguardedOpen(const char* name, const char* mode) {
   if (!name || !mode) {
     ILfail(FL_EARG);
     return nullptr;
@@ -281,7 +281,7 @@ ILimage* ILopen(const char* name, const char* mode) {
   });
 }
 
-ILimage* ILreopen(const char* name, const char* mode, ILimage* image) {
+static ILimage* unguardedReopen(const char* name, const char* mode, ILimage* image) {
   if (!image) return ILopen(name, mode);
   if (!name || !mode) {
     ILfail(FL_EARG);
@@ -294,13 +294,13 @@ ILimage* ILreopen(const char* name, const char* mode, ILimage* image) {
   });
 }
 
-int ILclose(ILimage* image) {
+static int unguardedClose(ILimage* image) {
   if (!image) return ILfail(FL_EARG);
   ILdropzoom(image);
   return FLclose(image);
 }
 
-int ILnext(ILimage* image) {
+static int unguardedNext(ILimage* image) {
   flerrno = 0;
   image->ictl &= ~kLowBits;
   // Close every group inside the image, then the image's own group.
@@ -364,3 +364,21 @@ static const char* setFilter(const char* text, std::string& store, bool& has) {
 
 const char* ILinfilter(const char* text) { return setFilter(text, filters().in, filters().hasIn); }
 const char* ILoutfilter(const char* text) { return setFilter(text, filters().out, filters().hasOut); }
+
+// The entry points: no exception leaves the library; running out of memory
+// is FL_ENOMEM, anything else unexpected FL_EFIT.
+ILimage* ILopen(const char* name, const char* mode) {
+  return ILguardpointer([&] { return unguardedOpen(name, mode); });
+}
+
+ILimage* ILreopen(const char* name, const char* mode, ILimage* image) {
+  return ILguardpointer([&] { return unguardedReopen(name, mode, image); });
+}
+
+int ILclose(ILimage* image) {
+  return ILguard([&] { return unguardedClose(image); });
+}
+
+int ILnext(ILimage* image) {
+  return ILguard([&] { return unguardedNext(image); });
+}

@@ -330,12 +330,12 @@ int ILserveline(void* image, uint8_t** line, float** zline) {
   return serveLine(static_cast<ILimage*>(image), line, zline);
 }
 
-int ILgetline(ILimage* im, uint8_t** line, float** zline) {
+static int unguardedGetline(ILimage* im, uint8_t** line, float** zline) {
   if (im->zoom) return ILgetzoom(im->zoom, line, zline);
   return serveLine(im, line, zline);
 }
 
-int ILreadline(ILimage* im, void* color, float* z) {
+static int unguardedReadline(ILimage* im, void* color, float* z) {
   if (im->zoom) return ILreadzoom(im->zoom, color, z);
   uint8_t* l = nullptr;
   float* zl = nullptr;
@@ -365,7 +365,7 @@ int ILreadline(ILimage* im, void* color, float* z) {
   return 0;
 }
 
-int ILloadbm(ILimage* im, void* color, float* z) {
+static int unguardedLoadbm(ILimage* im, void* color, float* z) {
   if (!(im->ictl & ILC_BITMAP)) {
     if (im->ictl & ILC_DONE) return ILfail(IL_EDONE);
     if (!ILgetheader(im)) return flerrno;
@@ -429,7 +429,7 @@ int ILloadbm(ILimage* im, void* color, float* z) {
   return 0;
 }
 
-int ILload(ILimage* im, void* color, float* z) {
+static int unguardedLoad(ILimage* im, void* color, float* z) {
   int32_t w = 0, h = 0;
   if (ILgetsize(im, &w, &h) != 0) return flerrno;
   if (!im->zoom && !(im->ictl & (ILC_TOPDOWN | ILC_WIDEN))) {
@@ -481,4 +481,22 @@ void ILfill(void* raster, int32_t w, int32_t h, int32_t bytes, int32_t stride, u
   };
   if (bytes == 1) fillRows(static_cast<uint8_t*>(raster), uint8_t(255));
   else fillRows(static_cast<uint16_t*>(raster), uint16_t(65535));
+}
+
+// The entry points: no exception leaves the library; running out of memory
+// is FL_ENOMEM, anything else unexpected FL_EFIT.
+int ILgetline(ILimage* im, uint8_t** line, float** zline) {
+  return ILguard([&] { return unguardedGetline(im, line, zline); });
+}
+
+int ILreadline(ILimage* im, void* color, float* z) {
+  return ILguard([&] { return unguardedReadline(im, color, z); });
+}
+
+int ILloadbm(ILimage* im, void* color, float* z) {
+  return ILguard([&] { return unguardedLoadbm(im, color, z); });
+}
+
+int ILload(ILimage* im, void* color, float* z) {
+  return ILguard([&] { return unguardedLoad(im, color, z); });
 }

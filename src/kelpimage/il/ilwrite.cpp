@@ -42,7 +42,7 @@ int flushBand(ILimage* im) {
 }
 }  // namespace
 
-int ILwritetile(ILimage* im, void* color, float* z, const int32_t rect[4], int32_t stride) {
+static int unguardedWritetile(ILimage* im, void* color, float* z, const int32_t rect[4], int32_t stride) {
   if (!(im->ictl & ILC_BITMAP)) {
     if (im->ictl & ILC_DONE) return ILfail(IL_EDONE);
     ILinitio(im);
@@ -82,7 +82,7 @@ int ILwritetile(ILimage* im, void* color, float* z, const int32_t rect[4], int32
   return 0;
 }
 
-int ILendtile(ILimage* im) {
+static int unguardedEndtile(ILimage* im) {
   if (!(im->ictl & ILC_BITMAP)) return 0;
   im->ictl &= ~(ILC_BITMAP | ILC_LINES);
   im->ictl |= ILC_DONE;
@@ -121,7 +121,7 @@ uint8_t* ILbgnline(ILimage* im, float** zline) {
   return im->line;
 }
 
-int ILendline(ILimage* im) {
+static int unguardedEndline(ILimage* im) {
   if (!im->line && !im->zline) return 0;
   im->waterline++;
   if (im->startline + im->waterline == im->height) {
@@ -141,7 +141,7 @@ int ILendline(ILimage* im) {
   return 0;
 }
 
-int ILwriteline(ILimage* im, const void* color, const float* z) {
+static int unguardedWriteline(ILimage* im, const void* color, const float* z) {
   float* zl = nullptr;
   uint8_t* l = ILbgnline(im, &zl);
   if (l) {
@@ -155,7 +155,7 @@ int ILwriteline(ILimage* im, const void* color, const float* z) {
   return ILendline(im);
 }
 
-int ILsave(ILimage* im, const void* color, const float* z, int32_t stride) {
+static int unguardedSave(ILimage* im, const void* color, const float* z, int32_t stride) {
   int32_t w = 0, h = 0;
   if (ILgetsize(im, &w, &h) != 0) return flerrno;
   if (stride < 1) stride = w;
@@ -174,4 +174,26 @@ int ILsave(ILimage* im, const void* color, const float* z, int32_t stride) {
     if (d) d += depthStep;
   }
   return 0;
+}
+
+// The entry points: no exception leaves the library; running out of memory
+// is FL_ENOMEM, anything else unexpected FL_EFIT.
+int ILwritetile(ILimage* im, void* color, float* z, const int32_t rect[4], int32_t stride) {
+  return ILguard([&] { return unguardedWritetile(im, color, z, rect, stride); });
+}
+
+int ILendtile(ILimage* im) {
+  return ILguard([&] { return unguardedEndtile(im); });
+}
+
+int ILendline(ILimage* im) {
+  return ILguard([&] { return unguardedEndline(im); });
+}
+
+int ILwriteline(ILimage* im, const void* color, const float* z) {
+  return ILguard([&] { return unguardedWriteline(im, color, z); });
+}
+
+int ILsave(ILimage* im, const void* color, const float* z, int32_t stride) {
+  return ILguard([&] { return unguardedSave(im, color, z, stride); });
 }

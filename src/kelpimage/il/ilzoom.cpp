@@ -128,7 +128,7 @@ int ILbuildtaps(std::vector<ILtaps>& taps, const ILfilterdef* f, int n, int m, f
   return support;
 }
 
-ILzoom* ILnewzoom(const char* filter) {
+static ILzoom* unguardedNewzoom(const char* filter) {
   auto* z = new ILzoom;
   if (filter) z->name = filter;
   else z->name = defaultName().empty() ? "auto" : defaultName();
@@ -170,7 +170,7 @@ void ILsetzoommargin(ILzoom* z, float xl, float yl, float xh, float yh) {
   z->bound = false;
 }
 
-int ILbindzoom(ILzoom* z, void* arg, ILlinefn callback, int mode, int32_t rw, int32_t rh, int32_t sw, int32_t sh) {
+static int unguardedBindzoom(ILzoom* z, void* arg, ILlinefn callback, int mode, int32_t rw, int32_t rh, int32_t sw, int32_t sh) {
   for (int32_t v : {rw, rh, sw, sh})
     if (v < 1 || v > 32768) return ILfail(IL_ERANGE);
   z->arg = arg;
@@ -245,7 +245,7 @@ void ILzoomsize(const ILzoom* z, int32_t* w, int32_t* h) {
   if (h) *h = z ? z->resultH : 0;
 }
 
-int ILsetzoom(ILimage* im, const char* filter, int32_t width, int32_t height, float blurX, float blurY,
+static int unguardedSetzoom(ILimage* im, const char* filter, int32_t width, int32_t height, float blurX, float blurY,
               float offsetX, float offsetY) {
   if (!(im->ictl & ILC_READ)) return ILfail(FL_ENOTREAD);
   if (!ILgetheader(im)) return flerrno;
@@ -292,4 +292,19 @@ int ILzoomtaps(const ILzoom* z, int axis, int32_t index, int32_t* first, int32_t
   if (first) *first = t.first;
   for (int32_t j = 0; weights && j < max && size_t(j) < t.weights.size(); ++j) weights[j] = t.weights[size_t(j)];
   return t.count;
+}
+
+// The entry points: no exception leaves the library; running out of memory
+// is FL_ENOMEM, anything else unexpected FL_EFIT.
+ILzoom* ILnewzoom(const char* filter) {
+  return ILguardpointer([&] { return unguardedNewzoom(filter); });
+}
+
+int ILbindzoom(ILzoom* z, void* arg, ILlinefn callback, int mode, int32_t rw, int32_t rh, int32_t sw, int32_t sh) {
+  return ILguard([&] { return unguardedBindzoom(z, arg, callback, mode, rw, rh, sw, sh); });
+}
+
+int ILsetzoom(ILimage* im, const char* filter, int32_t width, int32_t height, float blurX, float blurY,
+              float offsetX, float offsetY) {
+  return ILguard([&] { return unguardedSetzoom(im, filter, width, height, blurX, blurY, offsetX, offsetY); });
 }

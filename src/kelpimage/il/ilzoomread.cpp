@@ -227,14 +227,14 @@ int readFiltered(ILzoom* z, void* color, float* depth) {
 }
 }  // namespace
 
-int ILreadzoom(ILzoom* z, void* color, float* depth) {
+static int unguardedReadzoom(ILzoom* z, void* color, float* depth) {
   if (!z || !z->callback) return ILfail(IL_ENOSOURCE);
   if (z->identity) return readIdentity(z, color, depth);
   if (!z->activeY) return readNearest(z, color, depth);
   return readFiltered(z, color, depth);
 }
 
-int ILgetzoom(void* record, uint8_t** color, float** depth) {
+static int unguardedGetzoom(void* record, uint8_t** color, float** depth) {
   auto* z = static_cast<ILzoom*>(record);
   if (!z || !z->callback) return ILfail(IL_ENOSOURCE);
   if (z->identity && (z->mode == 0 || z->mode == 3)) {
@@ -261,4 +261,14 @@ void ILswappairs16(void* line, int32_t pixels) {
     std::swap(p[0], p[1]);
     std::swap(p[2], p[3]);
   }
+}
+
+// The entry points: no exception leaves the library; running out of memory
+// is FL_ENOMEM, anything else unexpected FL_EFIT.
+int ILreadzoom(ILzoom* z, void* color, float* depth) {
+  return ILguard([&] { return unguardedReadzoom(z, color, depth); });
+}
+
+int ILgetzoom(void* record, uint8_t** color, float** depth) {
+  return ILguard([&] { return unguardedGetzoom(record, color, depth); });
 }

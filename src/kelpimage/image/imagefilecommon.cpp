@@ -7,9 +7,18 @@
 
 #include "kelpimage/il/il.h"
 #include "kelpimage/image/base/tarray.h"
+#include "kelpimage/image/base/terrorhandler.h"
 #include "kelpimage/image/base/tfile.h"
 
 namespace imagefile {
+
+void reportUnexpected(const char* why) noexcept {
+  try {
+    if (theErrorHandler) theErrorHandler->reportError(Tstring("Image file: ") + why);
+  } catch (...) {
+    // Nothing more can be said.
+  }
+}
 
 std::string temporaryName(const void* self) {
   char name[512];

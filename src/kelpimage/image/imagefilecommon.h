@@ -1,10 +1,13 @@
 // Pieces shared by the two front-door file classes.
 #pragma once
 
+#include <exception>
 #include <functional>
+#include <new>
 #include <string>
 
 #include "kelpimage/il/il.h"
+#include "kelpimage/image/base/tarray.h"
 #include "kelpimage/image/base/tpixelmap.h"
 #include "kelpimage/image/base/tstring.h"
 #include "kelpimage/image/tiffimagefile.h"
@@ -12,6 +15,27 @@
 #include "kelpimage/sgi/sgi.h"
 
 namespace imagefile {
+
+// Tells the host's error handler, if there is one, that an operation failed
+// for `why`.
+void reportUnexpected(const char* why) noexcept;
+
+// Runs a public operation of the file classes so that no exception leaves
+// the library: memory that cannot be had (TmemoryException among it), or
+// anything unexpected, is a report and -1.
+template <class Body>
+int guarded(Body body) noexcept {
+  try {
+    return body();
+  } catch (const std::bad_alloc&) {
+    reportUnexpected("Out of memory");
+  } catch (const std::exception& e) {
+    reportUnexpected(e.what());
+  } catch (...) {
+    reportUnexpected("Unexpected failure");
+  }
+  return -1;
+}
 
 // "TMP/kelpPIDADDRESS.iff" for the object at `self`.
 std::string temporaryName(const void* self);

@@ -36,82 +36,88 @@ Tstring TimageDiskIO::getImageType(const Tstring& name) const {
 }
 
 int TimageDiskIO::identifyAndOpen(const Tstring& name, bool flag) {
-  Tstring key = getImageType(name);
-  if (key.isEmpty()) return -1;
-  fName = name;
-  bool isIff = false;
-  if (key == "kelp") {
-    if (!TiffImageFile::open(name.asChar(), "r")) {
-      report(619, name);
-      return -1;
+  return imagefile::guarded([&]() -> int {
+    Tstring key = getImageType(name);
+    if (key.isEmpty()) return -1;
+    fName = name;
+    bool isIff = false;
+    if (key == "kelp") {
+      if (!TiffImageFile::open(name.asChar(), "r")) {
+        report(619, name);
+        return -1;
+      }
+      if (width() == 0 || height() == 0) return -1;  // the image stays open
+      isIff = imagefile::directIff(fImage, false);
+      TiffImageFile::close();
+    } else if (key == "sgi") {
+      if (IMAGE* sgi = iopen(name.asChar(), "r")) {
+        fSgi = sgi;
+        beginOpen();
+        fAlpha = sgi->zsize == 4;
+        return 0;
+      }
     }
-    if (width() == 0 || height() == 0) return -1;  // the image stays open
-    isIff = imagefile::directIff(fImage, false);
-    TiffImageFile::close();
-  } else if (key == "sgi") {
-    if (IMAGE* sgi = iopen(name.asChar(), "r")) {
-      fSgi = sgi;
-      beginOpen();
-      fAlpha = sgi->zsize == 4;
-      return 0;
-    }
-  }
-  return open(name, isIff, flag);
+    return open(name, isIff, flag);
+  });
 }
 
 int TimageDiskIO::open(const Tstring& name, bool isIff, bool) {
-  if (name.isEmpty() || isActive() || fSgi) {
-    report(618);
-    return -1;
-  }
-  fName = name;
-  if (isIff) {
-    if (TiffImageFile::open(name.asChar(), "r")) {
+  return imagefile::guarded([&]() -> int {
+    if (name.isEmpty() || isActive() || fSgi) {
+      report(618);
+      return -1;
+    }
+    fName = name;
+    if (isIff) {
+      if (TiffImageFile::open(name.asChar(), "r")) {
+        fAlpha = (type() & 2) == 2;
+        return 0;
+      }
+      report(619, name);
+      return -1;
+    }
+    fTempName = imagefile::temporaryName(this);
+    std::string path = fTempName;
+    if (anytoiff(name.asChar(), path.c_str(), nullptr, 0) != 0) {
+      Tstring key = getImageType(name);
+      if (key == "kelp" || key == "qvi") {
+        path = name.str();
+        fTempName.clear();
+      } else {
+        report(624);
+        return -1;
+      }
+    }
+    if (TiffImageFile::open(path.c_str(), "r")) {
       fAlpha = (type() & 2) == 2;
       return 0;
     }
-    report(619, name);
+    report(619, Tstring(path));
+    if (path != name.str()) ::unlink(path.c_str());
     return -1;
-  }
-  fTempName = imagefile::temporaryName(this);
-  std::string path = fTempName;
-  if (anytoiff(name.asChar(), path.c_str(), nullptr, 0) != 0) {
-    Tstring key = getImageType(name);
-    if (key == "kelp" || key == "qvi") {
-      path = name.str();
-      fTempName.clear();
-    } else {
-      report(624);
-      return -1;
-    }
-  }
-  if (TiffImageFile::open(path.c_str(), "r")) {
-    fAlpha = (type() & 2) == 2;
-    return 0;
-  }
-  report(619, Tstring(path));
-  if (path != name.str()) ::unlink(path.c_str());
-  return -1;
+  });
 }
 
 int TimageDiskIO::create(const Tstring& name, unsigned short w, unsigned short h, TfileCompression compression,
                          const char* formatKey) {
-  fName = name;
-  if (isActive() || fSgi) return -1;
-  fFormatKey = formatKey ? formatKey : "";
-  std::string path = name.str();
-  fTempName.clear();
-  if (!fFormatKey.empty()) {
-    fTempName = imagefile::temporaryName(this);
-    path = fTempName;
-  }
-  if (!TiffImageFile::open(path.c_str(), "w")) {
-    report(620, Tstring(path));
-    return -1;
-  }
-  imagefile::startPicture(*this, w, h, compression);
-  fSpare = false;
-  return 0;
+  return imagefile::guarded([&]() -> int {
+    fName = name;
+    if (isActive() || fSgi) return -1;
+    fFormatKey = formatKey ? formatKey : "";
+    std::string path = name.str();
+    fTempName.clear();
+    if (!fFormatKey.empty()) {
+      fTempName = imagefile::temporaryName(this);
+      path = fTempName;
+    }
+    if (!TiffImageFile::open(path.c_str(), "w")) {
+      report(620, Tstring(path));
+      return -1;
+    }
+    imagefile::startPicture(*this, w, h, compression);
+    fSpare = false;
+    return 0;
+  });
 }
 
 TimageDiskIO::TimageDiskIO(TimageDiskIO&& other) noexcept { swapState(other); }
@@ -143,46 +149,48 @@ TimageDiskIO::~TimageDiskIO() {
 }
 
 int TimageDiskIO::close() {
-  if (closedElsewhere()) {
-    fSgi = nullptr;
-    fImage = nullptr;
-    fFile = nullptr;
-    fTempName.clear();
-    fFormatKey.clear();
-    fOpen.reset();
-    return -1;
-  }
-  if (fSgi) {
-    int rc = iclose(fSgi);
-    fSgi = nullptr;
+  return imagefile::guarded([&]() -> int {
+    if (closedElsewhere()) {
+      fSgi = nullptr;
+      fImage = nullptr;
+      fFile = nullptr;
+      fTempName.clear();
+      fFormatKey.clear();
+      fOpen.reset();
+      return -1;
+    }
+    if (fSgi) {
+      int rc = iclose(fSgi);
+      fSgi = nullptr;
+      endOpen();
+      if (rc != 0) reportFormatted(637, fName.asChar(), "a row, the header or a table did not reach the file");
+      return rc == 0 ? 0 : -1;
+    }
+    int written = isActive() ? TiffImageFile::close() : 0;
     endOpen();
-    if (rc != 0) reportFormatted(637, fName.asChar(), "a row, the header or a table did not reach the file");
-    return rc == 0 ? 0 : -1;
-  }
-  int written = isActive() ? TiffImageFile::close() : 0;
-  endOpen();
-  if (written != 0) {
-    // An incomplete file is never converted, and its temporary copy goes.
-    reportFormatted(637, fName.asChar(), FLstrerror(written));
-    if (!fTempName.empty()) ::unlink(fTempName.c_str());
-    fTempName.clear();
-    fFormatKey.clear();
-    return -1;
-  }
-  if (!fFormatKey.empty() && fFormatKey != "kelp" && fFormatKey != "qvi") {
-    if (ifftoany(fTempName.c_str(), fName.asChar(), fFormatKey.c_str()) != 0) {
-      report(622);
-      fTempName.clear();  // the temporary file stays on disk
+    if (written != 0) {
+      // An incomplete file is never converted, and its temporary copy goes.
+      reportFormatted(637, fName.asChar(), FLstrerror(written));
+      if (!fTempName.empty()) ::unlink(fTempName.c_str());
+      fTempName.clear();
       fFormatKey.clear();
       return -1;
     }
-    fFormatKey.clear();
-  }
-  if (!fTempName.empty()) {
-    ::unlink(fTempName.c_str());
-    fTempName.clear();
-  }
-  return 0;
+    if (!fFormatKey.empty() && fFormatKey != "kelp" && fFormatKey != "qvi") {
+      if (ifftoany(fTempName.c_str(), fName.asChar(), fFormatKey.c_str()) != 0) {
+        report(622);
+        fTempName.clear();  // the temporary file stays on disk
+        fFormatKey.clear();
+        return -1;
+      }
+      fFormatKey.clear();
+    }
+    if (!fTempName.empty()) {
+      ::unlink(fTempName.c_str());
+      fTempName.clear();
+    }
+    return 0;
+  });
 }
 
 int TimageDiskIO::getDimensions(unsigned short& w, unsigned short& h, unsigned char& depth) const {
@@ -214,38 +222,48 @@ int TimageDiskIO::readSGI(void* dest, int width, int y0, int y1) {
 }
 
 int TimageDiskIO::readImage(Timage& image) {
-  return imagefile::readWholeImage(*this, fSgi, image, [&](int id, const char* more) {
-    reportFormatted(id, fName.asChar(), more);
+  return imagefile::guarded([&]() -> int {
+    return imagefile::readWholeImage(*this, fSgi, image, [&](int id, const char* more) {
+      reportFormatted(id, fName.asChar(), more);
+    });
   });
 }
 
 int TimageDiskIO::readImage(Timage& image, unsigned short start, unsigned short count) {
-  if (fSgi) {
-    int end = std::min(int(start) + int(count), image.height());
-    return readSGI(image.pixels(0, start), image.width(), start, end);
-  }
-  if (!fImage || start >= image.height()) return -1;
-  return readLine(image.pixels(0, start), nullptr) == 0 ? 0 : -1;
+  return imagefile::guarded([&]() -> int {
+    if (fSgi) {
+      int end = std::min(int(start) + int(count), image.height());
+      return readSGI(image.pixels(0, start), image.width(), start, end);
+    }
+    if (!fImage || start >= image.height()) return -1;
+    return readLine(image.pixels(0, start), nullptr) == 0 ? 0 : -1;
+  });
 }
 
 int TimageDiskIO::writeImage(const Timage& image) {
-  setSize(uint16_t(image.width()), uint16_t(image.height()));
-  return writeImage(0, 0, image, image.height());
+  return imagefile::guarded([&]() -> int {
+    setSize(uint16_t(image.width()), uint16_t(image.height()));
+    return writeImage(0, 0, image, image.height());
+  });
 }
 
 int TimageDiskIO::writeImage(int, int, const Timage& image, int lines) {
-  for (int y = 0; y < lines && y < image.height(); ++y) writeLine(image.pixels(0, uint16_t(y)), nullptr);
-  return 0;
+  return imagefile::guarded([&]() -> int {
+    for (int y = 0; y < lines && y < image.height(); ++y) writeLine(image.pixels(0, uint16_t(y)), nullptr);
+    return 0;
+  });
 }
 
 int TimageDiskIO::writeImage(int x, int y, const Timage& image) { return writeImage(x, y, image, image.height()); }
 
 int TimageDiskIO::writeImageRegion(int left, int right, int top, int bottom, const Timage& image) {
-  if (left < 0 || bottom < 0 || left >= image.width() || bottom >= image.height()) return -1;
-  const auto* start = static_cast<const uint8_t*>(image.pixels()) +
-                      (size_t(bottom) * size_t(image.width()) + size_t(left)) * image.pixelSize();
-  int bounds[4] = {left, bottom, right, top};
-  return writeTile(start, nullptr, bounds, image.width()) == 0 ? 0 : -1;
+  return imagefile::guarded([&]() -> int {
+    if (left < 0 || bottom < 0 || left >= image.width() || bottom >= image.height()) return -1;
+    const auto* start = static_cast<const uint8_t*>(image.pixels()) +
+                        (size_t(bottom) * size_t(image.width()) + size_t(left)) * image.pixelSize();
+    int bounds[4] = {left, bottom, right, top};
+    return writeTile(start, nullptr, bounds, image.width()) == 0 ? 0 : -1;
+  });
 }
 
 const TstringArray& TimageDiskIO::availableFormats() {

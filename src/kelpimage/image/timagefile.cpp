@@ -152,93 +152,97 @@ Tstring TimageFile::getImageType(const Tstring& name, bool describeNonImages) co
 }
 
 int TimageFile::identifyAndOpen(const Tstring& name, bool flag, int frame) {
-  Tstring key = getImageType(name, false);
-  if (key.isEmpty()) return -1;
-  fName = name;
-  bool isIff = false;
-  if (key == "kelp") {
-    TmtLock lock = fsCS.acquire();
-    if (!TiffImageFile::open(name.asChar(), "r")) {
-      lock.release();
-      report(619, name);
-      return -1;
-    }
-    unsigned short w = width(), h = height();
-    if (w == 0 || h == 0 || w >= 8193 || h >= 8193) {
-      // This one is said whatever the reporting switch, and the image stays open.
-      if (theErrorHandler) theErrorHandler->reportError(Tstring(TstringIdNumber(621)).catenate(name));
-      return -1;
-    }
-    isIff = imagefile::directIff(fImage, true);
-    TiffImageFile::close();
-  } else if (key == "sgi") {
-    if (IMAGE* sgi = iopen(name.asChar(), "r")) {
-      fSgi = sgi;
-      fAlpha = sgi->zsize == 4;
-      beginOpen();
-      return 0;
-    }
-  }
-  return open(name, isIff, flag, frame);
-}
-
-int TimageFile::open(const Tstring& name, bool isIff, bool, int frame) {
-  if (name.isEmpty()) {
-    report(618);
-    return -1;
-  }
-  fName = name;
-  if (isActive() || fSgi) {
-    report(618);
-    return -1;
-  }
-  if (isIff) {
-    TmtLock lock = fsCS.acquire();
-    if (TiffImageFile::open(name.asChar(), "r")) {
-      fAlpha = (type() & 2) == 2;
-      return 0;
-    }
-    lock.release();
-    report(619, name);
-    return -1;
-  }
-  fTempName = imagefile::temporaryName(this);
-  loadPxfPlugins();
-  std::string path = fTempName;
-  Tstring key = getImageType(name, false);
-  if (!key.isEmpty()) {
-    TmtLock lock = fsCS.acquire();
-    bool converted = false;
-    if (key == "kelp" || key == "qvi") {
+  return imagefile::guarded([&]() -> int {
+    Tstring key = getImageType(name, false);
+    if (key.isEmpty()) return -1;
+    fName = name;
+    bool isIff = false;
+    if (key == "kelp") {
+      TmtLock lock = fsCS.acquire();
       if (!TiffImageFile::open(name.asChar(), "r")) {
         lock.release();
         report(619, name);
         return -1;
       }
-      bool direct = imagefile::directIff(fImage, true);
+      unsigned short w = width(), h = height();
+      if (w == 0 || h == 0 || w >= 8193 || h >= 8193) {
+        // This one is said whatever the reporting switch, and the image stays open.
+        if (theErrorHandler) theErrorHandler->reportError(Tstring(TstringIdNumber(621)).catenate(name));
+        return -1;
+      }
+      isIff = imagefile::directIff(fImage, true);
       TiffImageFile::close();
-      if (direct) {
-        path = name.str();
-        fTempName.clear();
-        converted = true;
+    } else if (key == "sgi") {
+      if (IMAGE* sgi = iopen(name.asChar(), "r")) {
+        fSgi = sgi;
+        fAlpha = sgi->zsize == 4;
+        beginOpen();
+        return 0;
       }
     }
-    if (!converted && anytoiff(name.asChar(), path.c_str(), nullptr, frame) != 0) {
-      lock.release();
-      report(624);
+    return open(name, isIff, flag, frame);
+  });
+}
+
+int TimageFile::open(const Tstring& name, bool isIff, bool, int frame) {
+  return imagefile::guarded([&]() -> int {
+    if (name.isEmpty()) {
+      report(618);
       return -1;
     }
-  }
-  if (fMapped) return openMapped(path);
-  TmtLock lock = fsCS.acquire();
-  if (TiffImageFile::open(path.c_str(), "r")) {
-    fAlpha = (type() & 2) == 2;
-    return 0;
-  }
-  lock.release();
-  report(619, Tstring(path));
-  if (path != name.str()) ::unlink(path.c_str());
-  return -1;
+    fName = name;
+    if (isActive() || fSgi) {
+      report(618);
+      return -1;
+    }
+    if (isIff) {
+      TmtLock lock = fsCS.acquire();
+      if (TiffImageFile::open(name.asChar(), "r")) {
+        fAlpha = (type() & 2) == 2;
+        return 0;
+      }
+      lock.release();
+      report(619, name);
+      return -1;
+    }
+    fTempName = imagefile::temporaryName(this);
+    loadPxfPlugins();
+    std::string path = fTempName;
+    Tstring key = getImageType(name, false);
+    if (!key.isEmpty()) {
+      TmtLock lock = fsCS.acquire();
+      bool converted = false;
+      if (key == "kelp" || key == "qvi") {
+        if (!TiffImageFile::open(name.asChar(), "r")) {
+          lock.release();
+          report(619, name);
+          return -1;
+        }
+        bool direct = imagefile::directIff(fImage, true);
+        TiffImageFile::close();
+        if (direct) {
+          path = name.str();
+          fTempName.clear();
+          converted = true;
+        }
+      }
+      if (!converted && anytoiff(name.asChar(), path.c_str(), nullptr, frame) != 0) {
+        lock.release();
+        report(624);
+        return -1;
+      }
+    }
+    if (fMapped) return openMapped(path);
+    TmtLock lock = fsCS.acquire();
+    if (TiffImageFile::open(path.c_str(), "r")) {
+      fAlpha = (type() & 2) == 2;
+      return 0;
+    }
+    lock.release();
+    report(619, Tstring(path));
+    if (path != name.str()) ::unlink(path.c_str());
+    return -1;
+  });
 }
 
 int TimageFile::openMapped(const std::string& path) {
@@ -263,66 +267,70 @@ int TimageFile::openMapped(const std::string& path) {
 
 int TimageFile::create(const Tstring& name, unsigned short w, unsigned short h, TfileCompression compression,
                        const char* formatKey) {
-  fName = name;
-  if (isActive() || fSgi) return -1;
-  fFormatKey = formatKey ? formatKey : "";
-  std::string path;
-  if (!fFormatKey.empty() && !isIffKey(fFormatKey)) {
-    fTempName = imagefile::temporaryName(this);
-    path = fTempName;
-  } else {
-    path = name.str();
-    fTempName.clear();
-  }
-  TmtLock lock = fsCS.acquire();
-  if (!TiffImageFile::open(path.c_str(), "w")) {
-    lock.release();
-    report(620, Tstring(path));
-    return -1;
-  }
-  imagefile::startPicture(*this, w, h, compression);
-  fSpare = false;
-  return 0;
+  return imagefile::guarded([&]() -> int {
+    fName = name;
+    if (isActive() || fSgi) return -1;
+    fFormatKey = formatKey ? formatKey : "";
+    std::string path;
+    if (!fFormatKey.empty() && !isIffKey(fFormatKey)) {
+      fTempName = imagefile::temporaryName(this);
+      path = fTempName;
+    } else {
+      path = name.str();
+      fTempName.clear();
+    }
+    TmtLock lock = fsCS.acquire();
+    if (!TiffImageFile::open(path.c_str(), "w")) {
+      lock.release();
+      report(620, Tstring(path));
+      return -1;
+    }
+    imagefile::startPicture(*this, w, h, compression);
+    fSpare = false;
+    return 0;
+  });
 }
 
 int TimageFile::close() {
-  if (closedElsewhere()) {
-    forget();
-    return -1;
-  }
-  if (fSgi) {
-    int rc = iclose(fSgi);
-    fSgi = nullptr;
+  return imagefile::guarded([&]() -> int {
+    if (closedElsewhere()) {
+      forget();
+      return -1;
+    }
+    if (fSgi) {
+      int rc = iclose(fSgi);
+      fSgi = nullptr;
+      endOpen();
+      if (rc != 0) reportFormatted(637, fName.asChar(), "a row, the header or a table did not reach the file");
+      return rc == 0 ? 0 : -1;
+    }
+    TmtLock lock = fsCS.acquire();
+    int written = isActive() ? TiffImageFile::close() : 0;
     endOpen();
-    if (rc != 0) reportFormatted(637, fName.asChar(), "a row, the header or a table did not reach the file");
-    return rc == 0 ? 0 : -1;
-  }
-  TmtLock lock = fsCS.acquire();
-  int written = isActive() ? TiffImageFile::close() : 0;
-  endOpen();
-  if (written != 0) {
-    // An incomplete file is never converted, and its temporary copy goes.
-    lock.release();
-    reportFormatted(637, fName.asChar(), FLstrerror(written));
-    if (!fTempName.empty()) ::unlink(fTempName.c_str());
-    fTempName.clear();
-    fFormatKey.clear();
-    return -1;
-  }
-  if (!fFormatKey.empty() && !isIffKey(fFormatKey)) {
-    loadPxfPlugins();
-    if (ifftoany(fTempName.c_str(), fName.asChar(), fFormatKey.c_str()) != 0) {
-      fTempName.clear();  // the temporary file stays on disk
+    if (written != 0) {
+      // An incomplete file is never converted, and its temporary copy goes.
+      lock.release();
+      reportFormatted(637, fName.asChar(), FLstrerror(written));
+      if (!fTempName.empty()) ::unlink(fTempName.c_str());
+      fTempName.clear();
       fFormatKey.clear();
       return -1;
     }
-    fFormatKey.clear();
-  }
-  if (!fTempName.empty()) {
-    ::unlink(fTempName.c_str());
-    fTempName.clear();
-  }
-  return 0;
+    if (!fFormatKey.empty() && !isIffKey(fFormatKey)) {
+      loadPxfPlugins();
+      if (ifftoany(fTempName.c_str(), fName.asChar(), fFormatKey.c_str()) != 0) {
+        fTempName.clear();  // the temporary file stays on disk
+        fFormatKey.clear();
+        return -1;
+      }
+      fFormatKey.clear();
+    }
+    if (!fTempName.empty()) {
+      ::unlink(fTempName.c_str());
+      fTempName.clear();
+    }
+    return 0;
+  });
 }
 
 int TimageFile::getResolutionInAdvance(const Tstring& name, unsigned int& w, unsigned int& h) {
@@ -383,110 +391,126 @@ int TimageFile::readSGI(Tpixel32* dest, int y0, int y1) {
 }
 
 int TimageFile::readPixelMap(TpixelMap& map) {
-  if (fSgi) {
-    map.setChannels(4);
-    map.setSize(fSgi->xsize, fSgi->ysize);
-    // A pixel map holds 32767 pixels a side: a larger picture does not fit.
-    int rc = (map.width() == fSgi->xsize && map.height() == fSgi->ysize) ? readSGI(map.pixels(), 0, fSgi->ysize) : -1;
-    if (rc) reportFormatted(636, fName.asChar());
-    return rc;
-  }
-  if (fMapped && fMappedView) {
-    map.setPixelPtr(static_cast<Tpixel32*>(fMappedView), TportRect(0, 0, int16_t(fMappedWidth), int16_t(fMappedHeight)));
+  return imagefile::guarded([&]() -> int {
+    if (fSgi) {
+      map.setChannels(4);
+      map.setSize(fSgi->xsize, fSgi->ysize);
+      // A pixel map holds 32767 pixels a side: a larger picture does not fit.
+      int rc = (map.width() == fSgi->xsize && map.height() == fSgi->ysize) ? readSGI(map.pixels(), 0, fSgi->ysize) : -1;
+      if (rc) reportFormatted(636, fName.asChar());
+      return rc;
+    }
+    if (fMapped && fMappedView) {
+      map.setPixelPtr(static_cast<Tpixel32*>(fMappedView), TportRect(0, 0, int16_t(fMappedWidth), int16_t(fMappedHeight)));
+      return 0;
+    }
+    if (!fImage) return -1;
+    if (!(ILgettype(fImage) & 1)) {
+      reportFormatted(628, fName.asChar());
+      return -1;
+    }
+    bool floats = bytesPerPixel() == 4;
+    if (!floats && ILsetbpp(fImage, 1) != 0) {
+      reportFormatted(629, fName.asChar());
+      return -1;
+    }
+    TportRect fileRect = size();
+    if (static_cast<const TportRect&>(map) == TportRect()) {
+      map.setSize(fileRect.width(), fileRect.height());
+    } else if (static_cast<const TportRect&>(map) != fileRect) {
+      setZoom(uint16_t(map.width()), uint16_t(map.height()), 0, 0, 0.5f, 0.5f);
+    }
+    if (!map.pixels()) return -1;
+    int rc = floats ? loadFloatToByte(map.pixels(), nullptr) : load(map.pixels(), nullptr);
+    if (rc) {
+      reportFormatted(630, fName.asChar(), FLstrerror(FLerror()));
+      return -1;
+    }
+    if (fImage->ictl & ILC_TOPDOWN) map.verticalFlip();
     return 0;
-  }
-  if (!fImage) return -1;
-  if (!(ILgettype(fImage) & 1)) {
-    reportFormatted(628, fName.asChar());
-    return -1;
-  }
-  bool floats = bytesPerPixel() == 4;
-  if (!floats && ILsetbpp(fImage, 1) != 0) {
-    reportFormatted(629, fName.asChar());
-    return -1;
-  }
-  TportRect fileRect = size();
-  if (static_cast<const TportRect&>(map) == TportRect()) {
-    map.setSize(fileRect.width(), fileRect.height());
-  } else if (static_cast<const TportRect&>(map) != fileRect) {
-    setZoom(uint16_t(map.width()), uint16_t(map.height()), 0, 0, 0.5f, 0.5f);
-  }
-  if (!map.pixels()) return -1;
-  int rc = floats ? loadFloatToByte(map.pixels(), nullptr) : load(map.pixels(), nullptr);
-  if (rc) {
-    reportFormatted(630, fName.asChar(), FLstrerror(FLerror()));
-    return -1;
-  }
-  if (fImage->ictl & ILC_TOPDOWN) map.verticalFlip();
-  return 0;
+  });
 }
 
 int TimageFile::readPixelMap(TpixelMap& map, unsigned short start, unsigned short count) {
-  if (fMapped && fMappedView) {
-    map.setPixelPtr(static_cast<Tpixel32*>(fMappedView), TportRect(0, 0, int16_t(fMappedWidth), int16_t(fMappedHeight)));
-    return 0;
-  }
-  Tpixel32* dest = map.pixelPointer(0, start);
-  if (!dest) return -1;
-  if (fSgi) {
-    if (map.width() < fSgi->xsize) return -1;  // rows go out at the file's width
-    int end = std::min(int(start) + int(count), map.height());
-    return readSGI(dest, start, end);
-  }
-  if (!fImage) return -1;
-  return readLine(dest, nullptr) == 0 ? 0 : -1;
+  return imagefile::guarded([&]() -> int {
+    if (fMapped && fMappedView) {
+      map.setPixelPtr(static_cast<Tpixel32*>(fMappedView), TportRect(0, 0, int16_t(fMappedWidth), int16_t(fMappedHeight)));
+      return 0;
+    }
+    Tpixel32* dest = map.pixelPointer(0, start);
+    if (!dest) return -1;
+    if (fSgi) {
+      if (map.width() < fSgi->xsize) return -1;  // rows go out at the file's width
+      int end = std::min(int(start) + int(count), map.height());
+      return readSGI(dest, start, end);
+    }
+    if (!fImage) return -1;
+    return readLine(dest, nullptr) == 0 ? 0 : -1;
+  });
 }
 
 int TimageFile::readImage(Timage& image) {
-  return imagefile::readWholeImage(*this, fSgi, image, [&](int id, const char* more) {
-    reportFormatted(id, fName.asChar(), more);
+  return imagefile::guarded([&]() -> int {
+    return imagefile::readWholeImage(*this, fSgi, image, [&](int id, const char* more) {
+      reportFormatted(id, fName.asChar(), more);
+    });
   });
 }
 
 int TimageFile::readImage(Timage& image, unsigned short start, unsigned short count) {
-  if (fSgi) {
-    if (count == 0) return 0;
-    int end = std::min(int(start) + int(count), image.height());
-    return readSGI(image.pixels(0, start), image.width(), start, end);
-  }
-  if (count == 0 || !fImage) return -1;
-  for (unsigned short i = 0; i < count && start + i < image.height(); ++i)
-    if (int rc = readLine(image.pixels(0, uint16_t(start + i)), nullptr)) return rc;
-  return 0;
+  return imagefile::guarded([&]() -> int {
+    if (fSgi) {
+      if (count == 0) return 0;
+      int end = std::min(int(start) + int(count), image.height());
+      return readSGI(image.pixels(0, start), image.width(), start, end);
+    }
+    if (count == 0 || !fImage) return -1;
+    for (unsigned short i = 0; i < count && start + i < image.height(); ++i)
+      if (int rc = readLine(image.pixels(0, uint16_t(start + i)), nullptr)) return rc;
+    return 0;
+  });
 }
 
 int TimageFile::readDepthMap(TfloatArray& depth) {
-  if (fMapped || fSgi || !fImage) return -1;
-  unsigned short w, h;
-  getSize(w, h);
-  depth.changeLogicalSizeTo(int(h) * int(w));
-  if (load(nullptr, static_cast<float*>(depth.data())) != 0) {
-    reportFormatted(630, fName.asChar(), FLstrerror(FLerror()));
-    return -1;
-  }
-  return 0;
+  return imagefile::guarded([&]() -> int {
+    if (fMapped || fSgi || !fImage) return -1;
+    unsigned short w, h;
+    getSize(w, h);
+    depth.changeLogicalSizeTo(int(h) * int(w));
+    if (load(nullptr, static_cast<float*>(depth.data())) != 0) {
+      reportFormatted(630, fName.asChar(), FLstrerror(FLerror()));
+      return -1;
+    }
+    return 0;
+  });
 }
 
 int TimageFile::writePixelMap(const TpixelMap& map) {
-  setSize(uint16_t(map.width()), uint16_t(map.height()));
-  for (int y = 0; y < map.height(); ++y)
-    if (writeLine(map.pixelPointer(Tpoint(0, y)), nullptr) != 0) return -1;
-  return 0;
+  return imagefile::guarded([&]() -> int {
+    setSize(uint16_t(map.width()), uint16_t(map.height()));
+    for (int y = 0; y < map.height(); ++y)
+      if (writeLine(map.pixelPointer(Tpoint(0, y)), nullptr) != 0) return -1;
+    return 0;
+  });
 }
 
 int TimageFile::writePixelMap(int, int, const TpixelMap& map, int lines) {
-  for (int y = 0; y < lines && y < map.height(); ++y)
-    if (writeLine(map.pixelPointer(Tpoint(0, y)), nullptr) != 0) return -1;
-  return 0;
+  return imagefile::guarded([&]() -> int {
+    for (int y = 0; y < lines && y < map.height(); ++y)
+      if (writeLine(map.pixelPointer(Tpoint(0, y)), nullptr) != 0) return -1;
+    return 0;
+  });
 }
 
 int TimageFile::writePixelMap(int x, int y, const TpixelMap& map) { return writePixelMap(x, y, map, map.height()); }
 
 int TimageFile::writePixelMapRegion(int left, int right, int top, int bottom, const TpixelMap& map) {
-  const Tpixel32* start = map.pixelPointer(left, bottom);
-  if (!start) return -1;
-  int bounds[4] = {left, bottom, right, top};
-  return writeTile(start, nullptr, bounds, map.width()) == 0 ? 0 : -1;
+  return imagefile::guarded([&]() -> int {
+    const Tpixel32* start = map.pixelPointer(left, bottom);
+    if (!start) return -1;
+    int bounds[4] = {left, bottom, right, top};
+    return writeTile(start, nullptr, bounds, map.width()) == 0 ? 0 : -1;
+  });
 }
 
 const TstringArray& TimageFile::availableFormats() {
