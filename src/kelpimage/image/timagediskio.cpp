@@ -37,6 +37,11 @@ Tstring TimageDiskIO::getImageType(const Tstring& name) const {
 
 int TimageDiskIO::identifyAndOpen(const Tstring& name, bool flag) {
   return imagefile::guarded([&]() -> int {
+    // An open picture is never dropped (and its handle lost) for another.
+    if (isActive() || fSgi) {
+      report(618);
+      return -1;
+    }
     Tstring key = getImageType(name);
     if (key.isEmpty()) return -1;
     fName = name;

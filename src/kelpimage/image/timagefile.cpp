@@ -32,10 +32,8 @@ bool isIffKey(const std::string& key) {
 void loadPxfPlugins() {
   int expected = 0;
   if (gPluginState.compare_exchange_strong(expected, 1)) {
-    if (loadAllPXFPlugins() != 0) {
-      // Without plug-ins, files of other formats just do not open.
-      Tstring dropped("Image file loader didn't initialize\n");
-    }
+    // Without plug-ins, files of other formats just do not open.
+    loadAllPXFPlugins();
     gPluginState.store(2);
   }
   while (gPluginState.load() != 2) std::this_thread::yield();
@@ -153,6 +151,11 @@ Tstring TimageFile::getImageType(const Tstring& name, bool describeNonImages) co
 
 int TimageFile::identifyAndOpen(const Tstring& name, bool flag, int frame) {
   return imagefile::guarded([&]() -> int {
+    // An open picture is never dropped (and its handle lost) for another.
+    if (isActive() || fSgi) {
+      report(618);
+      return -1;
+    }
     Tstring key = getImageType(name, false);
     if (key.isEmpty()) return -1;
     fName = name;
