@@ -107,4 +107,32 @@ bool directIff(ILimage* image, bool floats) {
   return ILgettype(image) != 0 && (bytes == 1 || (floats && bytes == 4)) && !(image->ictl & ILC_TOPDOWN);
 }
 
+int closeSgi(IMAGE*& sgi, const char* name, const Reporter& report) {
+  int rc = iclose(sgi);
+  sgi = nullptr;
+  if (rc != 0) report(637, name, "a row, the header or a table did not reach the file");
+  return rc == 0 ? 0 : -1;
+}
+
+int finishClose(int written, std::string& tempName, std::string& formatKey, bool iffKey, const char* name,
+                const std::function<bool()>& convert, const Reporter& report) {
+  bool foreign = !formatKey.empty() && !iffKey;
+  if (written != 0) {
+    formatKey.clear();
+    report(637, name, FLstrerror(written));
+    if (!tempName.empty()) ::unlink(tempName.c_str());
+    tempName.clear();
+    return -1;
+  }
+  bool converted = !foreign || convert();
+  formatKey.clear();
+  if (!converted) {
+    tempName.clear();  // the temporary file stays on disk
+    return -1;
+  }
+  if (!tempName.empty()) ::unlink(tempName.c_str());
+  tempName.clear();
+  return 0;
+}
+
 }  // namespace imagefile

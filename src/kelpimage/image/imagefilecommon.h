@@ -58,6 +58,21 @@ int readWholeImage(TiffImageFile& file, IMAGE* sgi, Timage& image,
 // A new picture's header: colour and alpha at one byte a channel, of w by h.
 void startPicture(TiffImageFile& file, unsigned short w, unsigned short h, TiffImageFile::TfileCompression compression);
 
+using Reporter = std::function<void(int id, const char* first, const char* second)>;
+
+// Closes an SGI picture: 0, or -1 after report 637 (a row, the header or a
+// table did not reach the file).
+int closeSgi(IMAGE*& sgi, const char* name, const Reporter& report);
+
+// The end of a front-door close, once the IL image is closed with result
+// `written` (0 when there was none). An incomplete file is never converted,
+// and its temporary copy goes (report 637). Otherwise a picture written for
+// a format other than IFF is converted by `convert` (false when that fails:
+// the temporary file then stays), and the temporary file is removed. Clears
+// both names; 0 or -1.
+int finishClose(int written, std::string& tempName, std::string& formatKey, bool iffKey, const char* name,
+                const std::function<bool()>& convert, const Reporter& report);
+
 // Gives `image` a raster of w by h; false (and no raster) for sizes a
 // Timage cannot hold or memory that cannot be had.
 bool sizeImage(Timage& image, int w, int h);

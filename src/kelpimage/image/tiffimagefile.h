@@ -145,6 +145,12 @@ class KELP_API TiffImageFile : public TiffFile {
     fOpen.reset();
   }
   bool closedElsewhere() const { return fOpen && fOpen->closed; }
+  // Lets go of an image that another copy has closed.
+  void forgetImage() {
+    fImage = nullptr;
+    fFile = nullptr;
+    fOpen.reset();
+  }
   // No other copy holds this open.
   bool lastHolder() const { return fOpen.use_count() <= 1; }
   // Exchanges everything this class holds with `other`.

@@ -157,44 +157,22 @@ int TimageDiskIO::close() {
   return imagefile::guarded([&]() -> int {
     if (closedElsewhere()) {
       fSgi = nullptr;
-      fImage = nullptr;
-      fFile = nullptr;
       fTempName.clear();
       fFormatKey.clear();
-      fOpen.reset();
+      forgetImage();
       return -1;
     }
-    if (fSgi) {
-      int rc = iclose(fSgi);
-      fSgi = nullptr;
-      endOpen();
-      if (rc != 0) reportFormatted(637, fName.asChar(), "a row, the header or a table did not reach the file");
-      return rc == 0 ? 0 : -1;
-    }
-    int written = isActive() ? TiffImageFile::close() : 0;
+    auto reporter = [&](int id, const char* first, const char* second) { reportFormatted(id, first, second); };
     endOpen();
-    if (written != 0) {
-      // An incomplete file is never converted, and its temporary copy goes.
-      reportFormatted(637, fName.asChar(), FLstrerror(written));
-      if (!fTempName.empty()) ::unlink(fTempName.c_str());
-      fTempName.clear();
-      fFormatKey.clear();
-      return -1;
-    }
-    if (!fFormatKey.empty() && fFormatKey != "kelp" && fFormatKey != "qvi") {
-      if (ifftoany(fTempName.c_str(), fName.asChar(), fFormatKey.c_str()) != 0) {
-        report(622);
-        fTempName.clear();  // the temporary file stays on disk
-        fFormatKey.clear();
-        return -1;
-      }
-      fFormatKey.clear();
-    }
-    if (!fTempName.empty()) {
-      ::unlink(fTempName.c_str());
-      fTempName.clear();
-    }
-    return 0;
+    if (fSgi) return imagefile::closeSgi(fSgi, fName.asChar(), reporter);
+    int written = fImage ? TiffImageFile::close() : 0;
+    auto convert = [&] {
+      if (ifftoany(fTempName.c_str(), fName.asChar(), fFormatKey.c_str()) == 0) return true;
+      report(622);
+      return false;
+    };
+    return imagefile::finishClose(written, fTempName, fFormatKey, fFormatKey == "kelp" || fFormatKey == "qvi",
+                                  fName.asChar(), convert, reporter);
   });
 }
 

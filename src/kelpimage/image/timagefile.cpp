@@ -85,12 +85,10 @@ void TimageFile::swapState(TimageFile& other) noexcept {
 
 void TimageFile::forget() {
   fSgi = nullptr;
-  fImage = nullptr;
-  fFile = nullptr;
   fMappedView = nullptr;
   fTempName.clear();
   fFormatKey.clear();
-  fOpen.reset();
+  forgetImage();
 }
 
 TimageFile::~TimageFile() {
@@ -300,39 +298,17 @@ int TimageFile::close() {
       forget();
       return -1;
     }
-    if (fSgi) {
-      int rc = iclose(fSgi);
-      fSgi = nullptr;
-      endOpen();
-      if (rc != 0) reportFormatted(637, fName.asChar(), "a row, the header or a table did not reach the file");
-      return rc == 0 ? 0 : -1;
-    }
-    TmtLock lock = fsCS.acquire();
-    int written = isActive() ? TiffImageFile::close() : 0;
+    auto reporter = [&](int id, const char* first, const char* second) { reportFormatted(id, first, second); };
     endOpen();
-    if (written != 0) {
-      // An incomplete file is never converted, and its temporary copy goes.
-      lock.release();
-      reportFormatted(637, fName.asChar(), FLstrerror(written));
-      if (!fTempName.empty()) ::unlink(fTempName.c_str());
-      fTempName.clear();
-      fFormatKey.clear();
-      return -1;
-    }
-    if (!fFormatKey.empty() && !isIffKey(fFormatKey)) {
+    if (fSgi) return imagefile::closeSgi(fSgi, fName.asChar(), reporter);
+    TmtLock lock = fsCS.acquire();
+    int written = fImage ? TiffImageFile::close() : 0;
+    auto convert = [&] {
       loadPxfPlugins();
-      if (ifftoany(fTempName.c_str(), fName.asChar(), fFormatKey.c_str()) != 0) {
-        fTempName.clear();  // the temporary file stays on disk
-        fFormatKey.clear();
-        return -1;
-      }
-      fFormatKey.clear();
-    }
-    if (!fTempName.empty()) {
-      ::unlink(fTempName.c_str());
-      fTempName.clear();
-    }
-    return 0;
+      return ifftoany(fTempName.c_str(), fName.asChar(), fFormatKey.c_str()) == 0;
+    };
+    return imagefile::finishClose(written, fTempName, fFormatKey, isIffKey(fFormatKey), fName.asChar(), convert,
+                                  reporter);
   });
 }
 
