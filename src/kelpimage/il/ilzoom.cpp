@@ -228,6 +228,7 @@ static int unguardedBindzoom(ILzoom* z, void* arg, ILlinefn callback, int mode, 
   size_t ring = size_t(z->activeY ? z->ySupport : 0);
   z->ringColor.assign(ring, std::vector<int32_t>(size_t(rw) * 4));
   z->ringDepth.assign(ring, std::vector<float>(size_t(rw)));
+  z->ringHead = 0;
   z->accColor.assign(size_t(rw) * 4, 0);
   z->accDepth.assign(size_t(rw), 0.0f);
   z->colorLine.assign(size_t(rw) * 8, 0);

@@ -39,8 +39,11 @@ struct ILzoom {
   int target = 0;
   std::vector<ILtaps> xTaps, yTaps;
   int xSupport = 0, ySupport = 0;
-  std::vector<std::vector<int32_t>> ringColor;  // oldest first; 4 values a result pixel
+  // The last filtered source lines, 4 values a result pixel, in a ring: the
+  // oldest at `ringHead`, the newest just before it.
+  std::vector<std::vector<int32_t>> ringColor;
   std::vector<std::vector<float>> ringDepth;
+  size_t ringHead = 0;
   std::vector<int64_t> accColor;
   std::vector<float> accDepth;
 

@@ -178,25 +178,30 @@ int readFiltered(ILzoom* z, void* color, float* depth) {
   if (z->row >= z->resultH) return ILfail(IL_EDONE);
   const ILtaps& taps = z->yTaps[size_t(z->row)];
   int support = z->ySupport;
+  size_t ring = z->ringColor.size();
   while (z->taken <= taps.first + taps.count - 1) {
     z->taken++;
-    std::rotate(z->ringColor.begin(), z->ringColor.begin() + 1, z->ringColor.end());
-    std::rotate(z->ringDepth.begin(), z->ringDepth.begin() + 1, z->ringDepth.end());
+    // The oldest line's slot takes the new line, which is the newest.
+    size_t newest = z->ringHead;
+    z->ringHead = (z->ringHead + 1) % ring;
     uint8_t* line;
     float* zline;
     if (int rc = fetch(z, color, depth, line, zline)) return rc;
     if (color) {
-      if (line) filterAcross(z, line, z->ringColor.back().data());
-      else std::fill(z->ringColor.back().begin(), z->ringColor.back().end(), 0);
+      std::vector<int32_t>& slot = z->ringColor[newest];
+      if (line) filterAcross(z, line, slot.data());
+      else std::fill(slot.begin(), slot.end(), 0);
     }
     if (depth) {
-      if (zline) filterDepthAcross(z, zline, z->ringDepth.back().data());
-      else std::fill(z->ringDepth.back().begin(), z->ringDepth.back().end(), 0.0f);
+      std::vector<float>& slot = z->ringDepth[newest];
+      if (zline) filterDepthAcross(z, zline, slot.data());
+      else std::fill(slot.begin(), slot.end(), 0.0f);
     }
   }
+  // Tap j's line, counted from the oldest in the ring.
   auto ringIndex = [&](int j) {
     int k = support - z->taken + taps.first + j;
-    return size_t(std::clamp(k, 0, support - 1));
+    return (z->ringHead + size_t(std::clamp(k, 0, support - 1))) % ring;
   };
   if (color) {
     int64_t start = (z->mode & 2) ? 8192 : 2097152;
