@@ -19,6 +19,9 @@ set -x
 "$kimg" info --stats "$out/small.iff"
 "$kimg" convert "$out/pattern.iff" "$out/pattern.sgi"
 "$kimg" info --stats "$out/pattern.sgi"
+"$kimg" convert "$out/pattern.sgi" "$out/from-sgi.iff"
+"$kimg" info "$out/from-sgi.iff"
+"$kimg" convert "$out/pattern.iff" - --resize 64x36 | "$kimg" info --stats -
 "$kimg" depth "$out/pattern.iff" "$out/depth.iff"
 "$kimg" info --stats "$out/depth.iff"
 "$kimg" chunks "$out/topdown.iff" > "$out/chunks.txt"

@@ -113,11 +113,11 @@ Output::Output(const std::string& name) : fName(name) {
     fDirect = true;
     return;
   }
+  // The temporary file lies in the target's own folder, so that the rename
+  // that puts it in place never crosses file systems.
   size_t slash = name.rfind('/');
-  std::string dir = slash == std::string::npos ? "." : name.substr(0, slash + 1);
+  std::string dir = slash == std::string::npos ? std::string("./") : name.substr(0, slash + 1);
   std::string base = slash == std::string::npos ? name : name.substr(slash + 1);
-  if (dir.empty()) dir = "/";
-  if (dir.back() != '/') dir += '/';
   fTemp = makeTemporary(dir + "." + base + ".kimg-XXXXXX", fError);
 }
 
