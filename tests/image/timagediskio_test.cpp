@@ -9,7 +9,7 @@
 
 #include "kelpimage/image/base/terrorhandler.h"
 #include "kelpimage/image/timagediskio.h"
-#include "kelpimage/plugin/gateway.h"
+#include "kelpimage/image/formatgateway.h"
 #include "kelpimage/sgi/sgi.h"
 #include "testutil.h"
 

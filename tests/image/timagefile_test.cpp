@@ -16,7 +16,7 @@
 #include "kelpimage/image/timagediskio.h"
 #include "kelpimage/image/timagefile.h"
 #include "kelpimage/photoshop/tpsdtexturefile.h"
-#include "kelpimage/plugin/gateway.h"
+#include "kelpimage/image/formatgateway.h"
 #include "kelpimage/image/imagebuffer.h"
 #include "kelpimage/sgi/sgi.h"
 #include "testutil.h"

@@ -68,7 +68,11 @@ fails 1 "empty or too short" "$kimg" info "$dir/empty.iff"
 printf '\211PNG\r\n\032\n\000\000\000\rIHDR\000\000\000\001\000\000\000\001\010\002\000\000\000' > "$dir/x.png"
 fails 1 "x.png: Not a chunked file" "$kimg" chunks "$dir/x.png"
 fails 1 "x.png: Not a chunked file" "$kimg" info "$dir/x.png"
-fails 1 "x.png: not a picture kimg reads" "$kimg" convert "$dir/x.png" "$dir/x.iff"
+# A damaged PNG: the codec library's reason.
+fails 1 "x.png: Read Error" "$kimg" convert "$dir/x.png" "$dir/x.iff"
+[ ! -e "$dir/x.iff" ]
+printf 'not a picture' > "$dir/x.txt"
+fails 1 "x.txt: not a picture kimg reads" "$kimg" convert "$dir/x.txt" "$dir/x.iff"
 printf 'FOR4\000\000\000\004Kelp' > "$dir/scene.iff"
 fails 1 "No image found" "$kimg" info "$dir/scene.iff"
 
@@ -101,8 +105,8 @@ fails 1 "cut.sgi: SGI image: iopen: file is truncated" "$kimg" info "$dir/cut.sg
 fails 1 "cut.sgi: SGI image: iopen: file is truncated" "$kimg" convert "$dir/cut.sgi" "$dir/x.iff"
 
 # Outputs: a format kimg cannot write, a failed write, a target kept whole.
-fails 1 "out.png: kimg cannot write .png files; it writes iff" "$kimg" convert "$dir/p.iff" "$dir/out.png"
-[ ! -e "$dir/out.png" ]
+fails 1 "out.xyz: kimg cannot write .xyz files; it writes iff" "$kimg" convert "$dir/p.iff" "$dir/out.xyz"
+[ ! -e "$dir/out.xyz" ]
 fails 1 "kimg: /dev/full: Write error" "$kimg" convert "$dir/p.iff" /dev/full
 fails 1 "kimg: /dev/full: " "$kimg" convert "$dir/p.iff" /dev/full --format sgi
 fails 1 "kimg: /dev/full: Write error" "$kimg" pattern /dev/full

@@ -9,6 +9,8 @@
 #include "commands.h"
 #include "files.h"
 #include "kelpimage/il/il.h"
+#include "kelpimage/image/formatgateway.h"
+#include "kelpimage/plugin/plugins.h"
 #include "kelpimage/image/timagefile.h"
 #include "lines.h"
 #include "util.h"
@@ -189,10 +191,25 @@ int convert(const ConvertOptions& o) {
   if (key.isEmpty()) return fail(o.in, takeReport("not a picture kimg reads (IFF or SGI)"));
   Output output(o.out);
   if (!output.error().empty()) return fail(o.out, output.error());
+  auto into = [&](const Plan& p, const std::string& path) {
+    if (key == "kelp") return fromIff(input.path(), o, p, path);
+    if (key == "sgi") return fromSgi(input.path(), o, p, path);
+    return fromFrontDoor(input.path(), o, p, path);
+  };
   int status;
-  if (key == "kelp") status = fromIff(input.path(), o, plan, output.path());
-  else if (key == "sgi") status = fromSgi(input.path(), o, plan, output.path());
-  else status = fromFrontDoor(input.path(), o, plan, output.path());
+  if (plan.format == "iff" || plan.format == "sgi") {
+    status = into(plan, output.path());
+  } else {
+    // A plug-in format: an IFF file first, which its plug-in then writes out.
+    Scratch iff;
+    if (!iff.error().empty()) return fail(o.out, iff.error());
+    Plan iffPlan = plan;
+    iffPlan.format = "iff";
+    status = into(iffPlan, iff.path());
+    if (!status && ifftoany(iff.path().c_str(), output.path().c_str(), plan.format.c_str()) != 0)
+      status = fail(o.out, takeReport("cannot be written as " + plan.format));
+    ifftoanyClose();
+  }
   return status ? status : output.commit();
 }
 

@@ -67,6 +67,12 @@ std::string extensionOf(const std::string& name) {
   return ext;
 }
 
+Scratch::Scratch() { fPath = makeTemporary(temporaryDirectory() + "/kimg-XXXXXX", fError); }
+
+Scratch::~Scratch() {
+  if (!fPath.empty()) ::unlink(fPath.c_str());
+}
+
 Input::Input(const std::string& name) : fName(name), fPath(name) {
   if (name != "-" && !isPipeName(name)) {
     struct stat st;

@@ -52,6 +52,20 @@ class Output {
   bool fDirect = false;
 };
 
+// A scratch file in the temporary directory, removed when it goes.
+class Scratch {
+ public:
+  Scratch();
+  ~Scratch();
+  Scratch(const Scratch&) = delete;
+  Scratch& operator=(const Scratch&) = delete;
+  const std::string& error() const { return fError; }
+  const std::string& path() const { return fPath; }
+
+ private:
+  std::string fPath, fError;
+};
+
 // The output's extension, lower case, without the dot; empty for none.
 std::string extensionOf(const std::string& name);
 

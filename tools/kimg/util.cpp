@@ -2,20 +2,26 @@
 
 #include <cctype>
 #include <cstdio>
+#include <utility>
+#include <vector>
 
 #include "files.h"
 #include "kelpimage/il/il.h"
 #include "kelpimage/image/base/terrorhandler.h"
+#include "kelpimage/image/formatgateway.h"
+#include "kelpimage/plugin/pxf.h"
 
 namespace kimg {
 namespace {
 
-// Keeps the library's reports for the next message kimg prints.
+// Keeps the library's reports, in order, for the next message kimg prints.
 struct Reporter : TerrorHandler {
   std::string last;
   void reportError(const Tstring& message) override {
-    last = message.str();
-    while (!last.empty() && (last.back() == '\n' || last.back() == ' ')) last.pop_back();
+    std::string text = message.str();
+    while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+    if (text.empty()) return;
+    last = last.empty() ? text : last + "; " + text;
   }
 };
 Reporter gReporter;
@@ -78,22 +84,62 @@ std::string tagText(uint32_t tag) {
   return s;
 }
 
+namespace {
+// The plug-in formats that write, with their extensions.
+std::vector<std::pair<std::string, std::vector<std::string>>> writablePlugins() {
+  loadAllPXFPlugins();
+  std::vector<std::pair<std::string, std::vector<std::string>>> formats;
+  for (int i = 0; const PxfFormat* f = PXF_format(i); ++i) {
+    if (!f->ops->canWrite) continue;
+    std::vector<std::string> extensions;
+    std::string all = f->extensions ? f->extensions : "";
+    for (size_t at = 0; at < all.size();) {
+      size_t semi = all.find(';', at);
+      if (semi == std::string::npos) semi = all.size();
+      if (semi > at) extensions.push_back(all.substr(at, semi - at));
+      at = semi + 1;
+    }
+    formats.emplace_back(f->key, extensions);
+  }
+  return formats;
+}
+}  // namespace
+
 bool outputFormat(const std::string& name, const std::string& forced, std::string& format, std::string& why) {
+  auto plugins = writablePlugins();
   if (!forced.empty()) {
+    bool known = forced == "iff" || forced == "sgi";
+    for (const auto& [key, extensions] : plugins) known = known || key == forced;
+    if (!known) {
+      why = "kimg cannot write the format '" + forced + "' (kimg formats lists those it can)";
+      return false;
+    }
     format = forced;
     return true;
   }
   std::string ext = (name == "-" || name.rfind("pipe:", 0) == 0) ? "" : extensionOf(name);
   if (ext.empty() || ext == "iff") {
     format = "iff";
-  } else if (ext == "sgi" || ext == "rgb" || ext == "rgba" || ext == "bw") {
-    format = "sgi";
-  } else {
-    why = "kimg cannot write ." + ext +
-          " files; it writes iff (.iff, or no extension) and sgi (.sgi, .rgb, .rgba, .bw), or as --format says";
-    return false;
+    return true;
   }
-  return true;
+  if (ext == "sgi" || ext == "rgb" || ext == "rgba" || ext == "bw") {
+    format = "sgi";
+    return true;
+  }
+  std::string list = "iff (.iff, or no extension), sgi (.sgi, .rgb, .rgba, .bw)";
+  for (const auto& [key, extensions] : plugins) {
+    std::string dotted;
+    for (const std::string& e : extensions) {
+      if (e == ext) {
+        format = key;
+        return true;
+      }
+      dotted += (dotted.empty() ? "." : ", .") + e;
+    }
+    list += ", " + key + (dotted.empty() ? "" : " (" + dotted + ")");
+  }
+  why = "kimg cannot write ." + ext + " files; it writes " + list + ", or as --format says";
+  return false;
 }
 
 }  // namespace kimg

@@ -9,7 +9,7 @@
 #include "kelpimage/image/base/terrorhandler.h"
 #include "kelpimage/image/base/tfile.h"
 #include "kelpimage/image/imagefilecommon.h"
-#include "kelpimage/plugin/gateway.h"
+#include "kelpimage/image/formatgateway.h"
 
 namespace {
 TstringArray& pluginNames() {

@@ -14,7 +14,7 @@
 #include "kelpimage/image/base/tfile.h"
 #include "kelpimage/image/imagefilecommon.h"
 #include "kelpimage/photoshop/tpsdtexturefile.h"
-#include "kelpimage/plugin/gateway.h"
+#include "kelpimage/image/formatgateway.h"
 
 TmtCriticalSection TimageFile::fsCS;
 TstringArray TimageFile::kPluginStringArray(8);

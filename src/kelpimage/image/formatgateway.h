@@ -15,8 +15,10 @@ struct TformatProvider {
   int (*iffToAny)(const char* input, const char* output, const char* key);
 };
 
-// Installs a provider (null removes it); returns the one it replaces.
+// Installs a provider in place of the library's own plug-in framework (null
+// goes back to it); returns the one it replaces.
 KELP_API const TformatProvider* setFormatProvider(const TformatProvider* provider);
+
 
 // 0 when plug-ins are ready, non-zero otherwise.
 KELP_API int loadAllPXFPlugins();

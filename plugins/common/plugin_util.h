@@ -1,0 +1,54 @@
+// Small pieces the format plug-ins share.
+#pragma once
+
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+namespace pxfplugin {
+
+// Writes a reason into a plug-in's error buffer; gives -1, the failure.
+inline int fail(char* error, size_t size, const char* format, ...) {
+  if (!error || size == 0) return -1;
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(error, size, format, args);
+  va_end(args);
+  return -1;
+}
+
+// The value of a capability setting, or `fallback`.
+inline float setting(PxfCapSetting* const* settings, int16_t code, float fallback) {
+  for (; settings && *settings; ++settings)
+    if ((*settings)->code == code) return (*settings)->value;
+  return fallback;
+}
+
+// Channel buffers hold samples of 1, 2 or 4 bytes; these copy one row
+// between them and interleaved pixels of `count` channels.
+inline void interleave(const void* const* channels, int first, int count, int bytes, uint8_t* pixels, int32_t width,
+                       int stride) {
+  for (int c = 0; c < count; ++c) {
+    auto* from = static_cast<const uint8_t*>(channels[first + c]);
+    for (int32_t x = 0; x < width; ++x)
+      std::memcpy(pixels + (size_t(x) * size_t(stride) + size_t(c)) * size_t(bytes), from + size_t(x) * size_t(bytes),
+                  size_t(bytes));
+  }
+}
+
+inline void deinterleave(const uint8_t* pixels, int stride, int bytes, void* const* channels, int first, int count,
+                         int32_t width) {
+  for (int c = 0; c < count; ++c) {
+    auto* to = static_cast<uint8_t*>(channels[first + c]);
+    for (int32_t x = 0; x < width; ++x)
+      std::memcpy(to + size_t(x) * size_t(bytes), pixels + (size_t(x) * size_t(stride) + size_t(c)) * size_t(bytes),
+                  size_t(bytes));
+  }
+}
+
+constexpr int16_t kDpiCode = 1;
+constexpr int16_t kQualityCode = 2;
+constexpr int16_t kCompressionCode = 3;
+
+}  // namespace pxfplugin

@@ -1,0 +1,257 @@
+// The PNG plug-in, on libpng: 8 and 16 bits; grey, grey with alpha,
+// palette (read), RGB and RGBA; the resolution of the pHYs chunk. libpng
+// reports errors by longjmp: every call into it stands behind a setjmp in
+// a function that holds nothing needing destruction.
+#include <png.h>
+
+#include <cerrno>
+#include <csetjmp>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "kelpimage/plugin/pxf.h"
+#include "plugin_util.h"
+
+using pxfplugin::fail;
+
+namespace {
+
+struct State {
+  FILE* file = nullptr;
+  png_structp png = nullptr;
+  png_infop info = nullptr;
+  bool writing = false;
+  int32_t width = 0, height = 0;
+  int channels = 0;  // interleaved samples a pixel after the transforms
+  int bytes = 1;
+  int colors = 0;
+  bool matte = false;
+  uint8_t* row = nullptr;    // one interleaved row
+  uint8_t* whole = nullptr;  // an interlaced picture, read at once
+  int32_t next = 0;          // the next row the file gives (counted from the top)
+  char message[256] = {};
+};
+
+void onError(png_structp png, png_const_charp text) {
+  auto* s = static_cast<State*>(png_get_error_ptr(png));
+  std::snprintf(s->message, sizeof s->message, "%s", text);
+  png_longjmp(png, 1);
+}
+
+void onWarning(png_structp, png_const_charp) {}
+
+void release(State* s) {
+  if (s->png) {
+    if (s->writing) png_destroy_write_struct(&s->png, &s->info);
+    else png_destroy_read_struct(&s->png, &s->info, nullptr);
+  }
+  if (s->file) std::fclose(s->file);
+  std::free(s->row);
+  std::free(s->whole);
+  delete s;
+}
+
+int recognise(const uint8_t* bytes, size_t count) { return count >= 8 && png_sig_cmp(bytes, 0, 8) == 0; }
+
+// Reads the header and sets the transforms; false after a libpng error.
+bool readHeader(State* s, PxfImageData* image) {
+  if (setjmp(png_jmpbuf(s->png))) return false;
+  png_init_io(s->png, s->file);
+  png_read_info(s->png, s->info);
+  png_uint_32 w = 0, h = 0;
+  int depth = 0, type = 0, interlace = 0;
+  png_get_IHDR(s->png, s->info, &w, &h, &depth, &type, &interlace, nullptr, nullptr);
+  if (w == 0 || h == 0 || w > 65535 || h > 65535) {
+    std::snprintf(s->message, sizeof s->message, "picture of %u x %u pixels is out of range", w, h);
+    return false;
+  }
+  if (type == PNG_COLOR_TYPE_PALETTE) png_set_palette_to_rgb(s->png);
+  if (type == PNG_COLOR_TYPE_GRAY && depth < 8) png_set_expand_gray_1_2_4_to_8(s->png);
+  if (png_get_valid(s->png, s->info, PNG_INFO_tRNS)) png_set_tRNS_to_alpha(s->png);
+  if (depth == 16) png_set_swap(s->png);  // channel buffers hold native 16-bit samples
+  int passes = png_set_interlace_handling(s->png);
+  png_read_update_info(s->png, s->info);
+  s->width = int32_t(w);
+  s->height = int32_t(h);
+  s->channels = png_get_channels(s->png, s->info);
+  s->bytes = png_get_bit_depth(s->png, s->info) == 16 ? 2 : 1;
+  s->colors = s->channels >= 3 ? 3 : 1;
+  s->matte = s->channels == 2 || s->channels == 4;
+  s->row = static_cast<uint8_t*>(std::malloc(png_get_rowbytes(s->png, s->info)));
+  if (!s->row) {
+    std::snprintf(s->message, sizeof s->message, "out of memory");
+    return false;
+  }
+  if (passes > 1) {
+    // Interlaced pictures come whole.
+    size_t rowBytes = png_get_rowbytes(s->png, s->info);
+    s->whole = static_cast<uint8_t*>(std::malloc(rowBytes * h));
+    auto** rows = static_cast<png_bytep*>(std::malloc(sizeof(png_bytep) * h));
+    if (!s->whole || !rows) {
+      std::free(rows);
+      std::snprintf(s->message, sizeof s->message, "out of memory");
+      return false;
+    }
+    for (png_uint_32 y = 0; y < h; ++y) rows[y] = s->whole + rowBytes * y;
+    png_read_image(s->png, rows);
+    std::free(rows);
+  }
+  image->windowRight = image->window2[1] = s->width - 1;
+  image->windowTop = image->window2[3] = s->height - 1;
+  image->aspectWidth = s->width;
+  image->aspectHeight = s->height;
+  image->aspectRatio = float(s->width) / float(s->height);
+  image->orientation = PXF_TOP_DOWN;
+  image->dataKind = "rgb";
+  image->colorChannels = s->colors;
+  image->colorBits = s->bytes * 8;
+  image->matteChannels = s->matte ? 1 : 0;
+  image->matteBits = s->bytes * 8;
+  png_uint_32 xppm = 0, yppm = 0;
+  int unit = 0;
+  if (png_get_pHYs(s->png, s->info, &xppm, &yppm, &unit) && unit == PNG_RESOLUTION_METER && xppm > 0)
+    image->dpi = float(double(xppm) * 0.0254);
+  return true;
+}
+
+void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* error, size_t size) {
+  auto* s = new State;
+  s->file = std::fopen(name, "rb");
+  if (!s->file) {
+    fail(error, size, "%s", std::strerror(errno));
+    release(s);
+    return nullptr;
+  }
+  s->png = png_create_read_struct(PNG_LIBPNG_VER_STRING, s, onError, onWarning);
+  s->info = s->png ? png_create_info_struct(s->png) : nullptr;
+  if (!s->info || !readHeader(s, image)) {
+    fail(error, size, "%s", s->message[0] ? s->message : "libpng could not start");
+    release(s);
+    return nullptr;
+  }
+  *frames = 1;
+  return s;
+}
+
+bool readNext(State* s) {
+  if (setjmp(png_jmpbuf(s->png))) return false;
+  png_read_row(s->png, s->row, nullptr);
+  return true;
+}
+
+int readRow(void* state, int32_t row, void* const* channels, char* error, size_t size) {
+  auto* s = static_cast<State*>(state);
+  int32_t stored = s->height - 1 - row;  // the file keeps the top row first
+  const uint8_t* pixels;
+  if (s->whole) {
+    if (stored < 0 || stored >= s->height) return fail(error, size, "no row %d", row);
+    pixels = s->whole + png_get_rowbytes(s->png, s->info) * size_t(stored);
+  } else {
+    if (stored != s->next) return fail(error, size, "rows are read from the top down only");
+    if (!readNext(s)) return fail(error, size, "%s", s->message);
+    s->next++;
+    pixels = s->row;
+  }
+  pxfplugin::deinterleave(pixels, s->channels, s->bytes, channels, 0, s->channels, s->width);
+  return 0;
+}
+
+bool writeHeader(State* s, const PxfImageData* image, float dpi, int level) {
+  if (setjmp(png_jmpbuf(s->png))) return false;
+  png_init_io(s->png, s->file);
+  int type = s->colors == 3 ? (s->matte ? PNG_COLOR_TYPE_RGBA : PNG_COLOR_TYPE_RGB)
+                            : (s->matte ? PNG_COLOR_TYPE_GRAY_ALPHA : PNG_COLOR_TYPE_GRAY);
+  png_set_IHDR(s->png, s->info, png_uint_32(s->width), png_uint_32(s->height), s->bytes * 8, type,
+               PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+  if (dpi >= 1.0f) {
+    auto ppm = png_uint_32(double(dpi) / 0.0254 + 0.5);
+    png_set_pHYs(s->png, s->info, ppm, ppm, PNG_RESOLUTION_METER);
+  }
+  png_set_compression_level(s->png, level);
+  png_write_info(s->png, s->info);
+  if (s->bytes == 2) png_set_swap(s->png);
+  (void)image;
+  return true;
+}
+
+void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*,
+                char* error, size_t size) {
+  auto* s = new State;
+  s->writing = true;
+  s->width = image->width();
+  s->height = image->height();
+  s->colors = image->colorChannels >= 3 ? 3 : 1;
+  s->matte = image->matteChannels > 0;
+  s->channels = s->colors + (s->matte ? 1 : 0);
+  s->bytes = image->colorBits > 8 ? 2 : 1;
+  if (image->colorChannels == 0 || s->width < 1 || s->height < 1) {
+    fail(error, size, "PNG pictures need colour channels and a size");
+    release(s);
+    return nullptr;
+  }
+  s->row = static_cast<uint8_t*>(std::malloc(size_t(s->width) * size_t(s->channels) * size_t(s->bytes)));
+  s->file = std::fopen(name, "wb");
+  if (!s->row || !s->file) {
+    fail(error, size, "%s", s->file ? "out of memory" : std::strerror(errno));
+    release(s);
+    return nullptr;
+  }
+  s->png = png_create_write_struct(PNG_LIBPNG_VER_STRING, s, onError, onWarning);
+  s->info = s->png ? png_create_info_struct(s->png) : nullptr;
+  float dpi = pxfplugin::setting(settings, pxfplugin::kDpiCode, 0.0f);
+  int level = int(pxfplugin::setting(settings, pxfplugin::kCompressionCode, 6.0f));
+  if (!s->info || !writeHeader(s, image, dpi, level)) {
+    fail(error, size, "%s", s->message[0] ? s->message : "libpng could not start");
+    release(s);
+    return nullptr;
+  }
+  return s;
+}
+
+bool writeNext(State* s) {
+  if (setjmp(png_jmpbuf(s->png))) return false;
+  png_write_row(s->png, s->row);
+  return true;
+}
+
+int writeRow(void* state, int32_t row, const void* const* channels, char* error, size_t size) {
+  auto* s = static_cast<State*>(state);
+  if (s->height - 1 - row != s->next) return fail(error, size, "rows are written from the top down only");
+  pxfplugin::interleave(channels, 0, s->channels, s->bytes, s->row, s->width, s->channels);
+  if (!writeNext(s)) return fail(error, size, "%s", s->message);
+  s->next++;
+  return 0;
+}
+
+bool writeEnd(State* s) {
+  if (setjmp(png_jmpbuf(s->png))) return false;
+  png_write_end(s->png, s->info);
+  return true;
+}
+
+int closeFile(void* state, char* error, size_t size) {
+  auto* s = static_cast<State*>(state);
+  int rc = 0;
+  if (s->writing) {
+    if (s->next != s->height) rc = fail(error, size, "only %d of %d rows were written", s->next, s->height);
+    else if (!writeEnd(s)) rc = fail(error, size, "%s", s->message);
+    if (std::fflush(s->file) != 0 || std::ferror(s->file)) rc = fail(error, size, "%s", std::strerror(errno));
+  }
+  if (std::fclose(s->file) != 0 && s->writing) rc = fail(error, size, "%s", std::strerror(errno));
+  s->file = nullptr;
+  release(s);
+  return rc;
+}
+
+const PxfCapability kCapabilities[] = {
+    {pxfplugin::kDpiCode, "DPI Resolution", 1, 2},
+    {pxfplugin::kCompressionCode, "Compression", 1, 2},
+};
+
+}  // namespace
+
+PXF_IMAGE_PLUGIN("png", "png", "PNG", "Portable Network Graphics, 8 and 16 bits, with alpha",
+                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 2u, (1u << 7) | (1u << 15), 1u, 0u, 0u, 0,
+                               true, true, kCapabilities, 2, recognise, openRead, nullptr, readRow, openWrite, nullptr,
+                               writeRow, closeFile}));

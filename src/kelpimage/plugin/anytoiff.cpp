@@ -1,0 +1,268 @@
+// Conversion into IFF: a picture any plug-in reads becomes a temporary IFF
+// file at 8 bits a channel, with its depth and matte, and `getResolution`
+// tells a picture's size without converting it.
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "kelpimage/image/formatgateway.h"
+#include "kelpimage/image/tiffimagefile.h"
+#include "kelpimage/plugin/pxf.h"
+#include "kelpimage/plugin/pxfinternal.h"
+
+namespace {
+
+// The input left open so that the next frame of a multi-frame file is read
+// without opening it again.
+PxfHandle* gCurrentInput = nullptr;
+
+std::string withReason(std::string text) {
+  const char* why = PXF_last_error();
+  if (why && *why) text += std::string(": ") + why;
+  return text;
+}
+
+bool statInput(const char* input) {
+  struct stat st;
+  if (input && ::stat(input, &st) == 0) return true;
+  std::string why = std::strerror(errno);
+  reportConversionError(std::string("Error in conversion of ") + (input ? input : "(null)") +
+                        ". Failed to stat the input file: " + why);
+  return false;
+}
+
+// A sample of a channel buffer by its width.
+uint32_t sampleAt(const void* buffer, int32_t x, int32_t bits) {
+  switch (PXF_sample_bytes(bits)) {
+    case 1:
+      return static_cast<const uint8_t*>(buffer)[x];
+    case 2:
+      return static_cast<const uint16_t*>(buffer)[x];
+    default:
+      return static_cast<const uint32_t*>(buffer)[x];
+  }
+}
+
+float floatAt(const void* buffer, int32_t x) {
+  float f;
+  std::memcpy(&f, static_cast<const uint8_t*>(buffer) + size_t(x) * 4, 4);
+  return f;
+}
+
+uint8_t toByte(const void* buffer, int32_t x, int32_t bits, int32_t shiftBits) {
+  if (bits == 32) return uint8_t(std::clamp(floatAt(buffer, x), 0.0f, 1.0f) * 255.0f);
+  uint32_t v = sampleAt(buffer, x, bits);
+  if (bits > 8) return uint8_t(v >> (bits - 8));
+  if (bits < 8) return uint8_t(v << (unsigned(8 - shiftBits) % 32u));
+  return uint8_t(v);
+}
+
+// One row of the plug-in's channels into 4 bytes a pixel, blue, green, red,
+// alpha. False when the picture has no colour channels.
+bool fillLine(const PxfImageData& im, void* const* ch, uint8_t* line, int32_t width, bool fast) {
+  int colors = im.colorChannels;
+  if (fast) {
+    int step = im.colorBits / 8, matteStep = im.matteBits / 8;
+    for (int32_t x = 0; x < width; ++x) {
+      uint8_t* p = line + size_t(x) * 4;
+      auto high = [&](int c, int bytes) { return static_cast<const uint8_t*>(ch[c])[size_t(x) * size_t(bytes) + size_t(bytes) - 1]; };
+      if (colors == 1) p[2] = p[1] = p[0] = high(0, step);
+      else if (colors == 2) p[2] = high(0, step), p[1] = high(1, step);
+      else if (colors == 3) p[2] = high(0, step), p[1] = high(1, step), p[0] = high(2, step);
+      if (im.matteChannels > 0) p[3] = high(colors, matteStep);
+    }
+    return true;
+  }
+  if (colors < 1 || colors > 3) return false;
+  for (int32_t x = 0; x < width; ++x) {
+    uint8_t r = toByte(ch[0], x, im.colorBits, im.colorBits);
+    uint8_t g = colors >= 2 ? toByte(ch[1], x, im.colorBits, im.colorBits) : r;
+    uint8_t b = colors == 3 ? toByte(ch[2], x, im.colorBits, im.colorBits) : colors == 2 ? 0 : r;
+    // A narrow matte is shifted by the colour bits: so the conversion stands.
+    uint8_t a = im.matteChannels > 0 ? toByte(ch[colors], x, im.matteBits, im.colorBits) : 0;
+    uint8_t* p = line + size_t(x) * 4;
+    p[0] = b, p[1] = g, p[2] = r, p[3] = a;
+  }
+  return true;
+}
+
+// The depth channel into IFF depth: a negative reciprocal, 0 for none.
+void fillDepth(const PxfImageData& im, const void* channel, float* out, int32_t width) {
+  for (int32_t x = 0; x < width; ++x) {
+    if (im.depthKind == PXF_FLOAT) {
+      out[x] = floatAt(channel, x);
+    } else if (im.depthKind == PXF_DOUBLE) {
+      double d;
+      std::memcpy(&d, static_cast<const uint8_t*>(channel) + size_t(x) * 8, 8);
+      out[x] = float(d);
+    } else if (im.depthKind == PXF_INTEGER) {
+      uint32_t v = sampleAt(channel, x, im.depthBits);
+      if (v == 0 || im.depthBits > 32) {
+        out[x] = 0.0f;
+        continue;
+      }
+      uint32_t max = im.depthBits >= 32 ? 0xFFFFFFFFu : (1u << im.depthBits) - 1u;
+      float f = float(max) - float(v) + 1.0f;
+      out[x] = f == 0.0f ? 0.0f : std::clamp(-1.0f / f, -1.0f, 0.0f);
+    }
+  }
+}
+
+void closeCurrent() {
+  if (gCurrentInput) PXF_close(gCurrentInput);
+  gCurrentInput = nullptr;
+}
+
+int convert(PxfHandle* handle, const char* output) {
+  PxfImageData* image = handle->image;
+  if (!image) {
+    reportConversionError("anytoiff: Empty image.");
+    return -1;
+  }
+  const PxfImageData& im = *image;
+  if (!im.dataKind || std::strcmp(im.dataKind, "rgb") != 0) {
+    reportConversionError("anytoiff: only converts rgb images, which this is not.");
+    return -1;
+  }
+  if (im.colorBits > 32) {
+    reportConversionError("anytoiff a maximum of 32 bits per pixel is supported.");
+    return -1;
+  }
+  int32_t width = im.width(), height = im.height();
+  if (width < 1 || height < 1 || width > 32768 || height > 32768 ||
+      uint64_t(width) * uint64_t(height) > ILmaxpixels(0)) {
+    reportConversionError("anytoiff: image size out of range: " + std::to_string(width) + " x " +
+                          std::to_string(height));
+    return -1;
+  }
+  TiffImageFile out;
+  if (!out.open(output, "w")) {
+    reportConversionError("Failed to open output file.");
+    return -1;
+  }
+  out.setSize(uint16_t(width), uint16_t(height));
+  out.modifyControlFlags(ILC_TOPDOWN, 0);
+  if (im.aspectWidth != 0 && im.aspectRatio != float(im.aspectWidth) / float(im.aspectHeight)) {
+    int n = int(float(im.aspectHeight) * im.aspectRatio);
+    if (n != im.aspectWidth) out.setRatio(im.aspectWidth, n);
+  }
+  if (im.dpi >= 1.0f) out.setDpi(im.dpi);
+  bool depth = im.depthChannels > 0;
+  out.setType(int(ILT_COLOR | (im.matteChannels > 0 ? ILT_ALPHA : 0) | (depth ? ILT_DEPTH : 0)));
+  bool fast = im.colorBits % 8 == 0 && (im.matteChannels == 0 || im.matteBits % 8 == 0) && im.colorKind != PXF_FLOAT;
+
+  PxfChannels* channels = PXF_chan_alloc(image, width, handle->format->key, nullptr);
+  if (!channels) {
+    reportConversionError("Failed to allocate PXF scan line buffers.");
+    return -1;
+  }
+  // Rows stored bottom-up go out as they come; rows stored top-down come
+  // from the top, so the whole picture is gathered first.
+  bool lines = im.orientation == PXF_BOTTOM_UP;
+  size_t rowsHeld = lines ? 1 : size_t(height);
+  std::vector<uint8_t> pixels(rowsHeld * size_t(width) * 4, 0);
+  std::vector<float> zs(depth ? rowsHeld * size_t(width) : 0, 0.0f);
+  int depthChannel = im.colorChannels + im.matteChannels;
+  int rc = 0;
+  for (int32_t i = 0; i < height && rc == 0; ++i) {
+    int32_t row = lines ? i : height - 1 - i;
+    size_t at = lines ? 0 : size_t(row) * size_t(width);
+    if (PXF_scan_read(handle, row, channels) != 0) {
+      reportConversionError(withReason(std::string("anytoiff: cannot read row ") + std::to_string(row)));
+      rc = -1;
+      break;
+    }
+    if (!fillLine(im, channels->buffers, pixels.data() + at * 4, width, fast)) {
+      reportConversionError("Image has no colour channels.");
+      rc = -1;
+      break;
+    }
+    if (depth) fillDepth(im, channels->buffers[depthChannel], zs.data() + at, width);
+    if (lines && out.writeLine(pixels.data(), depth ? zs.data() : nullptr) != 0) rc = -1;
+  }
+  PXF_chan_free(channels);
+  if (rc == 0 && !lines && out.save(pixels.data(), depth ? zs.data() : nullptr, 0) != 0) rc = -1;
+  int closed = out.close();
+  if (rc == 0 && closed != 0) {
+    reportConversionError(std::string("anytoiff: cannot write ") + output + ": " + FLstrerror(closed));
+    rc = -1;
+  }
+  return rc;
+}
+
+}  // namespace
+
+int pxfAnyToIff(const char* input, const char* output, const char* key, int frame) {
+  if (gCurrentInput && input && std::strcmp(gCurrentInput->name, input) != 0) closeCurrent();
+  if (!gCurrentInput) {
+    if (!statInput(input)) return -1;
+    PxfFileInfo info;
+    PXF_info_init(&info);
+    if (key) {
+      if (!PXF_find(key)) {
+        reportConversionError(std::string("ifftoany: unknown image type - ") + key + ".");
+        return -1;
+      }
+      info.key = key;
+    } else {
+      uint8_t flag = 0;
+      info.key = PXF_get_file_type(input, 0, &flag);
+      if (!info.key) {
+        reportConversionError(std::string("PXF did not recognise image file ") + input + ".");
+        return -1;
+      }
+    }
+    info.name = info.name2 = input;
+    info.one = 1;
+    info.comment = "Image converted using anytoiff";
+    gCurrentInput = PXF_open(&info, "r");
+    if (!gCurrentInput) {
+      reportConversionError(withReason(std::string("PXF did not recognise image file ") + input));
+      return -1;
+    }
+  }
+  bool multiframe = gCurrentInput->format->flags & PXF_MULTIFRAME;
+  if (multiframe && PXF_set_frame(gCurrentInput, frame) != frame) {
+    reportConversionError(withReason(std::string("anytoiff: ") + input + " has no frame " + std::to_string(frame)));
+    return -1;
+  }
+  int rc = convert(gCurrentInput, output);
+  // A multi-frame input stays open for the next frame; any other closes now,
+  // and so does one that failed.
+  if (!multiframe || rc != 0) closeCurrent();
+  return rc;
+}
+
+int pxfGetResolution(const char* input, unsigned& width, unsigned& height) {
+  if (!statInput(input)) return -1;
+  PxfFileInfo info;
+  PXF_info_init(&info);
+  uint8_t flag = 0;
+  info.key = PXF_get_file_type(input, 0, &flag);
+  if (!info.key) {
+    reportConversionError(std::string("PXF did not recognise image file ") + input + ".");
+    return -1;
+  }
+  info.name = info.name2 = input;
+  info.one = 1;
+  info.comment = "Image converted using anytoiff";
+  PxfHandle* handle = PXF_open(&info, "r");
+  if (!handle) {
+    reportConversionError(withReason(std::string("PXF did not recognise image file ") + input));
+    return -1;
+  }
+  int rc = 0;
+  if (!handle->image) {
+    reportConversionError("anytoiff getResolution: Empty image.");
+    rc = -1;
+  } else {
+    width = unsigned(handle->image->width());
+    height = unsigned(handle->image->height());
+  }
+  PXF_close(handle);
+  return rc;
+}

@@ -1,0 +1,366 @@
+// Conversion out of IFF: a written IFF file becomes the format a caller
+// asked for, through the plug-in of that format. Outputs are written beside
+// their target under a temporary name and renamed into place when complete;
+// a multi-frame output stays open between calls until ifftoanyClose.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "kelpimage/image/base/terrorhandler.h"
+#include "kelpimage/image/formatgateway.h"
+#include "kelpimage/image/tiffimagefile.h"
+#include "kelpimage/plugin/plugins.h"
+#include "kelpimage/plugin/pxf.h"
+#include "kelpimage/plugin/pxfinternal.h"
+
+namespace {
+
+struct ConversionOutput {
+  PxfFormat* format = nullptr;
+  PxfHandle* handle = nullptr;
+  int32_t frame = 0;
+  std::string partial;  // where the open output is being written
+  ConversionOutput() = default;
+  ConversionOutput(const ConversionOutput&) = delete;
+  ConversionOutput& operator=(const ConversionOutput&) = delete;
+};
+
+std::map<std::string, ConversionOutput>& conversionOutputs() {
+  static auto* outputs = new std::map<std::string, ConversionOutput>;
+  return *outputs;
+}
+
+std::string withReason(std::string text) {
+  const char* why = PXF_last_error();
+  if (why && *why) text += std::string(": ") + why;
+  return text;
+}
+
+// Ends an open output: complete, it takes the target's name; otherwise the
+// partial file goes and the target stays as it was.
+int finishOutput(const std::string& target, ConversionOutput& out) {
+  if (!out.handle) return 0;
+  const char* key = out.format ? out.format->key : "";
+  int rc = PXF_close(out.handle);
+  out.handle = nullptr;
+  out.format = nullptr;
+  if (rc == 0 && std::rename(out.partial.c_str(), target.c_str()) != 0) rc = -1;
+  if (rc != 0) {
+    reportConversionError(withReason(std::string("close output file failed ") + key));
+    ::unlink(out.partial.c_str());
+  }
+  out.partial.clear();
+  return rc;
+}
+
+void abandonOutput(ConversionOutput& out) {
+  if (out.handle) PXF_close(out.handle);
+  if (!out.partial.empty()) ::unlink(out.partial.c_str());
+  out.handle = nullptr;
+  out.format = nullptr;
+  out.partial.clear();
+}
+
+// A new empty file beside `target` to write into.
+std::string partialName(const std::string& target) {
+  std::string pattern = target + ".partial-XXXXXX";
+  std::vector<char> name(pattern.begin(), pattern.end());
+  name.push_back('\0');
+  int fd = mkstemp(name.data());
+  if (fd < 0) return {};
+  ::close(fd);
+  return name.data();
+}
+
+// The format's nearest colour depth to `bits`: deeper if it has one, else shallower.
+int32_t outputBits(const PxfFormat* format, int32_t bits) {
+  uint32_t mask = format->depths;
+  if (mask & (1u << (bits - 1))) return bits;
+  if (mask >= (1u << (bits - 1))) {
+    while (bits < 32 && !(mask & (1u << (bits - 1)))) ++bits;
+    return bits;
+  }
+  while (bits > 1 && !(mask & (1u << (bits - 1)))) --bits;
+  return (mask & (1u << (bits - 1))) ? bits : 0;
+}
+
+// The "DPI Resolution" setting for a picture of `dpi`, when the format has one.
+std::vector<PxfCapSetting*> dpiSettings(const PxfFormat* format, float dpi) {
+  std::vector<PxfCapSetting*> settings;
+  if (dpi >= 1.0f && dpi != 72.0f) {
+    const PxfCapability* descriptors = nullptr;
+    int32_t count = 0;
+    PXF_info_get_specific(0, format, &descriptors, nullptr, nullptr, &count);
+    for (int32_t i = 0; i < count; ++i) {
+      const PxfCapability& d = descriptors[i];
+      if ((d.flags & 2) && d.kind == 1 && d.name && std::strcmp(d.name, "DPI Resolution") == 0) {
+        PxfCapSetting* s = PXF_cap_setting_alloc(1);
+        if (s) {
+          s->code = d.code;
+          s->value = dpi;
+          settings.push_back(s);
+        }
+        break;
+      }
+    }
+  }
+  settings.push_back(nullptr);
+  return settings;
+}
+
+void putSample(void* buffer, int32_t x, int32_t bytes, uint32_t v) {
+  if (bytes == 1) static_cast<uint8_t*>(buffer)[x] = uint8_t(v);
+  else if (bytes == 2) static_cast<uint16_t*>(buffer)[x] = uint16_t(v);
+  else static_cast<uint32_t*>(buffer)[x] = v;
+}
+
+struct Spread {
+  int32_t inBytes, inBits, outBits, outBytes;
+  int colors;  // 3, 1 (grey) or 0
+  bool matte, depth;
+  bool clip;
+  float low, high;
+};
+
+// One line of blue, green, red, alpha samples into the channel buffers.
+void spreadLine(const Spread& s, const uint8_t* line, const float* z, void* const* ch, int32_t width) {
+  auto sample = [&](int32_t x, int c) -> uint32_t {
+    const uint8_t* p = line + (size_t(x) * 4 + size_t(c)) * size_t(s.inBytes);
+    uint32_t v = s.inBytes == 2 ? uint32_t(p[0] | p[1] << 8) : p[0];
+    int shift = s.outBits - s.inBits;
+    return shift >= 0 ? v << shift : v >> -shift;
+  };
+  int order[3] = {2, 1, 0};  // red, green, blue from memory's blue, green, red
+  if (s.colors == 1) order[0] = 1;
+  for (int32_t x = 0; x < width; ++x) {
+    for (int c = 0; c < s.colors; ++c) putSample(ch[c], x, s.outBytes, sample(x, order[c]));
+    if (s.matte) putSample(ch[s.colors], x, s.outBytes, sample(x, 3));
+    if (s.depth) {
+      float v = z ? z[x] : 0.0f;
+      uint32_t out = 0;
+      if (v != 0.0f) {
+        double d = -1.0 / double(v), t;
+        if (s.clip) t = std::clamp((double(s.high) - d) / double(s.high - s.low), 0.0, 1.0) * 2147483648.0;
+        else t = 2147483648.0 - (d - 1.0);
+        t = std::clamp(t, 0.0, 2147483648.0);
+        out = t >= 2147483648.0 ? 0x80000000u : uint32_t(int32_t(t));
+      }
+      putSample(ch[s.colors + (s.matte ? 1 : 0)], x, 4, out);
+    }
+  }
+}
+
+// A clipping range stored after the tile group, if any.
+bool readClipRange(TiffImageFile& in, float& low, float& high) {
+  ILimage* im = in.image();
+  FLendrgroup(im);
+  uint32_t tag = 0, size = 0;
+  bool found = false;
+  if (FLbgnget(im, &tag, &size) == 0 && tag == FLmaketag("CLPZ") && size >= 8) {
+    uint8_t b[8];
+    if (FLget(im, b, 8) == 8) {
+      std::memcpy(&low, b, 4);
+      std::memcpy(&high, b + 4, 4);
+      found = true;
+    }
+  }
+  FLendget(im);
+  return found;
+}
+
+int convertOut(const char* input, const char* output, const char* key) {
+  TiffImageFile in(input, "r");
+  if (!in.isActive()) {
+    reportConversionError(std::string("Failed to open input file: ") + input);
+    return -1;
+  }
+  ConversionOutput& record = conversionOutputs()[output];
+  if (!record.format) {
+    loadAllPXFPlugins();
+    record.format = PXF_find(key);
+    if (!record.format) return -1;
+  }
+  PxfFormat* format = record.format;
+  std::vector<PxfCapSetting*> settings = dpiSettings(format, in.dpi());
+  struct SettingsGuard {
+    std::vector<PxfCapSetting*>& s;
+    ~SettingsGuard() {
+      for (PxfCapSetting* p : s) delete[] p;
+    }
+  } settingsGuard{settings};
+
+  unsigned short width = 0, height = 0, num = 1, den = 1;
+  in.getSize(width, height);
+  in.getRatio(num, den);
+  PxfImageData image;
+  image.aspectRatio = 1.0f;
+  if (num != den && den != 0 && height != 0) image.aspectRatio = float(den * width) / float(num * height);
+  image.aspectWidth = width;
+  image.aspectHeight = height;
+  image.dpi = in.dpi() >= 1.0f ? in.dpi() : 0.0f;
+
+  int32_t bytes = in.bytesPerPixel();
+  if (bytes != 1 && bytes != 2)
+    reportConversionError("image has unsupported number of bytes per channel: " + std::to_string(bytes));
+  if (bytes == 2) in.modifyControlFlags(ILC_DEEP, 1);
+  int32_t bits = outputBits(format, bytes * 8);
+  if (bits == 0) {
+    reportConversionError("Output file cannot support any bits per pixel?!");
+    return -1;
+  }
+  int32_t outBytes = bits <= 8 ? 1 : ((bits - 9) >> 3) + 2;
+
+  unsigned type = in.type();
+  int colors = (type & ILT_COLOR) ? 3 : (type & ILT_BLACK) ? 1 : 0;
+  bool depth = type & ILT_DEPTH;
+  if (depth && format->depth == 0) {
+    reportConversionError("Output format does not support depth. Ignoring z-buffer");
+    depth = false;
+  }
+  if (depth && !(format->depthWidths & 0xC0000000u)) {
+    reportConversionError("Output format does not support 31 bit integer depth. Ignoring z-buffer");
+    depth = false;
+  }
+  bool matte = (type & ILT_ALPHA) && format->matte != 0;
+  image.windowLeft = image.window2[0] = 0;
+  image.windowRight = image.window2[1] = width - 1;
+  image.windowBottom = image.window2[2] = 0;
+  image.windowTop = image.window2[3] = height - 1;
+  image.dataKind = FMT_def_image_data();
+  image.colorChannels = colors;
+  image.colorBits = image.matteBits = bits;
+  image.matteChannels = matte ? 1 : 0;
+  image.depthChannels = depth ? 1 : 0;
+  image.depthBits = 31;
+  image.indexChannels = 0;
+  image.indexBits = 16;
+
+  bool topdown = in.queryControlFlags(ILC_TOPDOWN) != 0;
+  int32_t wanted = topdown ? PXF_TOP_DOWN : PXF_BOTTOM_UP;
+  bool invert = !(format->orientations & uint32_t(wanted));
+  image.orientation = invert ? (wanted == PXF_TOP_DOWN ? PXF_BOTTOM_UP : PXF_TOP_DOWN) : wanted;
+
+  std::string extension = output;
+  if (size_t dot = extension.rfind('.'); dot != std::string::npos) extension = extension.substr(dot);
+  if (!record.handle) {
+    record.partial = partialName(output);
+    PxfFileInfo info;
+    PXF_info_init(&info);
+    info.key = key;
+    info.name = info.name2 = record.partial.c_str();
+    info.one = 1;
+    info.extension = extension.c_str();
+    info.comment = "Image converted using ifftoany";
+    info.creator = "Kelp";
+    info.settings = settings.data();
+    info.imageCount = 1;
+    info.image = &image;
+    record.handle = record.partial.empty() ? nullptr : PXF_open(&info, "w");
+    if (!record.handle) {
+      reportConversionError(withReason(std::string("Failed to open output file: ") + output));
+      abandonOutput(record);
+      return -1;
+    }
+    record.frame = 0;
+  } else {
+    *record.handle->image = image;
+    if (PXF_set_frame(record.handle, record.frame + 1) != record.frame + 1) {
+      reportConversionError(withReason(std::string("Failed to add a frame to ") + output));
+      abandonOutput(record);
+      return -1;
+    }
+    record.frame++;
+  }
+  PxfImageData& opened = *record.handle->image;
+  image.colorChannels = std::max(image.colorChannels, opened.colorChannels);
+  image.matteChannels = std::max(image.matteChannels, opened.matteChannels);
+  image.depthChannels = std::max(image.depthChannels, opened.depthChannels);
+
+  PxfChannels* channels = PXF_chan_alloc(&image, width, key, nullptr);
+  if (!channels) {
+    reportConversionError("Failed to allocate PXF scan line buffers.");
+    abandonOutput(record);
+    return -1;
+  }
+  bool whole = invert || depth;
+  size_t lineBytes = size_t(width) * size_t(bytes == 2 ? 2 : 1) * 4;
+  std::vector<uint8_t> pixels(lineBytes * (whole ? height : 1));
+  std::vector<float> zs(depth ? size_t(width) * height : 0);
+  Spread spread{bytes == 2 ? 2 : 1, bytes == 2 ? 16 : 8, bits, outBytes, colors, matte, depth, false, 0.0f, 0.0f};
+  spread.colors = std::min(colors, image.colorChannels);
+  int rc = 0;
+  if (whole) {
+    if (in.load(pixels.data(), depth ? zs.data() : nullptr) != 0) {
+      reportConversionError(std::string("Failed to read the pixels of ") + input + ": " + FLstrerror(flerrno));
+      rc = -1;
+    } else if (depth) {
+      spread.clip = readClipRange(in, spread.low, spread.high);
+    }
+  }
+  for (int32_t i = 0; i < height && rc == 0; ++i) {
+    int32_t row = invert ? height - 1 - i : i;
+    const uint8_t* line = pixels.data();
+    const float* z = nullptr;
+    if (whole) {
+      line += size_t(row) * lineBytes;
+      if (depth) z = zs.data() + size_t(row) * width;
+    } else if (int code = in.readLine(pixels.data(), nullptr)) {
+      reportConversionError(std::string("error reading scan line: ") + FLstrerror(code));
+      rc = -1;
+      break;
+    }
+    spreadLine(spread, line, z, channels->buffers, width);
+    int written = PXF_scan_write(record.handle, topdown ? height - row - 1 : row, channels);
+    if (written == PXF_ENOSCAN) {
+      reportConversionError("Output type can not be written by scanlines");
+      rc = -1;
+    } else if (written != 0) {
+      reportConversionError(withReason("scanline write failed"));
+      rc = -1;
+    }
+  }
+  PXF_chan_free(channels);
+  if (rc != 0) {
+    abandonOutput(record);
+    return -1;
+  }
+  if (!(format->flags & PXF_MULTIFRAME) && finishOutput(output, record) != 0) return -1;
+  return 0;
+}
+
+}  // namespace
+
+void reportConversionError(const std::string& text) {
+  if (theErrorHandler) theErrorHandler->reportError(Tstring(text.c_str()));
+  else std::fprintf(stderr, "%s\n", text.c_str());
+}
+
+int ifftoanyInit(const char*, const char* key) {
+  loadAllPXFPlugins();
+  if (!key || !*key) return -1;
+  if (std::strcmp(key, "gif") == 0 || std::strcmp(key, "psd") == 0) return 0;
+  if (!PXF_find(key)) {
+    reportConversionError(std::string("Unknown image type: ") + key);
+    return -1;
+  }
+  return 0;
+}
+
+int pxfIffToAny(const char* input, const char* output, const char* key) {
+  if (!input || !output || !key) return -1;
+  if (std::strcmp(key, "gif") == 0) return ifftogif(input, output);
+  return convertOut(input, output, key);
+}
+
+int ifftoanyClose() {
+  auto& outputs = conversionOutputs();
+  for (auto& [target, record] : outputs) finishOutput(target, record);
+  outputs.clear();
+  return 0;
+}

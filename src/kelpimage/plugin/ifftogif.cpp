@@ -1,0 +1,159 @@
+// IFF to GIF: the picture reduced to a fixed cube of 6 x 6 x 6 colours with
+// error diffusion, written through the GIF plug-in as an index channel and
+// a look-up table.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "kelpimage/image/tiffimagefile.h"
+#include "kelpimage/plugin/pxf.h"
+#include "kelpimage/plugin/pxfinternal.h"
+
+namespace {
+
+struct Rgb {
+  uint8_t v[3];
+};
+
+// Entry i: (i mod 6, (i / 6) mod 6, i / 36) times 51, each kept to 8 bits,
+// so entries 216 to 255 wrap.
+const std::vector<Rgb>& paletteCube() {
+  static const std::vector<Rgb> cube = [] {
+    std::vector<Rgb> c(256);
+    for (int i = 0; i < 256; ++i)
+      c[size_t(i)] = {{uint8_t(i % 6 * 51), uint8_t(i / 6 % 6 * 51), uint8_t(i / 36 * 51)}};
+    return c;
+  }();
+  return cube;
+}
+
+// Adds a signed error to a byte: above 256 is 255, below 0 is 0, anything
+// else its low byte, so that exactly 256 stores 0.
+void addError(uint8_t& byte, int8_t error) {
+  int sum = int(byte) + int(error);
+  byte = sum > 256 ? 255 : sum < 0 ? 0 : uint8_t(sum);
+}
+
+void fail(const std::string& text) { std::fprintf(stderr, "%s\n", text.c_str()); }
+
+}  // namespace
+
+// One pixel's index in the cube, and the error to spread, from blue, green, red.
+int ifftogifQuantise(const uint8_t* bgr, int8_t error[3]) {
+  int q2 = (bgr[2] + 25) / 51, q1 = (bgr[1] + 25) / 51, q0 = (bgr[0] + 25) / 51;
+  error[2] = int8_t(bgr[2] - q2 * 51);
+  error[1] = int8_t(bgr[1] - q1 * 51);
+  error[0] = int8_t(bgr[0] - q0 * 51);
+  return (q0 * 6 + q1) * 6 + q2;
+}
+
+int ifftogif(const char* input, const char* output) {
+  TiffImageFile in(input, "r");
+  if (!in.isActive()) {
+    fail(std::string("ifftogif: Failed to open input file ") + input + ".");
+    return -1;
+  }
+  unsigned short width = 0, height = 0;
+  in.getSize(width, height);
+  if (in.bytesPerPixel() != 1) {
+    fail(std::string("ifftogif: input image has an unsupported number of bytes per pixel channel - ") +
+         char('0' + in.bytesPerPixel()));
+    return -1;
+  }
+  unsigned type = in.type();
+  if (!(type & ILT_COLOR)) {
+    fail("ifftogif: image does not contain rgb data.");
+    return -1;
+  }
+  if (type & ILT_DEPTH) fail("ifftogif: ignoring z buffer.");
+  if (type & ILT_ALPHA) fail("ifftogif: ignoring alpha mask.");
+  std::vector<uint8_t> bitmap(size_t(width) * height * 4);
+  if (in.load(bitmap.data(), nullptr) != 0) {
+    fail("ifftogif: failed to read in image bitmap.");
+    return -1;
+  }
+  PxfFormat* format = PXF_find("gif");
+  if (!format) {
+    fail("ifftogif: could not find gif plugin.");
+    return -1;
+  }
+  PxfLut* lut = PXF_lut_alloc(256);
+  if (!lut) {
+    fail("ifftogif: failed to allocate a lookuptable.");
+    return -1;
+  }
+  // Each byte widened as a signed byte: 153 becomes 0xFF99, 255 0xFFFF.
+  const auto& cube = paletteCube();
+  for (int i = 0; i < 256; ++i)
+    for (int c = 0; c < 3; ++c) lut->entries[i].value[c] = uint16_t(int16_t(int8_t(cube[size_t(i)].v[c])));
+
+  PxfImageData image;
+  image.aspectName = "cjpAspect";
+  image.aspectWidth = image.aspectHeight = 1;
+  image.aspectRatio = float(width) / float(height);
+  image.windowRight = image.window2[1] = width - 1;
+  image.windowTop = image.window2[3] = height - 1;
+  image.orientation = PXF_TOP_DOWN;
+  image.dataKind = FMT_def_image_data();
+  image.colorChannels = 0;
+  image.matteChannels = 0;
+  image.depthChannels = 0;
+  image.depthKind = PXF_FLOAT;
+  image.depthBits = 32;
+  image.indexChannels = 1;
+  image.indexBits = 8;
+  PxfChannels* channels = PXF_chan_alloc(&image, width, "gif", nullptr);
+  if (!channels) {
+    fail("Failed to allocate PXF scan line buffers.");
+    PXF_lut_free(lut);
+    return -1;
+  }
+  std::string partial = std::string(output) + ".partial-XXXXXX";
+  int fd = mkstemp(partial.data());
+  if (fd >= 0) ::close(fd);
+  PxfFileInfo info;
+  PXF_info_init(&info);
+  info.key = "gif";
+  info.name = info.name2 = partial.c_str();
+  info.one = 1;
+  info.comment = "Image converted using ifftoany";
+  info.creator = "Kelp";
+  info.lut = lut;
+  info.imageCount = 1;
+  info.image = &image;
+  PxfHandle* handle = fd >= 0 ? PXF_open(&info, "w") : nullptr;
+  int rc = handle ? 0 : -1;
+  for (int y = height - 1; y >= 0 && rc == 0; --y) {
+    auto* index = static_cast<uint8_t*>(channels->buffers[0]);
+    for (int x = 0; x < width; ++x) {
+      uint8_t* p = &bitmap[(size_t(y) * width + size_t(x)) * 4];
+      int8_t e[3];
+      index[x] = uint8_t(ifftogifQuantise(p, e));
+      int8_t big[3], small[3];
+      for (int c = 0; c < 3; ++c) big[c] = int8_t(double(e[c]) * 0.375), small[c] = int8_t(double(e[c]) * 0.25);
+      bool right = x + 1 < width, below = y > 0;
+      for (int c = 0; c < 3; ++c) {
+        if (right) addError(p[4 + c], big[c]);
+        if (below) addError(bitmap[(size_t(y - 1) * width + size_t(x)) * 4 + size_t(c)], big[c]);
+        if (right && below) addError(bitmap[(size_t(y - 1) * width + size_t(x) + 1) * 4 + size_t(c)], small[c]);
+      }
+    }
+    int written = PXF_scan_write(handle, y, channels);
+    if (written == PXF_ENOSCAN) fail("ifftoany: Output type can not be written by scanlines.");
+    else if (written != 0) fail("ifftoany: scanline write failed.");
+    rc = written == 0 ? 0 : -1;
+  }
+  PXF_chan_free(channels);
+  if (handle && PXF_close(handle) != 0) {
+    fail("ifftogif: PXF_close failed.");
+    rc = -1;
+  }
+  PXF_lut_free(lut);
+  if (rc == 0 && std::rename(partial.c_str(), output) != 0) rc = -1;
+  if (rc != 0 && fd >= 0) ::unlink(partial.c_str());
+  return rc;
+}

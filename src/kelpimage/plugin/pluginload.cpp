@@ -1,0 +1,201 @@
+// Finding the plug-in files, checking that each is an image plug-in of this
+// family, and starting the framework with them.
+#include "kelpimage/plugin/plugins.h"
+
+#include <dirent.h>
+#include <dlfcn.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "kelpimage/il/chunk/fl.h"
+#include "kelpimage/image/formatgateway.h"
+#include "kelpimage/plugin/pxf.h"
+#include "kelpimage/plugin/pxfinternal.h"
+
+#ifndef KELP_PLUGIN_DIR
+#define KELP_PLUGIN_DIR "/usr/local/lib/kelpimage/plug-ins/image/"
+#endif
+
+namespace {
+
+// The plug-in table: base names of plug-in files and their keys. Entries
+// are never removed; the first of a name wins.
+struct PluginTable {
+  std::vector<std::string> names, keys;
+};
+PluginTable& table() {
+  static PluginTable* t = new PluginTable;
+  return *t;
+}
+
+std::vector<std::string> gPluginFileList;
+size_t gPluginFileCursor = 0;
+bool gFirstScan = true;
+std::mutex gScanLock;  // one scan at a time, whoever calls
+
+const char* stringSymbol(void* library, const char* name) {
+  auto* p = static_cast<const char* const*>(dlsym(library, name));
+  return p ? *p : nullptr;
+}
+
+std::vector<std::string> splitPath(const char* text) {
+  std::vector<std::string> dirs;
+  std::string all = text ? text : "";
+  size_t at = 0;
+  while (at <= all.size() && !all.empty()) {
+    size_t semi = all.find(';', at);
+    if (semi == std::string::npos) semi = all.size();
+    if (semi > at) dirs.push_back(all.substr(at, semi - at));
+    at = semi + 1;
+  }
+  return dirs;
+}
+
+// The system directory: $KELP_LOCATION/bin/plug-ins/image/, or where the
+// plug-ins were installed. Never the current directory: loading whatever
+// files a host happens to run among would let any of them run code.
+std::string systemDirectory() {
+  const char* location = KelpGetEnv("KELP_LOCATION");
+  if (location && *location) return std::string(location) + "/bin/plug-ins/image/";
+  return KELP_PLUGIN_DIR;
+}
+
+bool endsWith(const std::string& text, const std::string& tail) {
+  return text.size() > tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+}  // namespace
+
+void* loadImagePlugin(const char* path) {
+  struct stat st;
+  if (!path || ::stat(path, &st) != 0) {
+    std::fprintf(stderr, "Plugin %s not found.\n", path ? path : "(null)");
+    return nullptr;
+  }
+  if (S_ISDIR(st.st_mode)) {
+    std::fprintf(stderr, "File %s is a directory.\n", path);
+    return nullptr;
+  }
+  void* library = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+  if (!library) {
+    const char* why = dlerror();
+    std::fprintf(stderr, "Cannot open plugin %s%s%s.\n", path, why ? ": " : "", why ? why : "");
+    return nullptr;
+  }
+  const char* type = stringSymbol(library, "type");
+  const char* program = stringSymbol(library, "program");
+  if (!type || !program || std::strcmp(type, "image") != 0 || std::strcmp(program, "Thornfell") != 0) {
+    std::fprintf(stderr, "Error: plugin %s does not have valid entry point type/name\n", path);
+    dlclose(library);
+    return nullptr;
+  }
+  const char* key = stringSymbol(library, "imageKey");
+  if (!key) {
+    std::fprintf(stderr, "Error; plugin %s has no key.\n", path);
+    dlclose(library);
+    return nullptr;
+  }
+  const char* slash = std::strrchr(path, '/');
+  PluginTable& t = table();
+  t.names.emplace_back(slash ? slash + 1 : path);
+  t.keys.emplace_back(key);
+  return library;  // stays loaded for the life of the process
+}
+
+const char* keyFromPluginTable(const char* pluginFileName) {
+  if (!pluginFileName) return nullptr;
+  PluginTable& t = table();
+  for (size_t i = 0; i < t.names.size(); ++i)
+    if (t.names[i] == pluginFileName) return t.keys[i].c_str();
+  return nullptr;
+}
+
+int collectPluginFiles() {
+  std::vector<std::string> dirs = splitPath(KelpGetEnv("PXF_PLUG_IN_PATH"));
+  std::string system = systemDirectory();
+  bool found = false;
+  for (std::string& dir : dirs) {
+    if (dir.back() != '/' && dir.back() != '\\') dir += '/';
+    if (dir == system) {
+      found = true;
+      break;
+    }
+  }
+  if (!found) dirs.push_back(system);
+  gPluginFileList.clear();
+  for (const std::string& dir : dirs) {
+    DIR* d = opendir(dir.c_str());
+    if (!d) {
+      // The installed directory may simply not exist in a build tree.
+      if (gFirstScan && dir != KELP_PLUGIN_DIR) std::fprintf(stderr, "PXF plugin path invalid:%s\n", dir.c_str());
+      continue;
+    }
+    std::vector<std::string> names;
+    while (const dirent* e = readdir(d)) {
+      std::string name = e->d_name;
+      if (name.empty() || name[0] == '.' || endsWith(name, ".pdb")) continue;
+      names.push_back(name);
+    }
+    closedir(d);
+    std::sort(names.begin(), names.end());  // the same order on every file system
+    for (const std::string& name : names) {
+      if (dirs.size() > 1 && gFirstScan)
+        for (const std::string& listed : gPluginFileList)
+          if (endsWith(listed, name))
+            std::fprintf(stderr, "WARNING: local PXF plug-in `%s' overrides `%s%s\n", listed.c_str(), dir.c_str(),
+                         name.c_str());
+      gPluginFileList.push_back(dir + name);
+    }
+  }
+  gPluginFileCursor = 0;
+  gFirstScan = false;
+  return 0;
+}
+
+bool nextPluginFile(void** handle, char** path) {
+  if (gPluginFileCursor >= gPluginFileList.size()) return false;
+  *handle = nullptr;
+  *path = nullptr;
+  std::string& next = gPluginFileList[gPluginFileCursor++];
+  void* library = loadImagePlugin(next.c_str());
+  if (!library) return true;
+  *handle = library;
+  *path = next.data();
+  return true;
+}
+
+int pxfLoadAllPlugins() {
+  std::lock_guard<std::mutex> guard(gScanLock);
+  setenv("TF_PXF_SGI_MATTE", "1", 1);
+  collectPluginFiles();
+  ERR_mask_s(0);
+  ERR_mask_s(2);
+  if (PXF_init(0, nextPluginFile) != 0) {
+    std::fprintf(stderr, "PXF initialize failed\n");
+    return -1;
+  }
+  gPluginFileList.clear();
+  return 0;
+}
+
+int formatIsMultiframe(const char* key) {
+  loadAllPXFPlugins();
+  PxfFormat* format = PXF_find(key);
+  return format && (format->flags & PXF_MULTIFRAME) ? 1 : 0;
+}
+
+const char* pxfFileTypeOf(const char* path) {
+  struct stat st;
+  if (!path || ::stat(path, &st) != 0) return nullptr;
+  uint8_t flag = 0;
+  const char* key = PXF_get_file_type(path, 0, &flag);
+  return key ? key : "__none_";
+}

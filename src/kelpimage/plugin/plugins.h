@@ -1,0 +1,20 @@
+// The plug-in formats as the rest of the library and its hosts see them:
+// loading, the table of plug-in files, and the conversions out of IFF that
+// keep multi-frame outputs open. Conversions run through the format gateway
+// (kelpimage/image/formatgateway.h), which this subsystem serves.
+#pragma once
+
+#include "kelpimage/kelpexport.h"
+
+// Loads one plug-in file and enters it in the table; the library handle, or
+// null (with a message on the error stream).
+KELP_API void* loadImagePlugin(const char* path);
+// The key of the plug-in file of this base name, or null.
+KELP_API const char* keyFromPluginTable(const char* pluginFileName);
+// 1 when the format keeps several frames in one file.
+KELP_API int formatIsMultiframe(const char* key);
+
+// 0 when `key` names a format that can be written (checked before work starts).
+KELP_API int ifftoanyInit(const char* output, const char* key);
+// Closes every multi-frame output left open by ifftoany; returns 0.
+KELP_API int ifftoanyClose();
