@@ -254,11 +254,18 @@ TEST(TimageFile, SizeLimitReportsAndTheirSwitch) {
   EXPECT_TRUE(reports.has(Tstring(TstringIdNumber(618)).str()));
   EXPECT_EQ(f.identifyAndOpen(dir.file("missing.iff").c_str()), -1);  // nothing to identify: silent
 
-  // Without a provider, a picture that needs conversion (here 2 bytes a channel) does not open: 624.
+  // A picture that needs conversion (here 2 bytes a channel) opens through
+  // the IFF plug-in; with no provider of formats it does not: 624.
   writeIff(dir.file("top.iff"), 8, 8, 3, 2, 5);
+  ASSERT_EQ(f.identifyAndOpen(dir.file("top.iff").c_str()), 0);
+  EXPECT_EQ(f.bytesPerPixel(), 1);
+  f.close();
+  const TformatProvider none{};
+  setFormatProvider(&none);
   reports.lines.clear();
   EXPECT_EQ(f.identifyAndOpen(dir.file("top.iff").c_str()), -1);
   EXPECT_TRUE(reports.has(Tstring(TstringIdNumber(624)).str()));
+  setFormatProvider(nullptr);
   // Black pictures have no RGB: 628.
   ILimage* im = ILopen(dir.file("black.iff").c_str(), "w");
   ILsetsize(im, 4, 4);

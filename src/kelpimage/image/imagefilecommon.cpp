@@ -107,6 +107,12 @@ bool directIff(ILimage* image, bool floats) {
   return ILgettype(image) != 0 && (bytes == 1 || (floats && bytes == 4)) && !(image->ictl & ILC_TOPDOWN);
 }
 
+TemporaryGuard::~TemporaryGuard() {
+  if (keep || name.empty()) return;
+  ::unlink(name.c_str());
+  name.clear();
+}
+
 int closeSgi(IMAGE*& sgi, const char* name, const Reporter& report) {
   int rc = iclose(sgi);
   sgi = nullptr;

@@ -37,6 +37,14 @@ int guarded(Body body) noexcept {
   return -1;
 }
 
+// Removes a temporary file of an open that fails, on every way out, unless
+// the open is kept.
+struct TemporaryGuard {
+  std::string& name;
+  bool keep = false;
+  ~TemporaryGuard();
+};
+
 // "TMP/kelpPIDADDRESS.iff" for the object at `self`.
 std::string temporaryName(const void* self);
 

@@ -83,6 +83,7 @@ int TimageDiskIO::open(const Tstring& name, bool isIff, bool) {
     }
     fTempName = imagefile::temporaryName(this);
     std::string path = fTempName;
+    imagefile::TemporaryGuard temporary{fTempName};
     if (anytoiff(name.asChar(), path.c_str(), nullptr, 0) != 0) {
       Tstring key = getImageType(name);
       if (key == "kelp" || key == "qvi") {
@@ -95,6 +96,7 @@ int TimageDiskIO::open(const Tstring& name, bool isIff, bool) {
     }
     if (TiffImageFile::open(path.c_str(), "r")) {
       fAlpha = (type() & 2) == 2;
+      temporary.keep = true;
       return 0;
     }
     report(619, Tstring(path));

@@ -208,6 +208,7 @@ int TimageFile::open(const Tstring& name, bool isIff, bool, int frame) {
     }
     fTempName = imagefile::temporaryName(this);
     loadPxfPlugins();
+    imagefile::TemporaryGuard temporary{fTempName};
     std::string path = fTempName;
     Tstring key = getImageType(name, false);
     if (!key.isEmpty()) {
@@ -233,10 +234,14 @@ int TimageFile::open(const Tstring& name, bool isIff, bool, int frame) {
         return -1;
       }
     }
-    if (fMapped) return openMapped(path);
+    if (fMapped) {
+      temporary.keep = openMapped(path) == 0;
+      return temporary.keep ? 0 : -1;
+    }
     TmtLock lock = fsCS.acquire();
     if (TiffImageFile::open(path.c_str(), "r")) {
       fAlpha = (type() & 2) == 2;
+      temporary.keep = true;
       return 0;
     }
     lock.release();

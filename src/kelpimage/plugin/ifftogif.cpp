@@ -38,7 +38,7 @@ void addError(uint8_t& byte, int8_t error) {
   byte = sum > 256 ? 255 : sum < 0 ? 0 : uint8_t(sum);
 }
 
-void fail(const std::string& text) { std::fprintf(stderr, "%s\n", text.c_str()); }
+void fail(const std::string& text) { reportConversionError(text); }
 
 }  // namespace
 
