@@ -55,7 +55,7 @@ struct Grey {
   static int resolution(const char*, unsigned&, unsigned&) { return -1; }
   static int loadAll() { return 0; }
 };
-const TformatProvider kGrey = {Grey::loadAll, Grey::fileType, Grey::anyToIff, Grey::resolution, Grey::iffToAny};
+const TformatProvider kGrey = {Grey::loadAll, Grey::fileType, Grey::anyToIff, Grey::resolution, Grey::iffToAny, nullptr};
 
 struct Reports : TerrorHandler {
   std::string text;

@@ -102,7 +102,7 @@ struct FakeFormat {
   static int loadAll() { return 0; }
 };
 const TformatProvider kFake = {FakeFormat::loadAll, FakeFormat::fileType, FakeFormat::anyToIff,
-                               FakeFormat::resolution, FakeFormat::iffToAny};
+                               FakeFormat::resolution, FakeFormat::iffToAny, nullptr};
 
 std::vector<std::string> temporaries(const TempDir& dir) {
   std::vector<std::string> names;

@@ -42,3 +42,8 @@ int ifftoany(const char* input, const char* output, const char* key) {
   const TformatProvider* p = provider();
   return p && p->iffToAny ? p->iffToAny(input, output, key) : -1;
 }
+
+int ifftoanyFinish(const char* output) {
+  const TformatProvider* p = provider();
+  return p && p->finishOutput ? p->finishOutput(output) : 0;
+}

@@ -13,6 +13,8 @@ struct TformatProvider {
   int (*anyToIff)(const char* input, const char* output, const char* key, int frame);
   int (*resolution)(const char* input, unsigned& width, unsigned& height);
   int (*iffToAny)(const char* input, const char* output, const char* key);
+  // Completes `output` if a format of several frames keeps it open.
+  int (*finishOutput)(const char* output);
 };
 
 // Installs a provider in place of the library's own plug-in framework (null
@@ -28,4 +30,9 @@ KELP_API const char* pxfFileType(const char* name);
 KELP_API int anytoiff(const char* input, const char* output, const char* key, int frame);
 KELP_API int getResolution(const char* input, unsigned& width, unsigned& height);
 // 0 when `output` now holds the IFF picture in the format of `key`, -1 otherwise.
+// An output of a format of several frames stays open for the next frame
+// until ifftoanyFinish (or ifftoanyClose, for all of them).
 KELP_API int ifftoany(const char* input, const char* output, const char* key);
+// Completes one output that ifftoany keeps open: 0, or -1 when it could not
+// be completed (it is then removed); 0 when it is not open.
+KELP_API int ifftoanyFinish(const char* output);

@@ -169,7 +169,10 @@ int TimageDiskIO::close() {
     if (fSgi) return imagefile::closeSgi(fSgi, fName.asChar(), reporter);
     int written = fImage ? TiffImageFile::close() : 0;
     auto convert = [&] {
-      if (ifftoany(fTempName.c_str(), fName.asChar(), fFormatKey.c_str()) == 0) return true;
+      // The picture is whole when close returns, also in a format of frames.
+      if (ifftoany(fTempName.c_str(), fName.asChar(), fFormatKey.c_str()) == 0 &&
+          ifftoanyFinish(fName.asChar()) == 0)
+        return true;
       report(622);
       return false;
     };

@@ -310,7 +310,9 @@ int TimageFile::close() {
     int written = fImage ? TiffImageFile::close() : 0;
     auto convert = [&] {
       loadPxfPlugins();
-      return ifftoany(fTempName.c_str(), fName.asChar(), fFormatKey.c_str()) == 0;
+      // The picture is whole when close returns, also in a format of frames.
+      return ifftoany(fTempName.c_str(), fName.asChar(), fFormatKey.c_str()) == 0 &&
+             ifftoanyFinish(fName.asChar()) == 0;
     };
     return imagefile::finishClose(written, fTempName, fFormatKey, isIffKey(fFormatKey), fName.asChar(), convert,
                                   reporter);

@@ -21,61 +21,23 @@
 
 namespace {
 
-struct ConversionOutput {
-  PxfFormat* format = nullptr;
-  PxfHandle* handle = nullptr;
-  int32_t frame = 0;
-  std::string partial;  // where the open output is being written
-  ConversionOutput() = default;
-  ConversionOutput(const ConversionOutput&) = delete;
-  ConversionOutput& operator=(const ConversionOutput&) = delete;
+// Outputs by target. The map lives to the end of the process, and outputs
+// still open then are completed, so that no frame written is lost.
+struct Outputs {
+  std::map<std::string, ConversionOutput> records;
+  ~Outputs() {
+    for (auto& [target, record] : records) finishOutput(target, record);
+  }
 };
-
-std::map<std::string, ConversionOutput>& conversionOutputs() {
-  static auto* outputs = new std::map<std::string, ConversionOutput>;
-  return *outputs;
+Outputs& outputs() {
+  static Outputs all;
+  return all;
 }
 
 std::string withReason(std::string text) {
   const char* why = PXF_last_error();
   if (why && *why) text += std::string(": ") + why;
   return text;
-}
-
-// Ends an open output: complete, it takes the target's name; otherwise the
-// partial file goes and the target stays as it was.
-int finishOutput(const std::string& target, ConversionOutput& out) {
-  if (!out.handle) return 0;
-  const char* key = out.format ? out.format->key : "";
-  int rc = PXF_close(out.handle);
-  out.handle = nullptr;
-  out.format = nullptr;
-  if (rc == 0 && std::rename(out.partial.c_str(), target.c_str()) != 0) rc = -1;
-  if (rc != 0) {
-    reportConversionError(withReason(std::string("close output file failed ") + key));
-    ::unlink(out.partial.c_str());
-  }
-  out.partial.clear();
-  return rc;
-}
-
-void abandonOutput(ConversionOutput& out) {
-  if (out.handle) PXF_close(out.handle);
-  if (!out.partial.empty()) ::unlink(out.partial.c_str());
-  out.handle = nullptr;
-  out.format = nullptr;
-  out.partial.clear();
-}
-
-// A new empty file beside `target` to write into.
-std::string partialName(const std::string& target) {
-  std::string pattern = target + ".partial-XXXXXX";
-  std::vector<char> name(pattern.begin(), pattern.end());
-  name.push_back('\0');
-  int fd = mkstemp(name.data());
-  if (fd < 0) return {};
-  ::close(fd);
-  return name.data();
 }
 
 // The format's nearest colour depth to `bits`: deeper if it has one, else shallower.
@@ -180,7 +142,7 @@ int convertOut(const char* input, const char* output, const char* key) {
     reportConversionError(std::string("Failed to open input file: ") + input);
     return -1;
   }
-  ConversionOutput& record = conversionOutputs()[output];
+  ConversionOutput& record = conversionOutput(output);
   if (!record.format) {
     loadAllPXFPlugins();
     record.format = PXF_find(key);
@@ -358,9 +320,50 @@ int pxfIffToAny(const char* input, const char* output, const char* key) {
   return convertOut(input, output, key);
 }
 
+ConversionOutput& conversionOutput(const std::string& target) { return outputs().records[target]; }
+
+std::string partialName(const std::string& target) {
+  std::string pattern = target + ".partial-XXXXXX";
+  std::vector<char> name(pattern.begin(), pattern.end());
+  name.push_back('\0');
+  int fd = mkstemp(name.data());
+  if (fd < 0) return {};
+  ::close(fd);
+  return name.data();
+}
+
+int finishOutput(const std::string& target, ConversionOutput& out) {
+  if (!out.handle) return 0;
+  const char* key = out.format ? out.format->key : "";
+  int rc = PXF_close(out.handle);
+  out.handle = nullptr;
+  out.format = nullptr;
+  if (rc == 0 && std::rename(out.partial.c_str(), target.c_str()) != 0) rc = -1;
+  if (rc != 0) {
+    reportConversionError(withReason(std::string("close output file failed ") + key));
+    ::unlink(out.partial.c_str());
+  }
+  out.partial.clear();
+  return rc;
+}
+
+void abandonOutput(ConversionOutput& out) {
+  if (out.handle) PXF_close(out.handle);
+  if (!out.partial.empty()) ::unlink(out.partial.c_str());
+  out.handle = nullptr;
+  out.format = nullptr;
+  out.partial.clear();
+}
+
+int pxfFinishOutput(const char* output) {
+  auto& records = outputs().records;
+  auto it = output ? records.find(output) : records.end();
+  return it == records.end() ? 0 : finishOutput(it->first, it->second);
+}
+
 int ifftoanyClose() {
-  auto& outputs = conversionOutputs();
-  for (auto& [target, record] : outputs) finishOutput(target, record);
-  outputs.clear();
+  auto& records = outputs().records;
+  for (auto& [target, record] : records) finishOutput(target, record);
+  records.clear();
   return 0;
 }

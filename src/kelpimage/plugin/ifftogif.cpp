@@ -112,20 +112,29 @@ int ifftogif(const char* input, const char* output) {
     PXF_lut_free(lut);
     return -1;
   }
-  std::string partial = std::string(output) + ".partial-XXXXXX";
-  int fd = mkstemp(partial.data());
-  if (fd >= 0) ::close(fd);
-  PxfFileInfo info;
-  PXF_info_init(&info);
-  info.key = "gif";
-  info.name = info.name2 = partial.c_str();
-  info.one = 1;
-  info.comment = "Image converted using ifftoany";
-  info.creator = "Kelp";
-  info.lut = lut;
-  info.imageCount = 1;
-  info.image = &image;
-  PxfHandle* handle = fd >= 0 ? PXF_open(&info, "w") : nullptr;
+  // A GIF holds several frames: the output stays open for the next one.
+  ConversionOutput& record = conversionOutput(output);
+  if (!record.handle) {
+    record.partial = partialName(output);
+    PxfFileInfo info;
+    PXF_info_init(&info);
+    info.key = "gif";
+    info.name = info.name2 = record.partial.c_str();
+    info.one = 1;
+    info.comment = "Image converted using ifftoany";
+    info.creator = "Kelp";
+    info.lut = lut;
+    info.imageCount = 1;
+    info.image = &image;
+    record.handle = record.partial.empty() ? nullptr : PXF_open(&info, "w");
+    record.format = record.handle ? format : nullptr;
+    record.frame = 0;
+  } else {
+    *record.handle->image = image;
+    if (PXF_set_frame(record.handle, record.frame + 1) == record.frame + 1) record.frame++;
+    else abandonOutput(record);
+  }
+  PxfHandle* handle = record.handle;
   int rc = handle ? 0 : -1;
   for (int y = height - 1; y >= 0 && rc == 0; --y) {
     auto* index = static_cast<uint8_t*>(channels->buffers[0]);
@@ -148,12 +157,8 @@ int ifftogif(const char* input, const char* output) {
     rc = written == 0 ? 0 : -1;
   }
   PXF_chan_free(channels);
-  if (handle && PXF_close(handle) != 0) {
-    fail("ifftogif: PXF_close failed.");
-    rc = -1;
-  }
   PXF_lut_free(lut);
-  if (rc == 0 && std::rename(partial.c_str(), output) != 0) rc = -1;
-  if (rc != 0 && fd >= 0) ::unlink(partial.c_str());
+  if (!handle) fail(std::string("ifftogif: cannot write ") + output);
+  if (rc != 0) abandonOutput(record);
   return rc;
 }

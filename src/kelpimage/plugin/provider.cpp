@@ -5,7 +5,8 @@
 #include "kelpimage/plugin/pxfinternal.h"
 
 namespace {
-const TformatProvider kPxfProvider = {pxfLoadAllPlugins, pxfFileTypeOf, pxfAnyToIff, pxfGetResolution, pxfIffToAny};
+const TformatProvider kPxfProvider = {pxfLoadAllPlugins, pxfFileTypeOf, pxfAnyToIff, pxfGetResolution, pxfIffToAny,
+                                        pxfFinishOutput};
 
 struct Register {
   Register() { setBuiltInFormatProvider(&kPxfProvider); }

@@ -16,6 +16,28 @@ int pxfGetResolution(const char* input, unsigned& width, unsigned& height);
 int pxfIffToAny(const char* input, const char* output, const char* key);
 int ifftogif(const char* input, const char* output);
 
+int pxfFinishOutput(const char* output);
+
+// An output of ifftoany: written under a partial name beside its target,
+// open between the frames of a format of several frames.
+struct PxfFormat;
+struct PxfHandle;
+struct ConversionOutput {
+  PxfFormat* format = nullptr;
+  PxfHandle* handle = nullptr;
+  int frame = 0;
+  std::string partial;
+};
+// The record of a target, made on first use.
+ConversionOutput& conversionOutput(const std::string& target);
+// A new empty file beside `target`; empty when none can be made.
+std::string partialName(const std::string& target);
+// Ends an open output: complete, it takes the target's name; otherwise the
+// partial file goes and the target stays as it was. 0 or -1.
+int finishOutput(const std::string& target, ConversionOutput& out);
+// Gives an output up: the partial file goes.
+void abandonOutput(ConversionOutput& out);
+
 // A message of the conversions: to the host's error handler, or to the
 // error stream when it has none.
 void reportConversionError(const std::string& text);
