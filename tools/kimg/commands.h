@@ -36,7 +36,8 @@ struct ConvertOptions {
   std::string resize;  // WxH, empty: the input's size
   std::string filter;  // zoom filter, empty: the default
   std::string blur;    // X,Y in percent
-  std::string format;  // "iff" or "sgi"; empty: by the output's extension
+  std::string format;  // "iff", "sgi" or a plug-in's key; empty: by the output's extension
+  int frame = -1;      // one frame (or IFF image) of the input, from 0; -1: all an output holds
 };
 
 int info(const std::vector<std::string>& files, bool stats);
@@ -45,6 +46,7 @@ int create(const CreateOptions& options);
 int pattern(const PatternOptions& options);
 int convert(const ConvertOptions& options);
 int filters();
+int formats();
 int depth(const std::string& in, const std::string& out);
 
 }  // namespace kimg

@@ -3,6 +3,7 @@
 // depth, bytes per channel, origin, ratio and fields; every other way goes
 // line by line at the input's bytes per channel.
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -11,6 +12,7 @@
 #include "kelpimage/il/il.h"
 #include "kelpimage/image/formatgateway.h"
 #include "kelpimage/plugin/plugins.h"
+#include "kelpimage/plugin/pxf.h"
 #include "kelpimage/image/timagefile.h"
 #include "lines.h"
 #include "util.h"
@@ -25,6 +27,7 @@ struct Plan {
   int tileW = 0, tileH = 0;
   int resizeW = 0, resizeH = 0;
   float blurX = 0, blurY = 0;
+  int image = -1;  // the one IFF image to convert, from 0; -1 for all
 };
 
 // Checks every option before anything is read or written.
@@ -91,22 +94,57 @@ int prepareIffImage(ILimage* in, const ConvertOptions& o, const Plan& plan) {
   return 0;
 }
 
+// Steps over the images before image `index` (from 0); false when there are fewer.
+bool skipImages(ILimage* in, int index) {
+  for (int i = 0; i < index; ++i)
+    if (ILnext(in) != 0) return false;
+  return true;
+}
+
+int countIffImages(const std::string& path) {
+  ILimage* in = ILopen(path.c_str(), "r");
+  if (!in) return 1;
+  int count = 1;
+  while (ILnext(in) == 0) ++count;
+  ILclose(in);
+  return count;
+}
+
+// How many pictures the input holds: the images of an IFF file, the frames
+// of a plug-in format that has them.
+int inputFrames(const std::string& key, const std::string& path) {
+  if (key == "kelp") return countIffImages(path);
+  if (key == "sgi" || !formatIsMultiframe(key.c_str())) return 1;
+  PxfFileInfo info;
+  PXF_info_init(&info);
+  info.key = key.c_str();
+  info.name = info.name2 = path.c_str();
+  info.one = 1;
+  PxfHandle* handle = PXF_open(&info, "r");
+  int frames = handle ? handle->frameCount : 1;
+  if (handle) PXF_close(handle);
+  return frames > 0 ? frames : 1;
+}
+
 int failPrepare(const std::string& in, int rc) {
   if (rc == -1) return fail(in, "images of four bytes per channel (float) cannot be converted");
   return failCode(in, rc);
 }
 
-int iffToIff(ILimage* in, const ConvertOptions& o, const Plan& plan, const std::string& path) {
-  ILimage* out = ILopen(path.c_str(), "w");
-  if (!out) return failCode(o.out, flerrno);
-  int status = 0;
+// Copies the images of `in` (all, or the one the plan names) after those
+// `out` already holds; `written` counts the images of `out`.
+int copyImages(ILimage* in, ILimage* out, const ConvertOptions& o, const Plan& plan, int& written) {
+  int status = 0, copied = 0;
   for (int index = 0; !status; ++index) {
     if (index > 0 && ILnext(in) != 0) break;
-    if (index > 0)
+    if (plan.image >= 0 && index < plan.image) continue;
+    if (written > 0)
       if (int rc = ILnext(out)) {
         status = failCode(o.out, rc);
         break;
       }
+    ++written;
+    ++copied;
     if (int rc = prepareIffImage(in, o, plan)) {
       status = failPrepare(o.in, rc);
       break;
@@ -126,6 +164,45 @@ int iffToIff(ILimage* in, const ConvertOptions& o, const Plan& plan, const std::
       if (status) break;
       if (int rc = ILwriteline(out, line.data(), depth ? z.data() : nullptr)) status = failCode(o.out, rc);
     }
+    if (plan.image >= 0) break;
+  }
+  if (!status && copied == 0) status = fail(o.in, "has no image " + std::to_string(plan.image + 1));
+  return status;
+}
+
+int iffToIff(ILimage* in, const ConvertOptions& o, const Plan& plan, const std::string& path) {
+  ILimage* out = ILopen(path.c_str(), "w");
+  if (!out) return failCode(o.out, flerrno);
+  int written = 0;
+  int status = copyImages(in, out, o, plan, written);
+  int closed = ILclose(out);
+  if (!status && closed) status = failCode(o.out, closed);
+  return status;
+}
+
+// Every frame of a plug-in input as an image of one IFF file: each frame
+// through an IFF file of its own, then copied in.
+int framesToIff(int frames, const ConvertOptions& o, const Plan& plan, const std::string& path,
+                const std::function<int(const Plan&, const std::string&)>& into) {
+  ILimage* out = ILopen(path.c_str(), "w");
+  if (!out) return failCode(o.out, flerrno);
+  int status = 0, written = 0;
+  for (int i = 0; i < frames && !status; ++i) {
+    Scratch one;
+    Plan framePlan = plan;
+    framePlan.image = i;
+    status = one.error().empty() ? into(framePlan, one.path()) : fail(o.out, one.error());
+    if (status) break;
+    ILimage* in = ILopen(one.path().c_str(), "r");
+    if (!in) {
+      status = failCode(o.in, flerrno);
+      break;
+    }
+    Plan copyPlan = plan;
+    copyPlan.image = -1;
+    copyPlan.resizeW = 0;  // resized already
+    status = copyImages(in, out, o, copyPlan, written);
+    ILclose(in);
   }
   int closed = ILclose(out);
   if (!status && closed) status = failCode(o.out, closed);
@@ -141,9 +218,11 @@ int linesTo(Lines& lines, const ConvertOptions& o, const Plan& plan, const std::
 int fromIff(const std::string& input, const ConvertOptions& o, const Plan& plan, const std::string& path) {
   ILimage* in = ILopen(input.c_str(), "r");
   if (!in) return failCode(o.in, flerrno);
-  int status;
+  int status = 0;
   if (plan.format == "iff") {
-    status = iffToIff(in, o, plan, path);
+    status = iffToIff(in, o, plan, path);  // it finds the image the plan names itself
+  } else if (!skipImages(in, plan.image)) {
+    status = fail(o.in, "has no image " + std::to_string(plan.image + 1));
   } else if (int rc = prepareIffImage(in, o, plan)) {
     status = failPrepare(o.in, rc);
   } else {
@@ -168,7 +247,8 @@ int fromSgi(const std::string& input, const ConvertOptions& o, const Plan& plan,
 // Any other picture the front door opens, at one byte a channel.
 int fromFrontDoor(const std::string& input, const ConvertOptions& o, const Plan& plan, const std::string& path) {
   TimageFile in;
-  if (in.identifyAndOpen(Tstring(input.c_str())) != 0) return fail(o.in, takeReport("cannot be read"));
+  if (in.identifyAndOpen(Tstring(input.c_str()), false, plan.image < 0 ? 0 : plan.image) != 0)
+    return fail(o.in, takeReport("cannot be read"));
   TpixelMap map;
   if (in.readPixelMap(map) != 0) return fail(o.in, takeReport("the pixels cannot be read"));
   bool alpha = in.alpha();
@@ -196,18 +276,31 @@ int convert(const ConvertOptions& o) {
     if (key == "sgi") return fromSgi(input.path(), o, p, path);
     return fromFrontDoor(input.path(), o, p, path);
   };
-  int status;
-  if (plan.format == "iff" || plan.format == "sgi") {
+  int frames = inputFrames(key.str(), input.path());
+  if (o.frame >= frames) return fail(o.in, "has no frame " + std::to_string(o.frame) + " (frames 0 to " +
+                                               std::to_string(frames - 1) + ")");
+  if (o.frame >= 0) plan.image = o.frame;
+  int status = 0;
+  if (plan.format == "iff" && key != "kelp" && plan.image < 0 && frames > 1) {
+    status = framesToIff(frames, o, plan, output.path(), into);
+  } else if (plan.format == "iff" || plan.format == "sgi") {
     status = into(plan, output.path());
   } else {
-    // A plug-in format: an IFF file first, which its plug-in then writes out.
-    Scratch iff;
-    if (!iff.error().empty()) return fail(o.out, iff.error());
-    Plan iffPlan = plan;
-    iffPlan.format = "iff";
-    status = into(iffPlan, iff.path());
-    if (!status && ifftoany(iff.path().c_str(), output.path().c_str(), plan.format.c_str()) != 0)
-      status = fail(o.out, takeReport("cannot be written as " + plan.format));
+    // A plug-in format: an IFF file first, which its plug-in then writes out;
+    // every image of an IFF file becomes a frame where the format has frames.
+    int images = plan.image < 0 && formatIsMultiframe(plan.format.c_str()) ? frames : 1;
+    for (int i = 0; i < images && !status; ++i) {
+      Scratch iff;
+      if (!iff.error().empty()) return fail(o.out, iff.error());
+      Plan iffPlan = plan;
+      iffPlan.format = "iff";
+      if (plan.image < 0) iffPlan.image = i;
+      status = into(iffPlan, iff.path());
+      if (!status && ifftoany(iff.path().c_str(), output.path().c_str(), plan.format.c_str()) != 0)
+        status = fail(o.out, takeReport("cannot be written as " + plan.format));
+    }
+    if (!status && ifftoanyFinish(output.path().c_str()) != 0)
+      status = fail(o.out, takeReport("cannot be completed as " + plan.format));
     ifftoanyClose();
   }
   return status ? status : output.commit();

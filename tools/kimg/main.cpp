@@ -45,8 +45,8 @@ int run(int argc, char** argv) {
       ->capture_default_str();
 
   kimg::ConvertOptions conv;
-  CLI::App* convert = app.add_subcommand("convert", "Convert IFF and SGI pictures into IFF or SGI files");
-  convert->add_option("in", conv.in, "Input picture (IFF or SGI)")->required();
+  CLI::App* convert = app.add_subcommand("convert", "Convert pictures between IFF, SGI and every plug-in format");
+  convert->add_option("in", conv.in, "Input picture")->required();
   convert->add_option("out", conv.out, "Output file; may be the input itself")->required();
   convert->add_option("--compression", conv.compression, std::string(kCompressionHelp) + " (default: as the input)")
       ->check(CLI::IsMember(kCompressions));
@@ -55,8 +55,9 @@ int run(int argc, char** argv) {
   convert->add_option("--resize", conv.resize, "Resample to WxH through a zoom filter");
   convert->add_option("--filter", conv.filter, "Zoom filter for --resize (see kimg filters; default auto)");
   convert->add_option("--blur", conv.blur, "Blur for --resize, X,Y in percent of the image");
-  convert->add_option("--format", conv.format, "Output format: iff or sgi (default: by the extension)")
-      ->check(CLI::IsMember({"iff", "sgi"}));
+  convert->add_option("--format", conv.format, "Output format: iff, sgi or a plug-in's key (default: by the extension)");
+  convert->add_option("--frame", conv.frame, "Only this frame of the input (from 0): an IFF image or a plug-in's frame")
+      ->check(CLI::NonNegativeNumber);
 
   std::string depthIn, depthOut;
   CLI::App* depth = app.add_subcommand("depth", "Write the depth channel of an IFF picture as a grey IFF picture");
@@ -64,6 +65,7 @@ int run(int argc, char** argv) {
   depth->add_option("out", depthOut, "Output IFF file")->required();
 
   CLI::App* filters = app.add_subcommand("filters", "List the zoom filters: built in and in the work area");
+  CLI::App* formats = app.add_subcommand("formats", "List the formats: IFF, SGI and every plug-in found");
 
   kimg::CreateOptions opt;
   CLI::App* create = app.add_subcommand("create", "Write an IFF file holding image headers only");
@@ -107,6 +109,7 @@ int run(int argc, char** argv) {
   if (*pattern) return kimg::pattern(pat);
   if (*convert) return kimg::convert(conv);
   if (*filters) return kimg::filters();
+  if (*formats) return kimg::formats();
   if (*depth) return kimg::depth(depthIn, depthOut);
   return kimg::create(opt);
 }
