@@ -137,6 +137,8 @@ bool startWriting(State* s, int quality, float dpi) {
   s->out.in_color_space = s->components == 1 ? JCS_GRAYSCALE : JCS_RGB;
   jpeg_set_defaults(&s->out);
   jpeg_set_quality(&s->out, quality, TRUE);
+  // At high quality colour keeps full resolution, as other encoders do.
+  if (quality >= 90 && s->components == 3) s->out.comp_info[0].h_samp_factor = s->out.comp_info[0].v_samp_factor = 1;
   if (dpi >= 1.0f) {
     s->out.write_JFIF_header = TRUE;
     s->out.density_unit = 1;
