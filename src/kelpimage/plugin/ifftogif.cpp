@@ -78,6 +78,10 @@ int ifftogif(const char* input, const char* output) {
   }
   PxfFormat* format = PXF_find("gif");
   if (!format) {
+    pxfLoadAllPlugins();  // the first conversion of a process
+    format = PXF_find("gif");
+  }
+  if (!format) {
     fail("ifftogif: could not find gif plugin.");
     return -1;
   }
