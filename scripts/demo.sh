@@ -7,6 +7,7 @@ bash scripts/setup.sh
 cmake --preset default >/dev/null
 cmake --build --preset default
 kimg=build/default/tools/kimg/kimg
+export PXF_PLUG_IN_PATH="$PWD/build/default/plug-ins/image"  # the plug-ins of this build
 out=build/default/demo
 mkdir -p "$out"
 
@@ -19,6 +20,10 @@ set -x
 "$kimg" info --stats "$out/small.iff"
 "$kimg" convert "$out/pattern.iff" "$out/pattern.sgi"
 "$kimg" info --stats "$out/pattern.sgi"
+"$kimg" formats
+"$kimg" convert "$out/pattern.iff" "$out/pattern.png"
+"$kimg" convert "$out/pattern.png" "$out/pattern.jpg"
+"$kimg" info "$out/pattern.png" "$out/pattern.jpg"
 "$kimg" convert "$out/pattern.sgi" "$out/from-sgi.iff"
 "$kimg" info "$out/from-sgi.iff"
 "$kimg" convert "$out/pattern.iff" - --resize 64x36 | "$kimg" info --stats -

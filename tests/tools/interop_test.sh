@@ -84,4 +84,8 @@ for f in five.tif five.gif; do
   [ "$(identify "again-$f" | wc -l)" = 5 ]
   pixels_equal "again-$f[4]" "$f[4]"
 done
+# What kimg says of plug-in formats.
+"$kimg" formats | grep -q "^png .* rw "
+"$kimg" info src.png | grep -q "format       PNG (png)"
+"$kimg" info five.tif | grep -q "frames       5"
 echo "interop: all checks passed"

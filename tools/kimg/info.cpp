@@ -8,6 +8,8 @@
 #include "commands.h"
 #include "files.h"
 #include "kelpimage/il/il.h"
+#include "kelpimage/image/timagefile.h"
+#include "kelpimage/plugin/pxf.h"
 #include "kelpimage/sgi/sgi.h"
 #include "util.h"
 
@@ -154,6 +156,45 @@ int infoIff(const std::string& name, const std::string& path, bool stats) {
   return status;
 }
 
+// A picture of a plug-in format: what its plug-in says of it, and with
+// --stats what its pixels hold at 8 bits a channel.
+int infoPlugin(const std::string& name, const std::string& path, const std::string& key, bool stats) {
+  PxfFileInfo info;
+  PXF_info_init(&info);
+  info.key = key.c_str();
+  info.name = info.name2 = path.c_str();
+  info.one = 1;
+  PxfHandle* handle = PXF_open(&info, "r");
+  if (!handle || !handle->image) {
+    if (handle) PXF_close(handle);
+    return fail(name, std::string("cannot be read as ") + key + ": " + PXF_last_error());
+  }
+  const PxfImageData& im = *handle->image;
+  const char* kinds[] = {"", "integers", "floats", "doubles"};
+  std::printf("%s\n", name.c_str());
+  std::printf("  format       %s (%s)\n", handle->format->name, key.c_str());
+  std::printf("  size         %d x %d\n", im.width(), im.height());
+  std::printf("  channels     %d colour, %d matte, %d depth\n", im.colorChannels, im.matteChannels, im.depthChannels);
+  std::printf("  samples      %d-bit %s\n", im.colorBits, im.colorKind >= 1 && im.colorKind <= 3 ? kinds[im.colorKind] : "?");
+  std::printf("  frames       %d\n", handle->frameCount);
+  if (im.dpi > 0.0f) std::printf("  dpi          %g\n", double(im.dpi));
+  PXF_close(handle);
+  if (!stats) return 0;
+  TimageFile file;
+  TpixelMap map;
+  if (file.identifyAndOpen(Tstring(path.c_str())) != 0 || file.readPixelMap(map) != 0)
+    return fail(name, takeReport("the pixels cannot be read"));
+  const char* names[] = {"blue", "green", "red", "alpha"};
+  for (int c : {2, 1, 0, 3}) {
+    Stat st;
+    for (int y = 0; y < map.height(); ++y)
+      for (int x = 0; x < map.width(); ++x) st.add(double((map.pixelPointer(x, y)->fValue >> (8 * c)) & 255));
+    std::printf("  %-6s       min %g  max %g  mean %.3f\n", names[c], st.min, st.max,
+                st.sum / (double(map.width()) * map.height()));
+  }
+  return 0;
+}
+
 bool isSgi(const std::string& path) {
   std::FILE* f = std::fopen(path.c_str(), "rb");
   unsigned char b[2] = {};
@@ -168,9 +209,13 @@ int info(const std::vector<std::string>& files, bool stats) {
   int status = 0;
   for (const std::string& name : files) {
     Input input(name);
-    int one = !input.error().empty()         ? fail(name, input.error())
-              : isSgi(input.path())          ? infoSgi(name, input.path(), stats)
-                                             : infoIff(name, input.path(), stats);
+    int one;
+    std::string key = input.error().empty() ? TimageFile().getImageType(Tstring(input.path().c_str())).str() : "";
+    takeReport("");
+    if (!input.error().empty()) one = fail(name, input.error());
+    else if (isSgi(input.path())) one = infoSgi(name, input.path(), stats);
+    else if (key.empty() || key == "kelp") one = infoIff(name, input.path(), stats);
+    else one = infoPlugin(name, input.path(), key, stats);
     status = status ? status : one;
   }
   return status;
