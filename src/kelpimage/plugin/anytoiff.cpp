@@ -17,8 +17,17 @@
 namespace {
 
 // The input left open so that the next frame of a multi-frame file is read
-// without opening it again.
+// without opening it again, and what the file was when it was opened: a
+// file replaced since is opened anew.
 PxfHandle* gCurrentInput = nullptr;
+struct stat gCurrentStat {};
+
+bool sameFile(const char* input) {
+  struct stat st;
+  return ::stat(input, &st) == 0 && st.st_ino == gCurrentStat.st_ino && st.st_dev == gCurrentStat.st_dev &&
+         st.st_size == gCurrentStat.st_size && st.st_mtim.tv_sec == gCurrentStat.st_mtim.tv_sec &&
+         st.st_mtim.tv_nsec == gCurrentStat.st_mtim.tv_nsec;
+}
 
 std::string withReason(std::string text) {
   const char* why = PXF_last_error();
@@ -197,7 +206,7 @@ int convert(PxfHandle* handle, const char* output) {
 }  // namespace
 
 int pxfAnyToIff(const char* input, const char* output, const char* key, int frame) {
-  if (gCurrentInput && input && std::strcmp(gCurrentInput->name, input) != 0) closeCurrent();
+  if (gCurrentInput && (!input || std::strcmp(gCurrentInput->name, input) != 0 || !sameFile(input))) closeCurrent();
   if (!gCurrentInput) {
     if (!statInput(input)) return -1;
     PxfFileInfo info;
@@ -219,6 +228,7 @@ int pxfAnyToIff(const char* input, const char* output, const char* key, int fram
     info.name = info.name2 = input;
     info.one = 1;
     info.comment = "Image converted using anytoiff";
+    ::stat(input, &gCurrentStat);
     gCurrentInput = PXF_open(&info, "r");
     if (!gCurrentInput) {
       reportConversionError(withReason(std::string("PXF did not recognise image file ") + input));
