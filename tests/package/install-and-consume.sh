@@ -47,4 +47,10 @@ for copy in copy-cmake copy-pc; do
   "$prefix/bin/kimg" info --stats "$dir/$copy.iff" | tail -n +2 | diff "$dir/stats-in" - ||
     { echo "$copy.iff is not the sample"; exit 1; }
 done
-echo "installed package: CMake and pkg-config consumers build and run; kimg starts"
+# The plug-ins are installed beside the library, where it looks for them.
+plugins=$(find "$prefix" -type d -path '*kelpimage/plug-ins/image')
+[ -n "$plugins" ] && [ -e "$plugins/png.so" ] || { echo "no plug-ins installed"; exit 1; }
+"$prefix/bin/kimg" pattern "$dir/p.iff" --size 32x16
+PXF_PLUG_IN_PATH="$plugins" "$prefix/bin/kimg" convert "$dir/p.iff" "$dir/p.png"
+PXF_PLUG_IN_PATH="$plugins" "$prefix/bin/kimg" info "$dir/p.png" | grep -q "format       PNG (png)"
+echo "installed package: CMake and pkg-config consumers build and run; kimg and its plug-ins start"
