@@ -1,6 +1,7 @@
 // Small pieces the format plug-ins share.
 #pragma once
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -45,6 +46,34 @@ inline void deinterleave(const uint8_t* pixels, int stride, int bytes, void* con
       std::memcpy(to + size_t(x) * size_t(bytes), pixels + (size_t(x) * size_t(stride) + size_t(c)) * size_t(bytes),
                   size_t(bytes));
   }
+}
+
+// The parts of an image record every picture read has: its windows and
+// aspect, the order of its rows, the "rgb" kind, and colour and matte
+// channels of the given count and bits.
+inline void describePicture(PxfImageData* image, int32_t width, int32_t height, int32_t orientation, int colors,
+                            bool matte, int32_t bits) {
+  image->windowRight = image->window2[1] = width - 1;
+  image->windowTop = image->window2[3] = height - 1;
+  image->aspectWidth = width;
+  image->aspectHeight = height;
+  image->aspectRatio = float(width) / float(height);
+  image->orientation = orientation;
+  image->dataKind = "rgb";
+  image->colorChannels = colors;
+  image->colorBits = bits;
+  image->matteChannels = matte ? 1 : 0;
+  image->matteBits = bits;
+}
+
+// Closes a stream a plug-in wrote through: -1 with the reason when any of
+// it did not reach the file. `file` is null afterwards.
+inline int closeWritten(FILE*& file, char* error, size_t size) {
+  int rc = 0;
+  if (std::fflush(file) != 0 || std::ferror(file)) rc = fail(error, size, "%s", std::strerror(errno));
+  if (std::fclose(file) != 0) rc = fail(error, size, "%s", std::strerror(errno));
+  file = nullptr;
+  return rc;
 }
 
 constexpr int16_t kDpiCode = 1;

@@ -64,15 +64,7 @@ bool drawFrame(State* s, int f, char* error, size_t size) {
 
 void describe(const State* s, PxfImageData* image) {
   *image = PxfImageData{};
-  image->windowRight = image->window2[1] = s->width - 1;
-  image->windowTop = image->window2[3] = s->height - 1;
-  image->aspectWidth = s->width;
-  image->aspectHeight = s->height;
-  image->aspectRatio = float(s->width) / float(s->height);
-  image->orientation = PXF_TOP_DOWN;
-  image->dataKind = "rgb";
-  image->colorChannels = 3;
-  image->matteChannels = 1;
+  pxfplugin::describePicture(image, s->width, s->height, PXF_TOP_DOWN, 3, true, 8);
 }
 
 void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* error, size_t size) {

@@ -75,15 +75,7 @@ bool startReading(State* s, PxfImageData* image) {
     std::snprintf(s->errors.message, sizeof s->errors.message, "out of memory");
     return false;
   }
-  image->windowRight = image->window2[1] = s->width - 1;
-  image->windowTop = image->window2[3] = s->height - 1;
-  image->aspectWidth = s->width;
-  image->aspectHeight = s->height;
-  image->aspectRatio = float(s->width) / float(s->height);
-  image->orientation = PXF_TOP_DOWN;
-  image->dataKind = "rgb";
-  image->colorChannels = s->components;
-  image->colorBits = 8;
+  pxfplugin::describePicture(image, s->width, s->height, PXF_TOP_DOWN, s->components, false, 8);
   if (s->in.saw_JFIF_marker && s->in.X_density > 0) {
     if (s->in.density_unit == 1) image->dpi = float(s->in.X_density);
     else if (s->in.density_unit == 2) image->dpi = float(s->in.X_density * 2.54);
@@ -207,10 +199,8 @@ int closeFile(void* state, char* error, size_t size) {
   if (s->writing) {
     if (s->next != s->height) rc = fail(error, size, "only %d of %d rows were written", s->next, s->height);
     else if (!finish(s)) rc = fail(error, size, "%s", s->errors.message);
-    if (std::fflush(s->file) != 0 || std::ferror(s->file)) rc = fail(error, size, "%s", std::strerror(errno));
+    if (pxfplugin::closeWritten(s->file, error, size) != 0) rc = -1;
   }
-  if (std::fclose(s->file) != 0 && s->writing) rc = fail(error, size, "%s", std::strerror(errno));
-  s->file = nullptr;
   release(s);
   return rc;
 }

@@ -51,17 +51,7 @@ void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* err
   s->depth = im->type & ILT_DEPTH;
   s->line.resize(size_t(s->width) * 4 * size_t(s->bytes));
   s->zline.resize(size_t(s->width));
-  image->windowRight = image->window2[1] = s->width - 1;
-  image->windowTop = image->window2[3] = s->height - 1;
-  image->aspectWidth = s->width;
-  image->aspectHeight = s->height;
-  image->aspectRatio = float(s->width) / float(s->height);
-  image->orientation = PXF_BOTTOM_UP;
-  image->dataKind = "rgb";
-  image->colorChannels = s->colors;
-  image->colorBits = s->bytes * 8;
-  image->matteChannels = s->matte ? 1 : 0;
-  image->matteBits = s->bytes * 8;
+  pxfplugin::describePicture(image, s->width, s->height, PXF_BOTTOM_UP, s->colors, s->matte, s->bytes * 8);
   image->depthChannels = s->depth ? 1 : 0;
   image->depthKind = PXF_FLOAT;
   image->depthBits = 32;

@@ -97,17 +97,7 @@ bool readHeader(State* s, PxfImageData* image) {
     png_read_image(s->png, rows);
     std::free(rows);
   }
-  image->windowRight = image->window2[1] = s->width - 1;
-  image->windowTop = image->window2[3] = s->height - 1;
-  image->aspectWidth = s->width;
-  image->aspectHeight = s->height;
-  image->aspectRatio = float(s->width) / float(s->height);
-  image->orientation = PXF_TOP_DOWN;
-  image->dataKind = "rgb";
-  image->colorChannels = s->colors;
-  image->colorBits = s->bytes * 8;
-  image->matteChannels = s->matte ? 1 : 0;
-  image->matteBits = s->bytes * 8;
+  pxfplugin::describePicture(image, s->width, s->height, PXF_TOP_DOWN, s->colors, s->matte, s->bytes * 8);
   png_uint_32 xppm = 0, yppm = 0;
   int unit = 0;
   if (png_get_pHYs(s->png, s->info, &xppm, &yppm, &unit) && unit == PNG_RESOLUTION_METER && xppm > 0)
@@ -236,10 +226,8 @@ int closeFile(void* state, char* error, size_t size) {
   if (s->writing) {
     if (s->next != s->height) rc = fail(error, size, "only %d of %d rows were written", s->next, s->height);
     else if (!writeEnd(s)) rc = fail(error, size, "%s", s->message);
-    if (std::fflush(s->file) != 0 || std::ferror(s->file)) rc = fail(error, size, "%s", std::strerror(errno));
+    if (pxfplugin::closeWritten(s->file, error, size) != 0) rc = -1;
   }
-  if (std::fclose(s->file) != 0 && s->writing) rc = fail(error, size, "%s", std::strerror(errno));
-  s->file = nullptr;
   release(s);
   return rc;
 }

@@ -35,17 +35,8 @@ void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* err
   s->bytes = (im->type & 0xFF) == 2 ? 2 : 1;
   s->channels = im->zsize;
   s->row.resize(size_t(s->width) + 1);
-  image->windowRight = image->window2[1] = s->width - 1;
-  image->windowTop = image->window2[3] = s->height - 1;
-  image->aspectWidth = s->width;
-  image->aspectHeight = s->height;
-  image->aspectRatio = float(s->width) / float(s->height);
-  image->orientation = PXF_BOTTOM_UP;
-  image->dataKind = "rgb";
-  bool grey = s->channels <= 2;
-  image->colorChannels = grey ? 1 : 3;
-  image->matteChannels = (s->channels == 2 || s->channels >= 4) ? 1 : 0;
-  image->colorBits = image->matteBits = s->bytes * 8;
+  pxfplugin::describePicture(image, s->width, s->height, PXF_BOTTOM_UP, s->channels <= 2 ? 1 : 3,
+                             s->channels == 2 || s->channels >= 4, s->bytes * 8);
   *frames = 1;
   return s;
 }

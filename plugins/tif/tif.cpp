@@ -105,19 +105,9 @@ bool describe(State* s, PxfImageData* image, char* error, size_t size) {
     }
   }
   *image = PxfImageData{};
-  image->windowRight = image->window2[1] = s->width - 1;
-  image->windowTop = image->window2[3] = s->height - 1;
-  image->aspectWidth = s->width;
-  image->aspectHeight = s->height;
-  image->aspectRatio = float(s->width) / float(s->height);
-  image->orientation = s->rgba ? PXF_BOTTOM_UP : PXF_TOP_DOWN;
-  image->dataKind = "rgb";
-  image->colorChannels = s->colors;
-  image->colorKind = s->format == SAMPLEFORMAT_IEEEFP ? PXF_FLOAT : PXF_INTEGER;
-  image->colorBits = s->bits;
-  image->matteChannels = s->matte ? 1 : 0;
-  image->matteKind = image->colorKind;
-  image->matteBits = s->bits;
+  pxfplugin::describePicture(image, s->width, s->height, s->rgba ? PXF_BOTTOM_UP : PXF_TOP_DOWN, s->colors, s->matte,
+                             s->bits);
+  image->colorKind = image->matteKind = s->format == SAMPLEFORMAT_IEEEFP ? PXF_FLOAT : PXF_INTEGER;
   float xres = 0;
   uint16_t unit = RESUNIT_INCH;
   if (TIFFGetField(s->tif, TIFFTAG_XRESOLUTION, &xres) && xres > 0) {

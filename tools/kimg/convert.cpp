@@ -115,12 +115,7 @@ int countIffImages(const std::string& path) {
 int inputFrames(const std::string& key, const std::string& path) {
   if (key == "kelp") return countIffImages(path);
   if (key == "sgi" || !formatIsMultiframe(key.c_str())) return 1;
-  PxfFileInfo info;
-  PXF_info_init(&info);
-  info.key = key.c_str();
-  info.name = info.name2 = path.c_str();
-  info.one = 1;
-  PxfHandle* handle = PXF_open(&info, "r");
+  PxfHandle* handle = openPluginPicture(key, path);
   int frames = handle ? handle->frameCount : 1;
   if (handle) PXF_close(handle);
   return frames > 0 ? frames : 1;

@@ -159,12 +159,7 @@ int infoIff(const std::string& name, const std::string& path, bool stats) {
 // A picture of a plug-in format: what its plug-in says of it, and with
 // --stats what its pixels hold at 8 bits a channel.
 int infoPlugin(const std::string& name, const std::string& path, const std::string& key, bool stats) {
-  PxfFileInfo info;
-  PXF_info_init(&info);
-  info.key = key.c_str();
-  info.name = info.name2 = path.c_str();
-  info.one = 1;
-  PxfHandle* handle = PXF_open(&info, "r");
+  PxfHandle* handle = openPluginPicture(key, path);
   if (!handle || !handle->image) {
     if (handle) PXF_close(handle);
     return fail(name, std::string("cannot be read as ") + key + ": " + PXF_last_error());

@@ -105,6 +105,15 @@ std::vector<std::pair<std::string, std::vector<std::string>>> writablePlugins() 
 }
 }  // namespace
 
+PxfHandle* openPluginPicture(const std::string& key, const std::string& path) {
+  PxfFileInfo info;
+  PXF_info_init(&info);
+  info.key = key.c_str();
+  info.name = info.name2 = path.c_str();
+  info.one = 1;
+  return PXF_open(&info, "r");
+}
+
 bool outputFormat(const std::string& name, const std::string& forced, std::string& format, std::string& why) {
   auto plugins = writablePlugins();
   if (!forced.empty()) {

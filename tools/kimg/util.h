@@ -32,6 +32,11 @@ bool parseSize(const std::string& text, int& w, int& h, int most = 32768);
 
 std::string tagText(uint32_t tag);
 
+// A picture of a plug-in format opened for reading through the framework,
+// or null (PXF_last_error says why). PXF_close ends it.
+struct PxfHandle;
+PxfHandle* openPluginPicture(const std::string& key, const std::string& path);
+
 // The format kimg writes `name` in: `forced` ("iff" or "sgi") if given, else
 // by the extension (.iff or none for IFF; .sgi, .rgb, .rgba, .bw for SGI).
 // False, with the reason, for an extension kimg cannot write.

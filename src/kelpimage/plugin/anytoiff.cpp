@@ -121,6 +121,33 @@ void fillDepth(const PxfImageData& im, const void* channel, float* out, int32_t 
   }
 }
 
+// Opens an input for reading, of format `key` or of whatever format
+// recognises it; null after a message.
+PxfHandle* openInput(const char* input, const char* key) {
+  PxfFileInfo info;
+  PXF_info_init(&info);
+  if (key) {
+    if (!PXF_find(key)) {
+      reportConversionError(std::string("ifftoany: unknown image type - ") + key + ".");
+      return nullptr;
+    }
+    info.key = key;
+  } else {
+    uint8_t flag = 0;
+    info.key = PXF_get_file_type(input, 0, &flag);
+    if (!info.key) {
+      reportConversionError(std::string("PXF did not recognise image file ") + input + ".");
+      return nullptr;
+    }
+  }
+  info.name = info.name2 = input;
+  info.one = 1;
+  info.comment = "Image converted using anytoiff";
+  PxfHandle* handle = PXF_open(&info, "r");
+  if (!handle) reportConversionError(withReason(std::string("PXF did not recognise image file ") + input));
+  return handle;
+}
+
 void closeCurrent() {
   if (gCurrentInput) PXF_close(gCurrentInput);
   gCurrentInput = nullptr;
@@ -209,31 +236,9 @@ int pxfAnyToIff(const char* input, const char* output, const char* key, int fram
   if (gCurrentInput && (!input || std::strcmp(gCurrentInput->name, input) != 0 || !sameFile(input))) closeCurrent();
   if (!gCurrentInput) {
     if (!statInput(input)) return -1;
-    PxfFileInfo info;
-    PXF_info_init(&info);
-    if (key) {
-      if (!PXF_find(key)) {
-        reportConversionError(std::string("ifftoany: unknown image type - ") + key + ".");
-        return -1;
-      }
-      info.key = key;
-    } else {
-      uint8_t flag = 0;
-      info.key = PXF_get_file_type(input, 0, &flag);
-      if (!info.key) {
-        reportConversionError(std::string("PXF did not recognise image file ") + input + ".");
-        return -1;
-      }
-    }
-    info.name = info.name2 = input;
-    info.one = 1;
-    info.comment = "Image converted using anytoiff";
     ::stat(input, &gCurrentStat);
-    gCurrentInput = PXF_open(&info, "r");
-    if (!gCurrentInput) {
-      reportConversionError(withReason(std::string("PXF did not recognise image file ") + input));
-      return -1;
-    }
+    gCurrentInput = openInput(input, key);
+    if (!gCurrentInput) return -1;
   }
   bool multiframe = gCurrentInput->format->flags & PXF_MULTIFRAME;
   if (multiframe && PXF_set_frame(gCurrentInput, frame) != frame) {
@@ -249,22 +254,8 @@ int pxfAnyToIff(const char* input, const char* output, const char* key, int fram
 
 int pxfGetResolution(const char* input, unsigned& width, unsigned& height) {
   if (!statInput(input)) return -1;
-  PxfFileInfo info;
-  PXF_info_init(&info);
-  uint8_t flag = 0;
-  info.key = PXF_get_file_type(input, 0, &flag);
-  if (!info.key) {
-    reportConversionError(std::string("PXF did not recognise image file ") + input + ".");
-    return -1;
-  }
-  info.name = info.name2 = input;
-  info.one = 1;
-  info.comment = "Image converted using anytoiff";
-  PxfHandle* handle = PXF_open(&info, "r");
-  if (!handle) {
-    reportConversionError(withReason(std::string("PXF did not recognise image file ") + input));
-    return -1;
-  }
+  PxfHandle* handle = openInput(input, nullptr);
+  if (!handle) return -1;
   int rc = 0;
   if (!handle->image) {
     reportConversionError("anytoiff getResolution: Empty image.");
