@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <string>
 
+struct PxfHandle;
+
 namespace kimg {
 
 // Exit statuses: a failed operation, and a command line that is wrong.
@@ -34,7 +36,6 @@ std::string tagText(uint32_t tag);
 
 // A picture of a plug-in format opened for reading through the framework,
 // or null (PXF_last_error says why). PXF_close ends it.
-struct PxfHandle;
 PxfHandle* openPluginPicture(const std::string& key, const std::string& path);
 
 // The format kimg writes `name` in: `forced` ("iff" or "sgi") if given, else
