@@ -152,7 +152,7 @@ int collectPluginFiles() {
           if (endsWith(listed, name))
             std::fprintf(stderr, "WARNING: local PXF plug-in `%s' overrides `%s%s\n", listed.c_str(), dir.c_str(),
                          name.c_str());
-      gPluginFileList.push_back(dir + name);
+      gPluginFileList.push_back(dir + (dir.back() == '/' ? "" : "/") + name);
     }
   }
   gPluginFileCursor = 0;
