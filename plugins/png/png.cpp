@@ -29,6 +29,7 @@ struct State {
   bool matte = false;
   uint8_t* row = nullptr;    // one interleaved row
   uint8_t* whole = nullptr;  // an interlaced picture, read at once
+  png_bytep* rows = nullptr;  // the row pointers into `whole`
   int32_t next = 0;          // the next row the file gives (counted from the top)
   char message[256] = {};
 };
@@ -49,6 +50,7 @@ void release(State* s) {
   if (s->file) std::fclose(s->file);
   std::free(s->row);
   std::free(s->whole);
+  std::free(s->rows);
   delete s;
 }
 
@@ -86,16 +88,16 @@ bool readHeader(State* s, PxfImageData* image) {
   if (passes > 1) {
     // Interlaced pictures come whole.
     size_t rowBytes = png_get_rowbytes(s->png, s->info);
+    // Both blocks belong to the state, so that a longjmp out of libpng
+    // leaves nothing behind.
     s->whole = static_cast<uint8_t*>(std::malloc(rowBytes * h));
-    auto** rows = static_cast<png_bytep*>(std::malloc(sizeof(png_bytep) * h));
-    if (!s->whole || !rows) {
-      std::free(rows);
+    s->rows = static_cast<png_bytep*>(std::malloc(sizeof(png_bytep) * h));
+    if (!s->whole || !s->rows) {
       std::snprintf(s->message, sizeof s->message, "out of memory");
       return false;
     }
-    for (png_uint_32 y = 0; y < h; ++y) rows[y] = s->whole + rowBytes * y;
-    png_read_image(s->png, rows);
-    std::free(rows);
+    for (png_uint_32 y = 0; y < h; ++y) s->rows[y] = s->whole + rowBytes * y;
+    png_read_image(s->png, s->rows);
   }
   pxfplugin::describePicture(image, s->width, s->height, PXF_TOP_DOWN, s->colors, s->matte, s->bytes * 8);
   png_uint_32 xppm = 0, yppm = 0;

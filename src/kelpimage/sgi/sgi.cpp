@@ -18,7 +18,7 @@
 namespace {
 constexpr uint16_t kMagic = 474;
 constexpr uint32_t kRowsAt = 512;
-constexpr uint16_t kRead = 0x01, kWrite = 0x02, kEof = 0x10, kError = 0x20, kReadWrite = 0x80;
+constexpr uint16_t kRead = 0x01, kWrite = 0x02, kError = 0x20, kReadWrite = 0x80;
 
 void report(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void report(const char* format, ...) {
