@@ -3,10 +3,10 @@
 # ImageMagick's convert, on the same 4096 x 4096 RGBA files. The peers cannot
 # read or write IFF, so they convert the same input to SGI (an uncompressed
 # IFF's nearest kin both of them write) and from the SGI copy of the picture.
-# Usage: bench/convert_bench.sh [BUILD_DIR] (default build/release); the best
+# Usage: bench/convert_bench.sh [BUILD_DIR] (default build/bench); the best
 # of three runs of each, in seconds.
 set -euo pipefail
-build="${1:-build/release}"
+build="${1:-build/bench}"
 kimg="$build/tools/kimg/kimg"
 export PXF_PLUG_IN_PATH="$PWD/$build/plug-ins/image"
 dir=$(mktemp -d)
@@ -19,16 +19,15 @@ convert "$dir/big.sgi" -alpha off -quality 90 "$dir/big.jpg"
 convert "$dir/big.sgi" -compress zip "$dir/big.tif"
 
 best() {
-  local best=999999
+  local times=""
   for _ in 1 2 3; do
-    local start end took
-    start=$(date +%s.%N)
+    local start end
+    start=$(date +%s%N)
     "$@" > /dev/null 2>&1
-    end=$(date +%s.%N)
-    took=$(echo "$end - $start" | bc)
-    best=$(echo "if ($took < $best) $took else $best" | bc)
+    end=$(date +%s%N)
+    times="$times $((end - start))"
   done
-  printf '%.3f' "$best"
+  echo "$times" | awk '{ b = $1; for (i = 2; i <= NF; i++) if ($i < b) b = $i; printf "%.3f", b / 1e9 }'
 }
 
 printf '%-16s %8s %8s %8s\n' "conversion" "kimg" "oiiotool" "convert"
