@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "kelpimage/il/il.h"
+
 namespace pxfplugin {
 
 // Writes a reason into a plug-in's error buffer; gives -1, the failure.
@@ -75,6 +77,10 @@ inline int closeWritten(FILE*& file, char* error, size_t size) {
   file = nullptr;
   return rc;
 }
+
+// Whether a picture of this size may be held whole: within the library's
+// pixel limit (ILmaxpixels), checked before anything is allocated for it.
+inline bool wholeAllowed(uint64_t width, uint64_t height) { return width * height <= ILmaxpixels(0); }
 
 constexpr int16_t kDpiCode = 1;
 constexpr int16_t kQualityCode = 2;

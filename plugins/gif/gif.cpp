@@ -74,7 +74,12 @@ void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* err
     fail(error, size, "%s", GifErrorString(code));
     return nullptr;
   }
-  if (DGifSlurp(gif) != GIF_OK || gif->ImageCount < 1 || gif->SWidth < 1 || gif->SHeight < 1) {
+  if (gif->SWidth < 1 || gif->SHeight < 1 || !pxfplugin::wholeAllowed(uint64_t(gif->SWidth), uint64_t(gif->SHeight))) {
+    fail(error, size, "a screen of %d x %d pixels is out of range", gif->SWidth, gif->SHeight);
+    DGifCloseFile(gif, &code);
+    return nullptr;
+  }
+  if (DGifSlurp(gif) != GIF_OK || gif->ImageCount < 1) {
     fail(error, size, "%s", gif->Error ? GifErrorString(gif->Error) : "the file holds no picture");
     DGifCloseFile(gif, &code);
     return nullptr;

@@ -85,6 +85,10 @@ bool readHeader(State* s, PxfImageData* image) {
     std::snprintf(s->message, sizeof s->message, "out of memory");
     return false;
   }
+  if (passes > 1 && !pxfplugin::wholeAllowed(w, h)) {
+    std::snprintf(s->message, sizeof s->message, "picture of %u x %u pixels is beyond the pixel limit", w, h);
+    return false;
+  }
   if (passes > 1) {
     // Interlaced pictures come whole.
     size_t rowBytes = png_get_rowbytes(s->png, s->info);

@@ -90,6 +90,10 @@ bool describe(State* s, PxfImageData* image, char* error, size_t size) {
     s->row.resize(size_t(TIFFScanlineSize(s->tif)));
   } else {
     char why[1024] = {};
+    if (!pxfplugin::wholeAllowed(w, h)) {
+      fail(error, size, "picture of %u x %u pixels is beyond the pixel limit", w, h);
+      return false;
+    }
     if (!TIFFRGBAImageOK(s->tif, why)) {
       fail(error, size, "%s", why);
       return false;
