@@ -276,7 +276,14 @@ int convert(const ConvertOptions& o) {
                                                std::to_string(frames - 1) + ")");
   if (o.frame >= 0) plan.image = o.frame;
   int status = 0;
-  if (plan.format == "iff" && key != "kelp" && plan.image < 0 && frames > 1) {
+  bool plain = plan.resizeW == 0 && plan.tileW == 0 && !o.topdown;
+  if (plan.format == "iff" && key != "kelp" && key != "sgi" && plain && plan.compressionGiven &&
+      plan.compression == 0 && (frames == 1 || plan.image >= 0)) {
+    // A stored IFF file of one frame is what the conversion into IFF makes
+    // itself: no second pass.
+    if (anytoiff(input.path().c_str(), output.path().c_str(), key.asChar(), plan.image < 0 ? 0 : plan.image) != 0)
+      status = fail(o.in, takeReport("cannot be converted"));
+  } else if (plan.format == "iff" && key != "kelp" && plan.image < 0 && frames > 1) {
     status = framesToIff(frames, o, plan, output.path(), into);
   } else if (plan.format == "iff" || plan.format == "sgi") {
     status = into(plan, output.path());

@@ -181,6 +181,8 @@ int convert(PxfHandle* handle, const char* output) {
     return -1;
   }
   out.setSize(uint16_t(width), uint16_t(height));
+  // The file is a temporary one, read once: stored, it costs least both ways.
+  out.setCompression(TiffImageFile::kNone);
   out.modifyControlFlags(ILC_TOPDOWN, 0);
   if (im.aspectWidth != 0 && im.aspectRatio != float(im.aspectWidth) / float(im.aspectHeight)) {
     int n = int(float(im.aspectHeight) * im.aspectRatio);

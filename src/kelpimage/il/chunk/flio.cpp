@@ -282,8 +282,17 @@ void FLstream::unread(const void* bytes, size_t n) {
 int FLstream::write(const void* src, size_t n) {
   if (!fWrite) return FL_EMODE;
   auto* p = static_cast<const uint8_t*>(src);
+  bool mayGoOut = fSeekable || fHold == 0;
+  if (mayGoOut && n >= kFlushAt && fFd >= 0) {
+    // Large pieces go straight to the file, after what is buffered.
+    if (int rc = flush()) return rc;
+    bool ok = writeAll(fFd, p, n, fSeekable, fWbase);
+    fWbase += n;
+    if (!ok) fError = FL_EWRITE;
+    return ok ? 0 : FL_EWRITE;
+  }
   fWbuf.insert(fWbuf.end(), p, p + n);
-  if (fWbuf.size() >= kFlushAt && (fSeekable || fHold == 0)) return flush();
+  if (fWbuf.size() >= kFlushAt && mayGoOut) return flush();
   return 0;
 }
 
