@@ -198,32 +198,30 @@ int convert(PxfHandle* handle, const char* output) {
     reportConversionError("Failed to allocate PXF scan line buffers.");
     return -1;
   }
-  // Rows stored bottom-up go out as they come; rows stored top-down come
-  // from the top, so the whole picture is gathered first.
-  bool lines = im.orientation == PXF_BOTTOM_UP;
-  size_t rowsHeld = lines ? 1 : size_t(height);
-  std::vector<uint8_t> pixels(rowsHeld * size_t(width) * 4, 0);
-  std::vector<float> zs(depth ? rowsHeld * size_t(width) : 0, 0.0f);
+  // Rows go out as they come: from the bottom, or, for a file that stores
+  // its top row first, from the top, which the line writer takes as well.
+  bool fromTop = im.orientation != PXF_BOTTOM_UP;
+  if (fromTop) out.modifyControlFlags(ILC_TOPDOWN, 1);
+  std::vector<uint8_t> pixels(size_t(width) * 4);
+  std::vector<float> zs(depth ? size_t(width) : 0);
   int depthChannel = im.colorChannels + im.matteChannels;
   int rc = 0;
   for (int32_t i = 0; i < height && rc == 0; ++i) {
-    int32_t row = lines ? i : height - 1 - i;
-    size_t at = lines ? 0 : size_t(row) * size_t(width);
+    int32_t row = fromTop ? height - 1 - i : i;
     if (PXF_scan_read(handle, row, channels) != 0) {
       reportConversionError(withReason(std::string("anytoiff: cannot read row ") + std::to_string(row)));
       rc = -1;
       break;
     }
-    if (!fillLine(im, channels->buffers, pixels.data() + at * 4, width, fast)) {
+    if (!fillLine(im, channels->buffers, pixels.data(), width, fast)) {
       reportConversionError("Image has no colour channels.");
       rc = -1;
       break;
     }
-    if (depth) fillDepth(im, channels->buffers[depthChannel], zs.data() + at, width);
-    if (lines && out.writeLine(pixels.data(), depth ? zs.data() : nullptr) != 0) rc = -1;
+    if (depth) fillDepth(im, channels->buffers[depthChannel], zs.data(), width);
+    if (out.writeLine(pixels.data(), depth ? zs.data() : nullptr) != 0) rc = -1;
   }
   PXF_chan_free(channels);
-  if (rc == 0 && !lines && out.save(pixels.data(), depth ? zs.data() : nullptr, 0) != 0) rc = -1;
   int closed = out.close();
   if (rc == 0 && closed != 0) {
     reportConversionError(std::string("anytoiff: cannot write ") + output + ": " + FLstrerror(closed));
