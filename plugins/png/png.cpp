@@ -153,7 +153,7 @@ int readRow(void* state, int32_t row, void* const* channels, char* error, size_t
   return 0;
 }
 
-bool writeHeader(State* s, const PxfImageData* image, float dpi, int level) {
+bool writeHeader(State* s, float dpi, int level) {
   if (setjmp(png_jmpbuf(s->png))) return false;
   png_init_io(s->png, s->file);
   int type = s->colors == 3 ? (s->matte ? PNG_COLOR_TYPE_RGBA : PNG_COLOR_TYPE_RGB)
@@ -167,7 +167,6 @@ bool writeHeader(State* s, const PxfImageData* image, float dpi, int level) {
   png_set_compression_level(s->png, level);
   png_write_info(s->png, s->info);
   if (s->bytes == 2) png_set_swap(s->png);
-  (void)image;
   return true;
 }
 
@@ -197,7 +196,7 @@ void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* cons
   s->info = s->png ? png_create_info_struct(s->png) : nullptr;
   float dpi = pxfplugin::setting(settings, pxfplugin::kDpiCode, 0.0f);
   int level = int(pxfplugin::setting(settings, pxfplugin::kCompressionCode, 6.0f));
-  if (!s->info || !writeHeader(s, image, dpi, level)) {
+  if (!s->info || !writeHeader(s, dpi, level)) {
     fail(error, size, "%s", s->message[0] ? s->message : "libpng could not start");
     release(s);
     return nullptr;

@@ -115,25 +115,25 @@ PxfHandle* openPluginPicture(const std::string& key, const std::string& path) {
 }
 
 bool outputFormat(const std::string& name, const std::string& forced, std::string& format, std::string& why) {
+  std::string ext = (name == "-" || name.rfind("pipe:", 0) == 0) ? "" : extensionOf(name);
+  std::string own = !forced.empty() ? forced
+                    : ext.empty() || ext == "iff" ? "iff"
+                    : ext == "sgi" || ext == "rgb" || ext == "rgba" || ext == "bw" ? "sgi"
+                                                                                   : "";
+  if (own == "iff" || own == "sgi") {
+    format = own;
+    return true;
+  }
+  // Only names kimg does not write itself wake the plug-ins.
   auto plugins = writablePlugins();
   if (!forced.empty()) {
-    bool known = forced == "iff" || forced == "sgi";
-    for (const auto& [key, extensions] : plugins) known = known || key == forced;
-    if (!known) {
-      why = "kimg cannot write the format '" + forced + "' (kimg formats lists those it can)";
-      return false;
-    }
-    format = forced;
-    return true;
-  }
-  std::string ext = (name == "-" || name.rfind("pipe:", 0) == 0) ? "" : extensionOf(name);
-  if (ext.empty() || ext == "iff") {
-    format = "iff";
-    return true;
-  }
-  if (ext == "sgi" || ext == "rgb" || ext == "rgba" || ext == "bw") {
-    format = "sgi";
-    return true;
+    for (const auto& [key, extensions] : plugins)
+      if (key == forced) {
+        format = forced;
+        return true;
+      }
+    why = "kimg cannot write the format '" + forced + "' (kimg formats lists those it can)";
+    return false;
   }
   std::string list = "iff (.iff, or no extension), sgi (.sgi, .rgb, .rgba, .bw)";
   for (const auto& [key, extensions] : plugins) {

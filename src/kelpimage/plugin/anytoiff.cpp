@@ -29,12 +29,6 @@ bool sameFile(const char* input) {
          st.st_mtim.tv_nsec == gCurrentStat.st_mtim.tv_nsec;
 }
 
-std::string withReason(std::string text) {
-  const char* why = PXF_last_error();
-  if (why && *why) text += std::string(": ") + why;
-  return text;
-}
-
 bool statInput(const char* input) {
   struct stat st;
   if (input && ::stat(input, &st) == 0) return true;

@@ -34,12 +34,6 @@ Outputs& outputs() {
   return all;
 }
 
-std::string withReason(std::string text) {
-  const char* why = PXF_last_error();
-  if (why && *why) text += std::string(": ") + why;
-  return text;
-}
-
 // The format's nearest colour depth to `bits`: deeper if it has one, else shallower.
 int32_t outputBits(const PxfFormat* format, int32_t bits) {
   uint32_t mask = format->depths;
@@ -210,34 +204,17 @@ int convertOut(const char* input, const char* output, const char* key) {
 
   std::string extension = output;
   if (size_t dot = extension.rfind('.'); dot != std::string::npos) extension = extension.substr(dot);
-  if (!record.handle) {
-    record.partial = partialName(output);
-    PxfFileInfo info;
-    PXF_info_init(&info);
-    info.key = key;
-    info.name = info.name2 = record.partial.c_str();
-    info.one = 1;
-    info.extension = extension.c_str();
-    info.comment = "Image converted using ifftoany";
-    info.creator = "Kelp";
-    info.settings = settings.data();
-    info.imageCount = 1;
-    info.image = &image;
-    record.handle = record.partial.empty() ? nullptr : PXF_open(&info, "w");
-    if (!record.handle) {
-      reportConversionError(withReason(std::string("Failed to open output file: ") + output));
-      abandonOutput(record);
-      return -1;
-    }
-    record.frame = 0;
-  } else {
-    *record.handle->image = image;
-    if (PXF_set_frame(record.handle, record.frame + 1) != record.frame + 1) {
-      reportConversionError(withReason(std::string("Failed to add a frame to ") + output));
-      abandonOutput(record);
-      return -1;
-    }
-    record.frame++;
+  PxfFileInfo info;
+  PXF_info_init(&info);
+  info.key = key;
+  info.extension = extension.c_str();
+  info.settings = settings.data();
+  info.image = &image;
+  bool adding = record.handle != nullptr;
+  if (!openOutputFrame(output, record, info)) {
+    reportConversionError(withReason(std::string(adding ? "Failed to add a frame to " : "Failed to open output file: ") +
+                                     output));
+    return -1;
   }
   PxfImageData& opened = *record.handle->image;
   image.colorChannels = std::max(image.colorChannels, opened.colorChannels);
@@ -298,6 +275,12 @@ int convertOut(const char* input, const char* output, const char* key) {
 
 }  // namespace
 
+std::string withReason(std::string text) {
+  const char* why = PXF_last_error();
+  if (why && *why) text += std::string(": ") + why;
+  return text;
+}
+
 void reportConversionError(const std::string& text) {
   if (theErrorHandler) theErrorHandler->reportError(Tstring(text.c_str()));
   else std::fprintf(stderr, "%s\n", text.c_str());
@@ -345,6 +328,29 @@ int finishOutput(const std::string& target, ConversionOutput& out) {
   }
   out.partial.clear();
   return rc;
+}
+
+bool openOutputFrame(const std::string& target, ConversionOutput& out, PxfFileInfo& info) {
+  if (out.handle) {
+    *out.handle->image = *info.image;
+    if (PXF_set_frame(out.handle, out.frame + 1) == out.frame + 1) {
+      out.frame++;
+      return true;
+    }
+  } else {
+    out.partial = partialName(target);
+    info.name = info.name2 = out.partial.c_str();
+    info.one = 1;
+    info.comment = "Image converted using ifftoany";
+    info.creator = "Kelp";
+    info.imageCount = 1;
+    out.handle = out.partial.empty() ? nullptr : PXF_open(&info, "w");
+    out.format = out.handle ? out.handle->format : nullptr;
+    out.frame = 0;
+    if (out.handle) return true;
+  }
+  abandonOutput(out);
+  return false;
 }
 
 void abandonOutput(ConversionOutput& out) {

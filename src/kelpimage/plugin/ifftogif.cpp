@@ -118,27 +118,12 @@ int ifftogif(const char* input, const char* output) {
   }
   // A GIF holds several frames: the output stays open for the next one.
   ConversionOutput& record = conversionOutput(output);
-  if (!record.handle) {
-    record.partial = partialName(output);
-    PxfFileInfo info;
-    PXF_info_init(&info);
-    info.key = "gif";
-    info.name = info.name2 = record.partial.c_str();
-    info.one = 1;
-    info.comment = "Image converted using ifftoany";
-    info.creator = "Kelp";
-    info.lut = lut;
-    info.imageCount = 1;
-    info.image = &image;
-    record.handle = record.partial.empty() ? nullptr : PXF_open(&info, "w");
-    record.format = record.handle ? format : nullptr;
-    record.frame = 0;
-  } else {
-    *record.handle->image = image;
-    if (PXF_set_frame(record.handle, record.frame + 1) == record.frame + 1) record.frame++;
-    else abandonOutput(record);
-  }
-  PxfHandle* handle = record.handle;
+  PxfFileInfo info;
+  PXF_info_init(&info);
+  info.key = "gif";
+  info.lut = lut;
+  info.image = &image;
+  PxfHandle* handle = openOutputFrame(output, record, info) ? record.handle : nullptr;
   int rc = handle ? 0 : -1;
   for (int y = height - 1; y >= 0 && rc == 0; --y) {
     auto* index = static_cast<uint8_t*>(channels->buffers[0]);

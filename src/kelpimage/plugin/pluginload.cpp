@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -39,12 +40,8 @@ PluginTable& table() {
 std::vector<std::string> gPluginFileList;
 size_t gPluginFileCursor = 0;
 bool gFirstScan = true;
+std::set<std::string> gOffered;  // files offered to the framework already
 std::mutex gScanLock;  // one scan at a time, whoever calls
-
-const char* stringSymbol(void* library, const char* name) {
-  auto* p = static_cast<const char* const*>(dlsym(library, name));
-  return p ? *p : nullptr;
-}
 
 std::vector<std::string> splitPath(const char* text) {
   std::vector<std::string> dirs;
@@ -74,6 +71,11 @@ bool endsWith(const std::string& text, const std::string& tail) {
 
 }  // namespace
 
+const char* pluginString(void* library, const char* name) {
+  auto* p = static_cast<const char* const*>(dlsym(library, name));
+  return p ? *p : nullptr;
+}
+
 void* loadImagePlugin(const char* path) {
   struct stat st;
   if (!path || ::stat(path, &st) != 0) {
@@ -90,14 +92,14 @@ void* loadImagePlugin(const char* path) {
     std::fprintf(stderr, "Cannot open plugin %s%s%s.\n", path, why ? ": " : "", why ? why : "");
     return nullptr;
   }
-  const char* type = stringSymbol(library, "type");
-  const char* program = stringSymbol(library, "program");
+  const char* type = pluginString(library, "type");
+  const char* program = pluginString(library, "program");
   if (!type || !program || std::strcmp(type, "image") != 0 || std::strcmp(program, "Thornfell") != 0) {
     std::fprintf(stderr, "Error: plugin %s does not have valid entry point type/name\n", path);
     dlclose(library);
     return nullptr;
   }
-  const char* key = stringSymbol(library, "imageKey");
+  const char* key = pluginString(library, "imageKey");
   if (!key) {
     std::fprintf(stderr, "Error; plugin %s has no key.\n", path);
     dlclose(library);
@@ -165,6 +167,9 @@ bool nextPluginFile(void** handle, char** path) {
   *handle = nullptr;
   *path = nullptr;
   std::string& next = gPluginFileList[gPluginFileCursor++];
+  // Every scan of a process lists the same files again: each is loaded (or
+  // refused, with its message) the first time only.
+  if (!gOffered.insert(next).second) return true;
   void* library = loadImagePlugin(next.c_str());
   if (!library) return true;
   *handle = library;

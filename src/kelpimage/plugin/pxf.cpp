@@ -12,6 +12,8 @@
 #include <new>
 #include <string>
 
+#include "kelpimage/plugin/pxfinternal.h"
+
 namespace {
 
 constexpr size_t kErrorSize = 512;
@@ -36,15 +38,16 @@ const char* keep(Registry& r, const char* text) {
   return r.texts.back().c_str();
 }
 
-const char* stringSymbol(void* library, const char* name) {
-  auto* p = static_cast<const char* const*>(dlsym(library, name));
-  return p ? *p : nullptr;
+// An exported string of the plug-in, or `fallback`.
+const char* pluginStringOr(void* library, const char* name, const char* fallback) {
+  const char* text = pluginString(library, name);
+  return text ? text : fallback;
 }
 
 // Enters the format a loaded plug-in serves; false (and a message) when its
 // interface is another version's.
 bool addFormat(void* library, const char* path) {
-  const char* key = stringSymbol(library, "imageKey");
+  const char* key = pluginString(library, "imageKey");
   auto* ops = static_cast<const PxfPluginOps*>(dlsym(library, "imagePlugin"));
   if (!key) return false;
   if (!ops) {
@@ -62,9 +65,9 @@ bool addFormat(void* library, const char* path) {
     if (std::strcmp(f.key, key) == 0) return true;  // the first plug-in of a key serves it
   PxfFormat f{};
   f.key = keep(r, key);
-  f.name = keep(r, stringSymbol(library, "imageName") ? stringSymbol(library, "imageName") : key);
-  f.extensions = keep(r, stringSymbol(library, "imageExtension") ? stringSymbol(library, "imageExtension") : "");
-  f.description = keep(r, stringSymbol(library, "imageDescription") ? stringSymbol(library, "imageDescription") : "");
+  f.name = keep(r, pluginStringOr(library, "imageName", key));
+  f.extensions = keep(r, pluginStringOr(library, "imageExtension", ""));
+  f.description = keep(r, pluginStringOr(library, "imageDescription", ""));
   f.path = keep(r, path);
   f.orientations = ops->orientations;
   f.depths = ops->depths;

@@ -35,8 +35,20 @@ std::string partialName(const std::string& target);
 // Ends an open output: complete, it takes the target's name; otherwise the
 // partial file goes and the target stays as it was. 0 or -1.
 int finishOutput(const std::string& target, ConversionOutput& out);
+// Opens the output of `target` with `info` (whose name it fills with the
+// partial file), or, when it is open already, moves it on to its next frame
+// with `info.image`. False after giving the output up.
+struct PxfFileInfo;
+bool openOutputFrame(const std::string& target, ConversionOutput& out, PxfFileInfo& info);
 // Gives an output up: the partial file goes.
 void abandonOutput(ConversionOutput& out);
+
+// `text`, then ": " and the reason the plug-in gave for the last failure.
+std::string withReason(std::string text);
+
+// The string an image plug-in exports under `name` (a variable holding a
+// pointer to the text), or null.
+const char* pluginString(void* library, const char* name);
 
 // A message of the conversions: to the host's error handler, or to the
 // error stream when it has none.
