@@ -5,7 +5,8 @@
 set -euo pipefail
 
 packages=(g++ cmake ninja-build pkg-config python3 libgtest-dev libgmock-dev libbenchmark-dev
-          libpng-dev libjpeg62-turbo-dev libtiff-dev libgif-dev openimageio-tools
+          libpng-dev libjpeg62-turbo-dev libtiff-dev libgif-dev libopenexr-dev libwebp-dev
+          libstb-dev libnetpbm-dev openimageio-tools
           libcli11-dev zlib1g-dev libmuparser-dev gzip binutils-mips-linux-gnu
           imagemagick netpbm)
 if [ "${1:-}" = fuzz ]; then

@@ -1,5 +1,6 @@
 // Byte order, in one place: the formats are big-endian on disk (SGI files may
-// also come little-endian), whatever the machine is.
+// also come little-endian, and some plug-in formats are), whatever the
+// machine is.
 #pragma once
 
 #include <cstdint>
@@ -19,6 +20,16 @@ inline void putBE32(uint8_t* p, uint32_t v) {
   p[1] = uint8_t(v >> 16);
   p[2] = uint8_t(v >> 8);
   p[3] = uint8_t(v);
+}
+// Little-endian fields, for the formats of other platforms.
+inline uint32_t getLE32(const uint8_t* p) {
+  return (uint32_t(p[3]) << 24) | (uint32_t(p[2]) << 16) | (uint32_t(p[1]) << 8) | p[0];
+}
+inline void putLE32(uint8_t* p, uint32_t v) {
+  p[0] = uint8_t(v);
+  p[1] = uint8_t(v >> 8);
+  p[2] = uint8_t(v >> 16);
+  p[3] = uint8_t(v >> 24);
 }
 inline uint16_t swap16(uint16_t v) { return __builtin_bswap16(v); }
 inline uint32_t swap32(uint32_t v) { return __builtin_bswap32(v); }

@@ -38,6 +38,7 @@ struct ConvertOptions {
   std::string blur;    // X,Y in percent
   std::string format;  // "iff", "sgi" or a plug-in's key; empty: by the output's extension
   int frame = -1;      // one frame (or IFF image) of the input, from 0; -1: all an output holds
+  std::vector<std::string> options;  // NAME=VALUE for the output format's plug-in
 };
 
 int info(const std::vector<std::string>& files, bool stats);

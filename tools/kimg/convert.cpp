@@ -3,6 +3,7 @@
 // depth, bytes per channel, origin, ratio and fields; every other way goes
 // line by line at the input's bytes per channel.
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -30,6 +31,22 @@ struct Plan {
   int image = -1;  // the one IFF image to convert, from 0; -1 for all
 };
 
+// Hands the --option settings to the output format's plug-in.
+int setOptions(const std::vector<std::string>& options, const std::string& format) {
+  if (options.empty()) return 0;
+  if (format == "iff" || format == "sgi") return usage("--option is for the plug-in formats, not " + format);
+  for (const std::string& option : options) {
+    size_t equals = option.find('=');
+    char* end = nullptr;
+    float value = equals == std::string::npos ? 0.0f : std::strtof(option.c_str() + equals + 1, &end);
+    if (equals == std::string::npos || equals == 0 || end == option.c_str() + equals + 1 || *end != '\0')
+      return usage("--option must be NAME=NUMBER: " + option);
+    if (ifftoanySetOption(format.c_str(), option.substr(0, equals).c_str(), value) != 0)
+      return usage(takeReport("cannot set " + option));
+  }
+  return 0;
+}
+
 // Checks every option before anything is read or written.
 int makePlan(const ConvertOptions& o, Plan& plan) {
   std::string why;
@@ -41,6 +58,7 @@ int makePlan(const ConvertOptions& o, Plan& plan) {
   if (!o.blur.empty() && std::sscanf(o.blur.c_str(), "%f,%f", &plan.blurX, &plan.blurY) != 2)
     return usage("--blur must be X,Y: " + o.blur);
   if ((!o.filter.empty() || !o.blur.empty()) && o.resize.empty()) return usage("--filter and --blur go with --resize");
+  if (int status = setOptions(o.options, plan.format)) return status;
   if (!o.compression.empty()) {
     compressionNumber(o.compression, plan.compression);
     plan.compressionGiven = true;
@@ -239,20 +257,24 @@ int fromSgi(const std::string& input, const ConvertOptions& o, const Plan& plan,
   return status;
 }
 
-// Any other picture the front door opens, at one byte a channel.
-int fromFrontDoor(const std::string& input, const ConvertOptions& o, const Plan& plan, const std::string& path) {
-  TimageFile in;
-  if (in.identifyAndOpen(Tstring(input.c_str()), false, plan.image < 0 ? 0 : plan.image) != 0)
+// Any other picture: converted by the front door into an IFF picture of
+// one byte a channel (with its depth, where the format has one), which is
+// then read as any IFF picture is.
+int fromFrontDoor(const std::string& input, const std::string& key, const ConvertOptions& o, const Plan& plan,
+                  const std::string& path) {
+  Scratch iff;
+  if (!iff.error().empty()) return fail(o.out, iff.error());
+  if (anytoiff(input.c_str(), iff.path().c_str(), key.c_str(), plan.image < 0 ? 0 : plan.image) != 0)
     return fail(o.in, takeReport("cannot be read"));
-  TpixelMap map;
-  if (in.readPixelMap(map) != 0) return fail(o.in, takeReport("the pixels cannot be read"));
-  bool alpha = in.alpha();
-  in.close();
-  std::unique_ptr<Lines> lines = mapLines(map, alpha);
-  std::string why;
-  if (plan.resizeW > 0)
-    lines = zoomedLines(std::move(lines), plan.resizeW, plan.resizeH, o.filter, plan.blurX, plan.blurY, why);
-  return lines ? linesTo(*lines, o, plan, path) : fail(o.in, "cannot be resized: " + why);
+  Plan whole = plan;
+  whole.image = -1;
+  if (!whole.compressionGiven) {
+    // The front door's file is stored; the output is compressed as IFF
+    // pictures are by default.
+    whole.compression = 1;
+    whole.compressionGiven = true;
+  }
+  return fromIff(iff.path(), o, whole, path);
 }
 
 }  // namespace
@@ -269,7 +291,7 @@ int convert(const ConvertOptions& o) {
   auto into = [&](const Plan& p, const std::string& path) {
     if (key == "kelp") return fromIff(input.path(), o, p, path);
     if (key == "sgi") return fromSgi(input.path(), o, p, path);
-    return fromFrontDoor(input.path(), o, p, path);
+    return fromFrontDoor(input.path(), key.str(), o, p, path);
   };
   int frames = inputFrames(key.str(), input.path());
   if (o.frame >= frames) return fail(o.in, "has no frame " + std::to_string(o.frame) + " (frames 0 to " +

@@ -24,11 +24,13 @@ std::string temporaryDirectory() {
   return dir && *dir ? dir : "/tmp";
 }
 
-// A new empty file named after `pattern` (ending in XXXXXX); empty on failure.
-std::string makeTemporary(std::string pattern, std::string& error) {
+// A new empty file named after `pattern` (ending in XXXXXX), then `suffix`;
+// empty on failure.
+std::string makeTemporary(std::string pattern, std::string& error, const std::string& suffix = {}) {
+  pattern += suffix;
   std::vector<char> name(pattern.begin(), pattern.end());
   name.push_back('\0');
-  int fd = mkstemp(name.data());
+  int fd = mkstemps(name.data(), int(suffix.size()));
   if (fd < 0) {
     error = std::strerror(errno);
     return {};
@@ -124,7 +126,10 @@ Output::Output(const std::string& name) : fName(name) {
   size_t slash = name.rfind('/');
   std::string dir = slash == std::string::npos ? std::string("./") : name.substr(0, slash + 1);
   std::string base = slash == std::string::npos ? name : name.substr(slash + 1);
-  fTemp = makeTemporary(dir + "." + base + ".kimg-XXXXXX", fError);
+  // It keeps the target's extension, which tells some formats their variant.
+  size_t dot = base.rfind('.');
+  std::string extension = dot == std::string::npos || dot == 0 ? std::string() : base.substr(dot);
+  fTemp = makeTemporary(dir + "." + base + ".kimg-XXXXXX", fError, extension);
 }
 
 Output::~Output() {

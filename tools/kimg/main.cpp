@@ -58,6 +58,8 @@ int run(int argc, char** argv) {
   convert->add_option("--format", conv.format, "Output format: iff, sgi or a plug-in's key (default: by the extension)");
   convert->add_option("--frame", conv.frame, "Only this frame of the input (from 0): an IFF image or a plug-in's frame")
       ->check(CLI::NonNegativeNumber);
+  convert->add_option("--option", conv.options,
+                      "NAME=VALUE for the output format's plug-in, such as Quality=90 (kimg formats lists them)");
 
   std::string depthIn, depthOut;
   CLI::App* depth = app.add_subcommand("depth", "Write the depth channel of an IFF picture as a grey IFF picture");

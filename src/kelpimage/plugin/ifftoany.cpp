@@ -2,6 +2,7 @@
 // asked for, through the plug-in of that format. Outputs are written beside
 // their target under a temporary name and renamed into place when complete;
 // a multi-frame output stays open between calls until ifftoanyClose.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -46,30 +47,6 @@ int32_t outputBits(const PxfFormat* format, int32_t bits) {
   return (mask & (1u << (bits - 1))) ? bits : 0;
 }
 
-// The "DPI Resolution" setting for a picture of `dpi`, when the format has one.
-std::vector<PxfCapSetting*> dpiSettings(const PxfFormat* format, float dpi) {
-  std::vector<PxfCapSetting*> settings;
-  if (dpi >= 1.0f && dpi != 72.0f) {
-    const PxfCapability* descriptors = nullptr;
-    int32_t count = 0;
-    PXF_info_get_specific(0, format, &descriptors, nullptr, nullptr, &count);
-    for (int32_t i = 0; i < count; ++i) {
-      const PxfCapability& d = descriptors[i];
-      if ((d.flags & 2) && d.kind == 1 && d.name && std::strcmp(d.name, "DPI Resolution") == 0) {
-        PxfCapSetting* s = PXF_cap_setting_alloc(1);
-        if (s) {
-          s->code = d.code;
-          s->value = dpi;
-          settings.push_back(s);
-        }
-        break;
-      }
-    }
-  }
-  settings.push_back(nullptr);
-  return settings;
-}
-
 void putSample(void* buffer, int32_t x, int32_t bytes, uint32_t v) {
   if (bytes == 1) static_cast<uint8_t*>(buffer)[x] = uint8_t(v);
   else if (bytes == 2) static_cast<uint16_t*>(buffer)[x] = uint16_t(v);
@@ -80,6 +57,7 @@ struct Spread {
   int32_t inBytes, inBits, outBits, outBytes;
   int colors;  // 3, 1 (grey) or 0
   bool matte, depth;
+  bool floatDepth;  // the IFF values as they are
   bool clip;
   float low, high;
 };
@@ -97,7 +75,10 @@ void spreadLine(const Spread& s, const uint8_t* line, const float* z, void* cons
   for (int32_t x = 0; x < width; ++x) {
     for (int c = 0; c < s.colors; ++c) putSample(ch[c], x, s.outBytes, sample(x, order[c]));
     if (s.matte) putSample(ch[s.colors], x, s.outBytes, sample(x, 3));
-    if (s.depth) {
+    if (s.depth && s.floatDepth) {
+      float v = z ? z[x] : 0.0f;
+      std::memcpy(static_cast<uint8_t*>(ch[s.colors + (s.matte ? 1 : 0)]) + size_t(x) * 4, &v, 4);
+    } else if (s.depth) {
       float v = z ? z[x] : 0.0f;
       uint32_t out = 0;
       if (v != 0.0f) {
@@ -143,7 +124,7 @@ int convertOut(const char* input, const char* output, const char* key) {
     if (!record.format) return -1;
   }
   PxfFormat* format = record.format;
-  std::vector<PxfCapSetting*> settings = dpiSettings(format, in.dpi());
+  std::vector<PxfCapSetting*> settings = outputSettings(format, in.dpi());
   struct SettingsGuard {
     std::vector<PxfCapSetting*>& s;
     ~SettingsGuard() {
@@ -179,7 +160,8 @@ int convertOut(const char* input, const char* output, const char* key) {
     reportConversionError("Output format does not support depth. Ignoring z-buffer");
     depth = false;
   }
-  if (depth && !(format->depthWidths & 0xC0000000u)) {
+  bool floatDepth = format->flags & PXF_FLOAT_DEPTH;
+  if (depth && !floatDepth && !(format->depthWidths & 0xC0000000u)) {
     reportConversionError("Output format does not support 31 bit integer depth. Ignoring z-buffer");
     depth = false;
   }
@@ -193,7 +175,8 @@ int convertOut(const char* input, const char* output, const char* key) {
   image.colorBits = image.matteBits = bits;
   image.matteChannels = matte ? 1 : 0;
   image.depthChannels = depth ? 1 : 0;
-  image.depthBits = 31;
+  image.depthBits = floatDepth ? 32 : 31;
+  image.depthKind = floatDepth ? PXF_FLOAT : PXF_INTEGER;
   image.indexChannels = 0;
   image.indexBits = 16;
 
@@ -227,29 +210,32 @@ int convertOut(const char* input, const char* output, const char* key) {
     abandonOutput(record);
     return -1;
   }
-  bool whole = invert || depth;
+  // Integer depth is scaled by the clipping range stored after the pixels,
+  // so it needs the whole picture read first; float depth goes line by line.
+  bool whole = invert || (depth && !floatDepth);
   size_t lineBytes = size_t(width) * size_t(bytes == 2 ? 2 : 1) * 4;
   std::vector<uint8_t> pixels(lineBytes * (whole ? height : 1));
-  std::vector<float> zs(depth ? size_t(width) * height : 0);
-  Spread spread{bytes == 2 ? 2 : 1, bytes == 2 ? 16 : 8, bits, outBytes, colors, matte, depth, false, 0.0f, 0.0f};
+  std::vector<float> zs(depth ? size_t(width) * (whole ? height : 1) : 0);
+  Spread spread{bytes == 2 ? 2 : 1, bytes == 2 ? 16 : 8, bits, outBytes, colors, matte, depth, floatDepth,
+                false, 0.0f, 0.0f};
   spread.colors = std::min(colors, image.colorChannels);
   int rc = 0;
   if (whole) {
     if (in.load(pixels.data(), depth ? zs.data() : nullptr) != 0) {
       reportConversionError(std::string("Failed to read the pixels of ") + input + ": " + FLstrerror(flerrno));
       rc = -1;
-    } else if (depth) {
+    } else if (depth && !floatDepth) {
       spread.clip = readClipRange(in, spread.low, spread.high);
     }
   }
   for (int32_t i = 0; i < height && rc == 0; ++i) {
     int32_t row = invert ? height - 1 - i : i;
     const uint8_t* line = pixels.data();
-    const float* z = nullptr;
+    const float* z = depth ? zs.data() : nullptr;
     if (whole) {
       line += size_t(row) * lineBytes;
       if (depth) z = zs.data() + size_t(row) * width;
-    } else if (int code = in.readLine(pixels.data(), nullptr)) {
+    } else if (int code = in.readLine(pixels.data(), depth ? zs.data() : nullptr)) {
       reportConversionError(std::string("error reading scan line: ") + FLstrerror(code));
       rc = -1;
       break;
@@ -305,12 +291,34 @@ int pxfIffToAny(const char* input, const char* output, const char* key) {
 
 ConversionOutput& conversionOutput(const std::string& target) { return outputs().records[target]; }
 
+// The process's file creation mask, read without changing it (which would
+// race with other threads creating files); 022 when it cannot be read.
+static mode_t currentUmask() {
+  mode_t mask = 022;
+  if (FILE* status = std::fopen("/proc/self/status", "r")) {
+    char line[128];
+    unsigned value = 0;
+    while (std::fgets(line, sizeof line, status))
+      if (std::sscanf(line, "Umask: %o", &value) == 1) mask = mode_t(value);
+    std::fclose(status);
+  }
+  return mask;
+}
+
 std::string partialName(const std::string& target) {
-  std::string pattern = target + ".partial-XXXXXX";
+  // The partial file keeps the target's extension: a plug-in may take its
+  // variant of the format from it.
+  size_t slash = target.rfind('/'), dot = target.rfind('.');
+  std::string extension;
+  if (dot != std::string::npos && (slash == std::string::npos || dot > slash + 1)) extension = target.substr(dot);
+  std::string pattern = target + ".partial-XXXXXX" + extension;
   std::vector<char> name(pattern.begin(), pattern.end());
   name.push_back('\0');
-  int fd = mkstemp(name.data());
+  int fd = mkstemps(name.data(), int(extension.size()));
   if (fd < 0) return {};
+  // The finished file gets the permissions any new file would get, not the
+  // private ones of a temporary file.
+  fchmod(fd, 0666 & ~currentUmask());
   ::close(fd);
   return name.data();
 }

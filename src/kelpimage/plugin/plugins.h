@@ -18,3 +18,12 @@ KELP_API int formatIsMultiframe(const char* key);
 KELP_API int ifftoanyInit(const char* output, const char* key);
 // Closes every multi-frame output left open by ifftoany; returns 0.
 KELP_API int ifftoanyClose();
+
+// Options of the writing plug-ins, by the name of a capability the format
+// offers ("Quality", "Compression"...), handed to every later ifftoany of
+// that format. 0, or -1 with a message when the format or the capability is
+// unknown or cannot be set. Options are process-wide: a host sets them
+// before it converts.
+KELP_API int ifftoanySetOption(const char* key, const char* capability, float value);
+// Forgets the options of every format.
+KELP_API void ifftoanyClearOptions();

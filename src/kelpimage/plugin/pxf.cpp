@@ -129,8 +129,13 @@ const char* PXF_get_file_type(const char* path, int, uint8_t* flag) {
   uint8_t bytes[64];
   size_t n = std::fread(bytes, 1, sizeof bytes, f);
   std::fclose(f);
-  for (int i = 0; PxfFormat* format = PXF_format(i); ++i)
-    if (format->ops->canRead && format->ops->recognise && format->ops->recognise(bytes, n)) return format->key;
+  // Formats with a signature first: a guess at a header never claims a file
+  // that a signature names.
+  for (bool weak : {false, true})
+    for (int i = 0; PxfFormat* format = PXF_format(i); ++i)
+      if (bool(format->flags & PXF_WEAK_SIGNATURE) == weak && format->ops->canRead && format->ops->recognise &&
+          format->ops->recognise(bytes, n))
+        return format->key;
   return nullptr;
 }
 

@@ -23,6 +23,12 @@ constexpr int32_t PXF_TOP_DOWN = 2;
 
 // PxfFormat::flags
 constexpr uint8_t PXF_MULTIFRAME = 0x2;
+// The format takes depth as 32-bit floats, the IFF depth values as they are
+// (negative reciprocals, 0 for none), instead of 31-bit integers.
+constexpr uint8_t PXF_FLOAT_DEPTH = 0x4;
+// The format has no signature, and its recogniser only judges whether a
+// header makes sense: it is asked after every format that has one.
+constexpr uint8_t PXF_WEAK_SIGNATURE = 0x8;
 
 // PXF_scan_write: the format cannot be written by scan lines.
 constexpr int PXF_ENOSCAN = -16;
@@ -91,7 +97,7 @@ struct PxfPluginOps {
   uint32_t matte;         // 0: no matte channel
   uint32_t depth;         // 0: no depth channel
   uint32_t depthWidths;   // bit n - 1: n bits; the top two bits stand for 31 and 32
-  uint8_t flags;          // PXF_MULTIFRAME
+  uint8_t flags;          // PXF_MULTIFRAME, PXF_FLOAT_DEPTH, PXF_WEAK_SIGNATURE
   bool canRead, canWrite;
   const PxfCapability* capabilities;
   int32_t capabilityCount;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 // The directory scan and its callback for PXF_init.
 int collectPluginFiles();
@@ -30,7 +31,8 @@ struct ConversionOutput {
 };
 // The record of a target, made on first use.
 ConversionOutput& conversionOutput(const std::string& target);
-// A new empty file beside `target`; empty when none can be made.
+// A new empty file beside `target`, ending in its extension; empty when none
+// can be made.
 std::string partialName(const std::string& target);
 // Ends an open output: complete, it takes the target's name; otherwise the
 // partial file goes and the target stays as it was. 0 or -1.
@@ -53,3 +55,9 @@ const char* pluginString(void* library, const char* name);
 // A message of the conversions: to the host's error handler, or to the
 // error stream when it has none.
 void reportConversionError(const std::string& text);
+
+// The capability settings of an output of `format`: the host's options and
+// the picture's resolution `dpi`, null-terminated; each from
+// PXF_cap_setting_alloc, the caller deletes them.
+struct PxfCapSetting;
+std::vector<PxfCapSetting*> outputSettings(const PxfFormat* format, float dpi);
