@@ -1,0 +1,250 @@
+// The Netpbm plug-in, on libnetpbm: PBM, PGM, PPM and PAM, plain and raw,
+// with maxvals up to 65535 (read as 8 bits up to 255, as 16 bits above);
+// written raw, as the name's extension says: ".ppm" colour, ".pgm" grey,
+// ".pbm" black and white (at half the range), ".pam" PAM, keeping alpha;
+// other names get PGM for grey, PPM for colour, and PAM where there is
+// alpha. PPM, PGM and PBM cannot hold alpha, and leave it out.
+// libnetpbm reports errors through pm_error, which longjmps to the buffer
+// we give it: every call into it stands behind a setjmp in a function that
+// holds nothing needing destruction.
+#include <csetjmp>
+#include <cstdio>
+#include <cstring>
+#include <strings.h>
+#include <string>
+
+extern "C" {
+#include <netpbm/pam.h>
+}
+
+#include "kelpimage/plugin/pxf.h"
+#include "plugin_util.h"
+
+using pxfplugin::fail;
+
+namespace {
+
+constexpr int kMaxWidth = 65535;
+
+thread_local char gMessage[256];
+
+void onError(const char* text) { std::snprintf(gMessage, sizeof gMessage, "%s", text); }
+void onMessage(const char*) {}
+
+// libnetpbm's process-wide set-up, once.
+void startNetpbm() {
+  static bool started = [] {
+    pm_init("kelpimage", 0);
+    pm_setusererrormsgfn(onError);
+    pm_setusermessagefn(onMessage);
+    return true;
+  }();
+  (void)started;
+}
+
+struct State {
+  FILE* file = nullptr;
+  bool writing = false;
+  struct pam pam {};
+  tuple* row = nullptr;
+  int colors = 0;       // of the framework's picture
+  bool matte = false;
+  int outColors = 0;    // of the file written: 3, or 1 for grey and black and white
+  bool outMatte = false;
+  bool bits1 = false;   // black and white
+  unsigned int opacityPlane = 0;
+  int32_t outBits = 8;  // of the framework's samples
+  int32_t next = 0;     // rows handled, from the top
+  jmp_buf* saved = nullptr;  // the jump buffer libnetpbm had before ours
+};
+
+void release(State* s) {
+  if (s->row) pnm_freepamrow(s->row);
+  if (s->file) std::fclose(s->file);
+  delete s;
+}
+
+// Runs `call` with libnetpbm's errors caught; false after one (its text in
+// gMessage). The caller's jump buffer, if any, is put back either way.
+bool netpbm(State* s, void (*call)(State*)) {
+  gMessage[0] = '\0';
+  jmp_buf jump;
+  if (setjmp(jump)) {
+    pm_setjmpbuf(s->saved);
+    return false;
+  }
+  pm_setjmpbufsave(&jump, &s->saved);
+  call(s);
+  pm_setjmpbuf(s->saved);
+  return true;
+}
+
+void readHeader(State* s) { pnm_readpaminit(s->file, &s->pam, PAM_STRUCT_SIZE(opacity_plane)); }
+void readNext(State* s) { pnm_readpamrow(&s->pam, s->row); }
+void writeHeader(State* s) { pnm_writepaminit(&s->pam); }
+void writeNext(State* s) { pnm_writepamrow(&s->pam, s->row); }
+
+int recognise(const uint8_t* b, size_t n) {
+  return n >= 3 && b[0] == 'P' && b[1] >= '1' && b[1] <= '7' && (b[2] == ' ' || b[2] == '\n' || b[2] == '\r' ||
+                                                                   b[2] == '\t' || b[2] == '#');
+}
+
+void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* error, size_t size) {
+  startNetpbm();
+  auto* s = new State;
+  s->file = std::fopen(name, "rb");
+  if (!s->file) {
+    fail(error, size, "%s", std::strerror(errno));
+    release(s);
+    return nullptr;
+  }
+  if (!netpbm(s, readHeader)) {
+    fail(error, size, "%s", gMessage[0] ? gMessage : "not a Netpbm picture");
+    release(s);
+    return nullptr;
+  }
+  const struct pam& p = s->pam;
+  if (p.width < 1 || p.height < 1 || p.width > kMaxWidth || p.depth < 1 || p.depth > 16) {
+    fail(error, size, "picture of %d x %d pixels, %u samples each, is out of range", p.width, p.height, p.depth);
+    release(s);
+    return nullptr;
+  }
+  int haveOpacity = 0;
+  pnm_getopacity(&s->pam, &haveOpacity, &s->opacityPlane);
+  s->matte = haveOpacity != 0 && s->opacityPlane < p.depth;
+  s->colors = (p.depth - (s->matte ? 1 : 0)) >= 3 ? 3 : 1;
+  s->outBits = p.maxval > 255 ? 16 : 8;
+  s->row = pnm_allocpamrow(&s->pam);
+  pxfplugin::describePicture(image, p.width, p.height, PXF_TOP_DOWN, s->colors, s->matte, s->outBits);
+  *frames = 1;
+  return s;
+}
+
+int readRow(void* state, int32_t row, void* const* channels, char* error, size_t size) {
+  auto* s = static_cast<State*>(state);
+  if (s->pam.height - 1 - row != s->next) return fail(error, size, "rows are read from the top down only");
+  if (!netpbm(s, readNext)) return fail(error, size, "%s", gMessage[0] ? gMessage : "the file ends early");
+  s->next++;
+  // Samples scaled from the file's maxval to the full 8 or 16 bits, rounded.
+  sample maxval = s->pam.maxval, full = s->outBits == 16 ? 65535 : 255;
+  auto put = [&](int channel, unsigned plane) {
+    for (int x = 0; x < s->pam.width; ++x) {
+      sample v = s->row[x][plane];
+      unsigned long scaled = maxval == full ? v : (v * full + maxval / 2) / maxval;
+      if (s->outBits == 16) static_cast<uint16_t*>(channels[channel])[x] = uint16_t(scaled);
+      else static_cast<uint8_t*>(channels[channel])[x] = uint8_t(scaled);
+    }
+  };
+  unsigned colourPlanes[3] = {0, 1, 2};
+  for (int c = 0; c < s->colors; ++c) put(c, colourPlanes[c]);
+  if (s->matte) put(s->colors, s->opacityPlane);
+  return 0;
+}
+
+// The variant a name's extension asks for: 'p' PPM, 'g' PGM, 'b' PBM,
+// 'a' PAM, 0 for any.
+char variantOf(const char* name) {
+  const char* dot = std::strrchr(name, '.');
+  if (!dot || std::strchr(dot, '/')) return 0;
+  if (strcasecmp(dot, ".ppm") == 0) return 'p';
+  if (strcasecmp(dot, ".pgm") == 0) return 'g';
+  if (strcasecmp(dot, ".pbm") == 0) return 'b';
+  if (strcasecmp(dot, ".pam") == 0) return 'a';
+  return 0;
+}
+
+// The file's layout for a picture of `colors` and `matte`, by the variant.
+void chooseLayout(State* s, char variant) {
+  struct pam& p = s->pam;
+  s->outColors = variant == 'p' ? 3 : (variant == 'g' || variant == 'b') ? 1 : s->colors;
+  s->outMatte = s->matte && (variant == 'a' || variant == 0);
+  s->bits1 = variant == 'b';
+  p.depth = unsigned(s->outColors + (s->outMatte ? 1 : 0));
+  p.maxval = s->bits1 ? 1 : s->outBits == 16 ? 65535 : 255;
+  if (variant == 'a' || s->outMatte) p.format = PAM_FORMAT;
+  else if (s->bits1) p.format = RPBM_FORMAT;
+  else p.format = s->outColors == 3 ? RPPM_FORMAT : RPGM_FORMAT;
+  const char* type = s->bits1 ? "BLACKANDWHITE"
+                     : s->outColors == 3 ? (s->outMatte ? "RGB_ALPHA" : "RGB")
+                                         : (s->outMatte ? "GRAYSCALE_ALPHA" : "GRAYSCALE");
+  std::snprintf(p.tuple_type, sizeof p.tuple_type, "%s", type);
+  p.have_opacity = s->outMatte;
+  p.opacity_plane = unsigned(s->outColors);
+}
+
+void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* const*, const PxfLut*, char* error,
+                size_t size) {
+  startNetpbm();
+  if (image->colorChannels == 0 || image->width() < 1 || image->height() < 1 || image->width() > kMaxWidth) {
+    fail(error, size, "Netpbm pictures need colour channels and a size");
+    return nullptr;
+  }
+  auto* s = new State;
+  s->writing = true;
+  s->colors = image->colorChannels >= 3 ? 3 : 1;
+  s->matte = image->matteChannels > 0;
+  s->outBits = image->colorBits > 8 ? 16 : 8;
+  s->file = std::fopen(name, "wb");
+  if (!s->file) {
+    fail(error, size, "%s", std::strerror(errno));
+    release(s);
+    return nullptr;
+  }
+  struct pam& p = s->pam;
+  p.size = sizeof(struct pam);
+  p.len = PAM_STRUCT_SIZE(opacity_plane);
+  p.file = s->file;
+  p.plainformat = 0;
+  p.width = image->width();
+  p.height = image->height();
+  chooseLayout(s, variantOf(name));
+  s->row = pnm_allocpamrow(&s->pam);
+  if (!netpbm(s, writeHeader)) {
+    fail(error, size, "%s", gMessage[0] ? gMessage : "libnetpbm could not start");
+    release(s);
+    return nullptr;
+  }
+  return s;
+}
+
+int writeRow(void* state, int32_t row, const void* const* channels, char* error, size_t size) {
+  auto* s = static_cast<State*>(state);
+  if (s->pam.height - 1 - row != s->next) return fail(error, size, "rows are written from the top down only");
+  auto in = [&](int c, int x) -> sample {
+    return s->outBits == 16 ? static_cast<const uint16_t*>(channels[c])[x] : static_cast<const uint8_t*>(channels[c])[x];
+  };
+  sample full = s->outBits == 16 ? 65535 : 255;
+  for (int x = 0; x < s->pam.width; ++x) {
+    tuple t = s->row[x];
+    sample r = in(0, x), g = s->colors == 3 ? in(1, x) : r, b = s->colors == 3 ? in(2, x) : r;
+    if (s->outColors == 3) {
+      t[0] = r, t[1] = g, t[2] = b;
+    } else {
+      // Grey by the luma weights of television.
+      sample y = s->colors == 3 ? (r * 299 + g * 587 + b * 114 + 500) / 1000 : r;
+      t[0] = s->bits1 ? (y * 2 >= full ? 1 : 0) : y;
+    }
+    if (s->outMatte) t[s->outColors] = in(s->colors, x);
+  }
+  if (!netpbm(s, writeNext)) return fail(error, size, "%s", gMessage[0] ? gMessage : "cannot write");
+  s->next++;
+  return 0;
+}
+
+int closeFile(void* state, char* error, size_t size) {
+  auto* s = static_cast<State*>(state);
+  int rc = 0;
+  if (s->writing) {
+    if (s->next != s->pam.height) rc = fail(error, size, "only %d of %d rows were written", s->next, s->pam.height);
+    if (pxfplugin::closeWritten(s->file, rc == 0 ? error : nullptr, size) != 0) rc = -1;
+  }
+  release(s);
+  return rc;
+}
+
+}  // namespace
+
+PXF_IMAGE_PLUGIN("pnm", "pnm;ppm;pgm;pbm;pam", "Netpbm", "PBM, PGM, PPM and PAM, 8 and 16 bits, with alpha in PAM",
+                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 2u, (1u << 7) | (1u << 15), 1u, 0u, 0u, 0,
+                               true, true, nullptr, 0, recognise, openRead, nullptr, readRow, openWrite, nullptr,
+                               writeRow, closeFile}));

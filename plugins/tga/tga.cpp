@@ -1,0 +1,99 @@
+// The Targa plug-in, on stb: 8-bit pictures, raw and run-length, true
+// colour, grey and colour-mapped, stored from the top or the bottom; written
+// run-length encoded, grey or colour, with alpha.
+#include "stb_glue.h"
+
+using pxfplugin::fail;
+
+namespace {
+
+struct State {
+  pxfplugin::StbPicture picture;  // reading
+  pxfplugin::StbCanvas canvas;    // writing
+  std::string name;
+  bool writing = false;
+};
+
+bool oneOf(int v, std::initializer_list<int> values) {
+  for (int x : values)
+    if (v == x) return true;
+  return false;
+}
+
+// Targa has no signature: the header's fields must all make sense, and the
+// format is tried after those that have one.
+int recognise(const uint8_t* b, size_t n) {
+  if (n < 18) return 0;
+  int mapType = b[1], type = b[2], entryBits = b[7], bits = b[16];
+  int width = b[12] | b[13] << 8, height = b[14] | b[15] << 8;
+  if (width < 1 || height < 1 || mapType > 1 || !oneOf(type, {1, 2, 3, 9, 10, 11})) return 0;
+  bool mapped = type == 1 || type == 9;
+  if (mapped) return mapType == 1 && oneOf(entryBits, {15, 16, 24, 32}) && oneOf(bits, {8, 16});
+  if (type == 3 || type == 11) return oneOf(bits, {8, 16});
+  return oneOf(bits, {15, 16, 24, 32});
+}
+
+void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* error, size_t size) {
+  auto* s = new State;
+  auto any = [](int, int, int) { return std::string(); };
+  if (!pxfplugin::stbDecode(name, false, s->picture, any, error, size)) {
+    delete s;
+    return nullptr;
+  }
+  int n = s->picture.channels;
+  pxfplugin::describePicture(image, s->picture.width, s->picture.height, PXF_TOP_DOWN, n >= 3 ? 3 : 1,
+                             n == 2 || n == 4, 8);
+  *frames = 1;
+  return s;
+}
+
+int readRow(void* state, int32_t row, void* const* channels, char* error, size_t size) {
+  return pxfplugin::stbRow(static_cast<State*>(state)->picture, row, channels, error, size);
+}
+
+void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* const*, const PxfLut*, char* error,
+                size_t size) {
+  if (image->colorChannels == 0) {
+    fail(error, size, "Targa pictures need colour channels");
+    return nullptr;
+  }
+  auto* s = new State;
+  s->writing = true;
+  s->name = name;
+  int n = (image->colorChannels >= 3 ? 3 : 1) + (image->matteChannels > 0 ? 1 : 0);
+  if (!s->canvas.start(image->width(), image->height(), n, 1)) {
+    fail(error, size, "picture of %d x %d pixels is beyond the pixel limit", image->width(), image->height());
+    delete s;
+    return nullptr;
+  }
+  return s;
+}
+
+int writeRow(void* state, int32_t row, const void* const* channels, char* error, size_t size) {
+  auto& c = static_cast<State*>(state)->canvas;
+  if (row < 0 || row >= c.height) return fail(error, size, "no row %d", row);
+  pxfplugin::interleave(channels, 0, c.channels, 1, c.line(row), c.width, c.channels);
+  c.rows++;
+  return 0;
+}
+
+int closeFile(void* state, char* error, size_t size) {
+  auto* s = static_cast<State*>(state);
+  int rc = 0;
+  if (s->writing) {
+    const auto& c = s->canvas;
+    rc = pxfplugin::stbWrite(s->name.c_str(), c, [&](pxfplugin::StbSink* sink) {
+      stbi_write_tga_with_rle = 1;
+      return stbi_write_tga_to_func(pxfplugin::StbSink::write, sink, c.width, c.height, c.channels, c.pixels.data());
+    }, error, size);
+  }
+  delete s;
+  return rc;
+}
+
+}  // namespace
+
+PXF_IMAGE_PLUGIN("tga", "tga;icb;vda;vst", "Targa", "Truevision Targa, 8 bits, raw, run-length and colour-mapped",
+                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 3u, 1u << 7, 1u, 0u, 0u, PXF_WEAK_SIGNATURE,
+                               true, true, nullptr, 0, recognise, openRead, nullptr, readRow, openWrite, nullptr,
+                               writeRow, closeFile}));
