@@ -1,5 +1,5 @@
-// The BMP plug-in: read on stb (1, 4, 8, 16, 24 and 32 bits, run-length
-// and bit fields); written here, as stb writes 24 bits only: 24-bit
+// The BMP plug-in: read on stb (1, 4, 8, 16, 24 and 32 bits, and bit
+// fields; not run-length); written here, as stb writes 24 bits only: 24-bit
 // pictures with a plain header, 32-bit ones (with alpha) with a version 4
 // header whose masks place the alpha. Rows go out from the bottom, as they
 // come.
@@ -29,6 +29,20 @@ int recognise(const uint8_t* b, size_t n) {
   return header == 12 || header == 40 || header == 52 || header == 56 || header == 64 || header == 108 || header == 124;
 }
 
+// What the file's header says stb cannot decode, or empty.
+std::string unsupported(const char* name) {
+  uint8_t b[34] = {};
+  FILE* f = std::fopen(name, "rb");
+  if (!f) return {};
+  size_t n = std::fread(b, 1, sizeof b, f);
+  std::fclose(f);
+  if (n < sizeof b || kelp::getLE32(b + 14) < 40) return {};
+  uint32_t compression = kelp::getLE32(b + 30);
+  if (compression == 1 || compression == 2) return "run-length compressed BMP files are not read";
+  if (compression == 4 || compression == 5) return "BMP files holding JPEG or PNG data are not read";
+  return {};
+}
+
 // The horizontal resolution of a file's header, in dots an inch; 0 for none.
 float headerDpi(const char* name) {
   uint8_t b[46] = {};
@@ -44,7 +58,9 @@ float headerDpi(const char* name) {
 void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* error, size_t size) {
   auto* s = new State;
   auto any = [](int, int, int) { return std::string(); };
-  if (!pxfplugin::stbDecode(name, false, s->picture, any, error, size)) {
+  std::string why = unsupported(name);
+  if (!why.empty()) fail(error, size, "%s", why.c_str());
+  if (!why.empty() || !pxfplugin::stbDecode(name, false, s->picture, any, error, size)) {
     delete s;
     return nullptr;
   }

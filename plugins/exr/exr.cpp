@@ -17,6 +17,7 @@
 #include <ImfThreading.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -61,6 +62,24 @@ void startThreads() {
 // sample stands for the pixel at `origin`.
 Imf::Slice slice(Imf::PixelType type, void* first, Imath::V2i origin, int32_t width, int32_t lines) {
   return Imf::Slice::Make(type, first, origin, int64_t(width), int64_t(lines), size_t(4), size_t(width) * 4);
+}
+
+// The half of each 8-bit colour value v: the nearest to v / 255, or the next
+// above it where the nearest falls short, so that readers which truncate
+// colour (as the conversion into IFF does, and ImageMagick) come back to v
+// as well as those that round. Alpha keeps the nearest half: ImageMagick
+// reads it through its complement, where a nudge up would cost a level.
+const Imath::half* byteHalves() {
+  static const auto table = [] {
+    std::array<Imath::half, 256> t;
+    for (int v = 0; v < 256; ++v) {
+      Imath::half h(float(v) / 255.0f);
+      if (int(double(float(h)) * 255.0) != v) h.setBits(uint16_t(h.bits() + 1));
+      t[size_t(v)] = h;
+    }
+    return t;
+  }();
+  return table.data();
 }
 
 uint16_t toSample(float v) {
@@ -409,7 +428,11 @@ int writeRow(void* state, int32_t row, const void* const* channels, char* error,
       return w.bits > 8 ? float(static_cast<const uint16_t*>(from)[x]) * scale
                         : float(static_cast<const uint8_t*>(from)[x]) * scale;
     };
-    if (w.type == Imf::HALF) {
+    if (w.type == Imf::HALF && w.bits <= 8 && slot != kAlpha) {
+      const Imath::half* halves = byteHalves();
+      Imath::half* to = w.halves[slot].data() + at;
+      for (int32_t x = 0; x < w.width; ++x) to[x] = halves[static_cast<const uint8_t*>(from)[x]];
+    } else if (w.type == Imf::HALF) {
       Imath::half* to = w.halves[slot].data() + at;
       for (int32_t x = 0; x < w.width; ++x) to[x] = Imath::half(value(x));
     } else {
