@@ -29,8 +29,11 @@ struct StbSource {
   static int read(void* user, char* data, int size) {
     auto* s = static_cast<StbSource*>(user);
     size_t n = std::fread(data, 1, size_t(size), s->file);
-    if (n == 0) s->overrun = true;
-    return int(n);
+    if (n > 0 || size <= 0) return int(n);
+    // 0x81: a run of one (Radiance) or two (Targa) pixels, never a count of 0.
+    s->overrun = true;
+    std::memset(data, 0x81, size_t(size));
+    return size;
   }
   static void skip(void* user, int n) {
     auto* s = static_cast<StbSource*>(user);
