@@ -8,6 +8,7 @@
 // we give it: every call into it stands behind a setjmp in a function that
 // holds nothing needing destruction.
 #include <csetjmp>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <strings.h>
@@ -64,6 +65,10 @@ void release(State* s) {
   delete s;
 }
 
+// How much of struct pam we use, through the opacity fields (libnetpbm's
+// PAM_STRUCT_SIZE does this through a null pointer).
+constexpr int kPamSize = int(offsetof(struct pam, opacity_plane) + sizeof(pam::opacity_plane));
+
 // Runs `call` with libnetpbm's errors caught; false after one (its text in
 // gMessage). The caller's jump buffer, if any, is put back either way.
 bool netpbm(State* s, void (*call)(State*)) {
@@ -79,7 +84,7 @@ bool netpbm(State* s, void (*call)(State*)) {
   return true;
 }
 
-void readHeader(State* s) { pnm_readpaminit(s->file, &s->pam, PAM_STRUCT_SIZE(opacity_plane)); }
+void readHeader(State* s) { pnm_readpaminit(s->file, &s->pam, kPamSize); }
 void readNext(State* s) { pnm_readpamrow(&s->pam, s->row); }
 void writeHeader(State* s) { pnm_writepaminit(&s->pam); }
 void writeNext(State* s) { pnm_writepamrow(&s->pam, s->row); }
@@ -89,12 +94,49 @@ int recognise(const uint8_t* b, size_t n) {
                                                                    b[2] == '\t' || b[2] == '#');
 }
 
+// A PAM header's lines, checked before libnetpbm parses them: it leaks on
+// some of the faults it reports. Empty when the header is sound; the file is
+// back at its start either way.
+std::string pamHeaderProblem(FILE* file) {
+  char magic[3] = {};
+  std::string problem;
+  if (std::fread(magic, 1, 3, file) == 3 && magic[0] == 'P' && magic[1] == '7') {
+    char line[512];
+    problem = "the PAM header has no ENDHDR line";
+    for (int lines = 0; lines < 1000 && std::fgets(line, sizeof line, file); ++lines) {
+      char word[16] = {};
+      unsigned long value = 0;
+      char extra = 0;
+      if (line[0] == '#' || std::sscanf(line, "%15s", word) != 1) continue;
+      std::string w = word;
+      if (w == "ENDHDR") {
+        problem.clear();
+        break;
+      }
+      if (w == "TUPLTYPE") continue;
+      bool number = std::sscanf(line, "%15s %lu %c", word, &value, &extra) == 2;
+      if ((w != "WIDTH" && w != "HEIGHT" && w != "DEPTH" && w != "MAXVAL") || !number) {
+        problem = "the PAM header line \"" + std::string(line, std::strcspn(line, "\r\n")) + "\" is not one it may hold";
+        break;
+      }
+    }
+  }
+  std::rewind(file);
+  return problem;
+}
+
 void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* error, size_t size) {
   startNetpbm();
   auto* s = new State;
   s->file = std::fopen(name, "rb");
   if (!s->file) {
     fail(error, size, "%s", std::strerror(errno));
+    release(s);
+    return nullptr;
+  }
+  std::string problem = pamHeaderProblem(s->file);
+  if (!problem.empty()) {
+    fail(error, size, "%s", problem.c_str());
     release(s);
     return nullptr;
   }
@@ -192,7 +234,7 @@ void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* cons
   }
   struct pam& p = s->pam;
   p.size = sizeof(struct pam);
-  p.len = PAM_STRUCT_SIZE(opacity_plane);
+  p.len = kPamSize;
   p.file = s->file;
   p.plainformat = 0;
   p.width = image->width();
