@@ -24,6 +24,12 @@ set -x
 "$kimg" convert "$out/pattern.iff" "$out/pattern.png"
 "$kimg" convert "$out/pattern.png" "$out/pattern.jpg"
 "$kimg" info "$out/pattern.png" "$out/pattern.jpg"
+# Depth travels through OpenEXR as a Z channel of distances, and comes back.
+"$kimg" convert "$out/pattern.iff" "$out/pattern.exr"
+"$kimg" convert "$out/pattern.exr" "$out/from-exr.iff"
+"$kimg" info --stats "$out/from-exr.iff"
+"$kimg" convert "$out/pattern.iff" "$out/pattern.webp" --option Quality=85
+"$kimg" info "$out/pattern.webp"
 "$kimg" convert "$out/pattern.sgi" "$out/from-sgi.iff"
 "$kimg" info "$out/from-sgi.iff"
 "$kimg" convert "$out/pattern.iff" - --resize 64x36 | "$kimg" info --stats -
