@@ -30,9 +30,11 @@ struct StbSource {
     auto* s = static_cast<StbSource*>(user);
     size_t n = std::fread(data, 1, size_t(size), s->file);
     if (n > 0 || size <= 0) return int(n);
-    // 0x81: a run of one (Radiance) or two (Targa) pixels, never a count of 0.
+    // Line ends: they close every header line a decoder may be looking for
+    // the end of, and in pixel data they are counts of 10 (Radiance) or
+    // packets of 11 pixels (Targa), never the 0 that stalls a decoder.
     s->overrun = true;
-    std::memset(data, 0x81, size_t(size));
+    std::memset(data, '\n', size_t(size));
     return size;
   }
   static void skip(void* user, int n) {

@@ -223,6 +223,11 @@ TEST(NewFormats, DamagedAndOversizedFilesFailCleanly) {
       EXPECT_FALSE(reports.text.empty());
     }
   }
+  // A Radiance header that never ends (stb's reader once looked for its end
+  // forever).
+  std::string endless = "#?RADIANCE\nGAMMA=0.45\nPRIMARIES=0.64 0.33";
+  writeBytes(dir.file("endless.hdr"), std::vector<uint8_t>(endless.begin(), endless.end()));
+  EXPECT_EQ(anytoiff(dir.file("endless.hdr").c_str(), dir.file("endless.iff").c_str(), nullptr, 0), -1);
   // A BMP and a Targa header of 40000 x 40000 pixels, under a limit of 2^20.
   uint64_t limit = ILmaxpixels(0);
   ILmaxpixels(uint64_t(1) << 20);
