@@ -17,6 +17,8 @@ trap 'rm -rf "$dir"' EXIT
 convert "$dir/big.sgi" "$dir/big.png"
 convert "$dir/big.sgi" -alpha off -quality 90 "$dir/big.jpg"
 convert "$dir/big.sgi" -compress zip "$dir/big.tif"
+oiiotool "$dir/big.sgi" -d half --compression zip -o "$dir/big.exr"
+convert "$dir/big.sgi" -define webp:lossless=true "$dir/big.webp"
 
 best() {
   local times=""
@@ -42,3 +44,8 @@ row "JPEG to IFF" "$dir/big.jpg" "$dir/o.iff" "$dir/big.jpg" "$dir/o.sgi"
 printf '%-16s %8s\n' "  stored IFF" "$(best "$kimg" convert "$dir/big.jpg" "$dir/o.iff" --compression none)"
 row "TIFF to IFF" "$dir/big.tif" "$dir/o.iff" "$dir/big.tif" "$dir/o.sgi"
 printf '%-16s %8s\n' "  stored IFF" "$(best "$kimg" convert "$dir/big.tif" "$dir/o.iff" --compression none)"
+row "EXR to IFF" "$dir/big.exr" "$dir/o.iff" "$dir/big.exr" "$dir/o.sgi"
+printf '%-16s %8s\n' "  stored IFF" "$(best "$kimg" convert "$dir/big.exr" "$dir/o.iff" --compression none)"
+row "IFF to EXR" "$dir/big.iff" "$dir/o.exr" "$dir/big.sgi" "$dir/o.exr"
+row "WebP to IFF" "$dir/big.webp" "$dir/o.iff" "$dir/big.webp" "$dir/o.sgi"
+printf '%-16s %8s\n' "  stored IFF" "$(best "$kimg" convert "$dir/big.webp" "$dir/o.iff" --compression none)"
