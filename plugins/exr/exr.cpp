@@ -38,19 +38,23 @@ using pxfplugin::fail;
 namespace {
 
 constexpr int16_t kFloatCode = 4;  // 1: write 32-bit float samples; 0: half
-constexpr int32_t kMaxWidth = 1 << 20;
+constexpr int32_t kMaxWidth = 65535;
 
 // The channels the framework sees, in its order.
 enum Slot { kRed, kGreen, kBlue, kAlpha, kDepth, kSlots };
 
-// Lines decoded or encoded at once: enough blocks for OpenEXR's threads.
-int32_t bandLines(const Imf::Header& header) {
+// Lines decoded or encoded at once: enough blocks for OpenEXR's threads,
+// and no more than about 4M samples a channel for wide pictures.
+int32_t bandLines(const Imf::Header& header, int32_t width, int32_t height) {
+  int32_t lines = 128;  // ZIP blocks of 16 lines, PIZ of 32, and the rest
   switch (header.compression()) {
     case Imf::NO_COMPRESSION:
     case Imf::RLE_COMPRESSION:
-    case Imf::ZIPS_COMPRESSION: return 64;
-    default: return 128;  // ZIP blocks of 16 lines, PIZ of 32, and the rest
+    case Imf::ZIPS_COMPRESSION: lines = 64; break;
+    default: break;
   }
+  lines = std::min(lines, std::max(32, (1 << 22) / std::max(width, 1)));
+  return std::min(lines, height);
 }
 
 // OpenEXR decodes and encodes blocks on a pool of threads when it has one.
@@ -229,14 +233,14 @@ void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* err
     }
     r->window = h.dataWindow();
     int64_t w = int64_t(r->window.max.x) - r->window.min.x + 1, ht = int64_t(r->window.max.y) - r->window.min.y + 1;
-    if (w < 1 || ht < 1 || w > kMaxWidth || ht > std::numeric_limits<int32_t>::max()) {
+    if (w < 1 || ht < 1 || w > kMaxWidth || ht > kMaxWidth || !pxfplugin::wholeAllowed(uint64_t(w), uint64_t(ht))) {
       fail(error, size, "data window of %lld x %lld pixels is out of range", (long long)w, (long long)ht);
       return nullptr;
     }
     r->width = int32_t(w);
     r->height = int32_t(ht);
     r->part = std::make_unique<Imf::InputPart>(*r->file, part);
-    r->band = std::min(bandLines(h), r->height);
+    r->band = bandLines(h, r->width, r->height);
     describe(*r, image, h);
     *frames = 1;
     auto* s = new State;
@@ -373,7 +377,7 @@ void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* cons
     if (w->depth) header.channels().insert("Z", Imf::Channel(Imf::FLOAT));
     float dpi = pxfplugin::setting(settings, pxfplugin::kDpiCode, image->dpi);
     if (dpi >= 1.0f) Imf::addXDensity(header, dpi);
-    w->band = std::min(bandLines(header), w->height);
+    w->band = bandLines(header, w->width, w->height);
     for (int s = 0; s < kSlots; ++s) {
       if (type == Imf::HALF && s != kDepth) w->halves[s].resize(size_t(w->width) * size_t(w->band));
       else w->samples[s].resize(size_t(w->width) * size_t(w->band));
