@@ -57,10 +57,9 @@ float headerDpi(const char* name) {
 
 void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* error, size_t size) {
   auto* s = new State;
-  auto any = [](int, int, int) { return std::string(); };
   std::string why = unsupported(name);
   if (!why.empty()) fail(error, size, "%s", why.c_str());
-  if (!why.empty() || !pxfplugin::stbDecode(name, false, s->picture, any, error, size)) {
+  if (!why.empty() || !pxfplugin::stbDecode(name, false, s->picture, error, size)) {
     delete s;
     return nullptr;
   }
@@ -159,10 +158,7 @@ int writeRow(void* state, int32_t row, const void* const* channels, char* error,
 int closeFile(void* state, char* error, size_t size) {
   auto* s = static_cast<State*>(state);
   int rc = 0;
-  if (s->writing) {
-    if (s->next != s->height) rc = fail(error, size, "only %d of %d rows were written", s->next, s->height);
-    if (pxfplugin::closeWritten(s->file, rc == 0 ? error : nullptr, size) != 0) rc = -1;
-  }
+  if (s->writing) rc = pxfplugin::finishWritten(s->file, s->next, s->height, error, size);
   delete s;
   return rc;
 }

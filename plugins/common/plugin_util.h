@@ -78,6 +78,14 @@ inline int closeWritten(FILE*& file, char* error, size_t size) {
   return rc;
 }
 
+// Closes a stream a plug-in wrote `rows` rows of a picture of `height` to:
+// -1 with the reason when rows are missing or any byte did not reach the file.
+inline int finishWritten(FILE*& file, int32_t rows, int32_t height, char* error, size_t size) {
+  int rc = rows == height ? 0 : fail(error, size, "only %d of %d rows were written", rows, height);
+  if (closeWritten(file, rc == 0 ? error : nullptr, size) != 0) rc = -1;
+  return rc;
+}
+
 // Whether a picture of this size may be held whole: within the library's
 // pixel limit (ILmaxpixels), checked before anything is allocated for it.
 inline bool wholeAllowed(uint64_t width, uint64_t height) { return width * height <= ILmaxpixels(0); }

@@ -55,11 +55,8 @@ struct StbPicture {
   ~StbPicture() { stbi_image_free(pixels); }
 };
 
-// Decodes `name`: floats when `asFloat`. `check` sees the header's size and
-// channels before anything is decoded and may refuse with a reason. False
-// with the reason in `error`.
-template <typename Check>
-bool stbDecode(const char* name, bool asFloat, StbPicture& picture, Check check, char* error, size_t size) {
+// Decodes `name`: floats when `asFloat`. False with the reason in `error`.
+inline bool stbDecode(const char* name, bool asFloat, StbPicture& picture, char* error, size_t size) {
   StbSource source;
   source.file = std::fopen(name, "rb");
   if (!source.file) return fail(error, size, "%s", std::strerror(errno)), false;
@@ -70,8 +67,6 @@ bool stbDecode(const char* name, bool asFloat, StbPicture& picture, Check check,
     why = stbi_failure_reason() ? stbi_failure_reason() : "not a picture of this format";
   } else if (w < 1 || h < 1 || !wholeAllowed(uint64_t(w), uint64_t(h))) {
     why = "picture of " + std::to_string(w) + " x " + std::to_string(h) + " pixels is beyond the pixel limit";
-  } else {
-    why = check(w, h, n);
   }
   if (why.empty()) {
     std::rewind(source.file);
@@ -132,8 +127,8 @@ struct StbSink {
   }
 };
 
-// Writes a gathered picture to `name` with `encode` (an stbi_write_*_to_func
-// call on the sink); 0, or -1 with the reason.
+// Writes a gathered picture to `name` with `encode(canvas, sink)` (an
+// stbi_write_*_to_func call); 0, or -1 with the reason.
 template <typename Encode>
 int stbWrite(const char* name, const StbCanvas& canvas, Encode encode, char* error, size_t size) {
   if (canvas.rows != canvas.height)
@@ -141,11 +136,66 @@ int stbWrite(const char* name, const StbCanvas& canvas, Encode encode, char* err
   StbSink sink;
   sink.file = std::fopen(name, "wb");
   if (!sink.file) return fail(error, size, "%s", std::strerror(errno));
-  bool encoded = encode(&sink) != 0;
+  bool encoded = encode(canvas, &sink) != 0;
   int rc = 0;
   if (sink.failed) rc = fail(error, size, "%s", std::strerror(sink.reason));
   else if (!encoded) rc = fail(error, size, "the encoder failed");
   if (closeWritten(sink.file, rc == 0 ? error : nullptr, size) != 0) rc = -1;
+  return rc;
+}
+
+// What an stb plug-in keeps between calls: the picture it read, or the
+// canvas it gathers for writing.
+struct StbState {
+  StbPicture picture;
+  StbCanvas canvas;
+  std::string name;  // the file to write
+  bool writing = false;
+  int32_t bits = 8;  // of the samples handed in for writing
+  int colors = 0;    // colour channels handed in for writing
+};
+
+// Decodes `name` into a new state; null after the reason.
+inline StbState* stbOpen(const char* name, bool asFloat, char* error, size_t size) {
+  auto* s = new StbState;
+  if (!stbDecode(name, asFloat, s->picture, error, size)) {
+    delete s;
+    return nullptr;
+  }
+  return s;
+}
+
+inline int stbReadRow(void* state, int32_t row, void* const* channels, char* error, size_t size) {
+  return stbRow(static_cast<StbState*>(state)->picture, row, channels, error, size);
+}
+
+// A state that gathers the picture `image` describes for writing to `name`,
+// as `channels` samples of `bytes` a pixel; null after the reason.
+inline StbState* stbStartWriting(const char* name, const PxfImageData* image, int channels, int bytes,
+                                 const char* format, char* error, size_t size) {
+  if (image->colorChannels == 0) {
+    fail(error, size, "%s pictures need colour channels", format);
+    return nullptr;
+  }
+  auto* s = new StbState;
+  s->writing = true;
+  s->name = name;
+  s->bits = image->colorBits;
+  s->colors = image->colorChannels >= 3 ? 3 : 1;
+  if (!s->canvas.start(image->width(), image->height(), channels, bytes)) {
+    fail(error, size, "picture of %d x %d pixels is beyond the pixel limit", image->width(), image->height());
+    delete s;
+    return nullptr;
+  }
+  return s;
+}
+
+// Ends a state: a written picture goes to its file through `encode`.
+template <typename Encode>
+int stbClose(void* state, Encode encode, char* error, size_t size) {
+  auto* s = static_cast<StbState*>(state);
+  int rc = s->writing ? stbWrite(s->name.c_str(), s->canvas, encode, error, size) : 0;
+  delete s;
   return rc;
 }
 

@@ -57,6 +57,18 @@ int32_t bandLines(const Imf::Header& header, int32_t width, int32_t height) {
   return std::min(lines, height);
 }
 
+// Runs `work`, turning what OpenEXR throws into a reason: 0, or -1.
+template <typename Work>
+int guarded(char* error, size_t size, Work work) {
+  try {
+    return work();
+  } catch (const std::exception& e) {
+    return fail(error, size, "%s", e.what());
+  } catch (...) {
+    return fail(error, size, "OpenEXR failed");
+  }
+}
+
 // OpenEXR decodes and encodes blocks on a pool of threads when it has one.
 void startThreads() {
   if (Imf::globalThreadCount() == 0) Imf::setGlobalThreadCount(int(std::max(1u, std::thread::hardware_concurrency())));
@@ -215,43 +227,34 @@ bool sampledFully(const Imf::Header& h, std::string& why) {
   return true;
 }
 
+// Opens `name`'s first part with colour; 0, or -1 with the reason.
+int openReader(const char* name, Reader& r, PxfImageData* image, char* error, size_t size) {
+  startThreads();
+  r.file = std::make_unique<Imf::MultiPartInputFile>(name);
+  int part = colourPart(*r.file);
+  if (part < 0) return fail(error, size, "no part of the file has R, G, B or Y channels");
+  const Imf::Header& h = r.file->header(part);
+  std::string why;
+  if (!sampledFully(h, why)) return fail(error, size, "%s", why.c_str());
+  r.window = h.dataWindow();
+  int64_t w = int64_t(r.window.max.x) - r.window.min.x + 1, ht = int64_t(r.window.max.y) - r.window.min.y + 1;
+  if (w < 1 || ht < 1 || w > kMaxWidth || ht > kMaxWidth || !pxfplugin::wholeAllowed(uint64_t(w), uint64_t(ht)))
+    return fail(error, size, "data window of %lld x %lld pixels is out of range", (long long)w, (long long)ht);
+  r.width = int32_t(w);
+  r.height = int32_t(ht);
+  r.part = std::make_unique<Imf::InputPart>(*r.file, part);
+  r.band = bandLines(h, r.width, r.height);
+  describe(r, image, h);
+  return 0;
+}
+
 void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* error, size_t size) {
-  try {
-    startThreads();
-    auto r = std::make_unique<Reader>();
-    r->file = std::make_unique<Imf::MultiPartInputFile>(name);
-    int part = colourPart(*r->file);
-    if (part < 0) {
-      fail(error, size, "no part of the file has R, G, B or Y channels");
-      return nullptr;
-    }
-    const Imf::Header& h = r->file->header(part);
-    std::string why;
-    if (!sampledFully(h, why)) {
-      fail(error, size, "%s", why.c_str());
-      return nullptr;
-    }
-    r->window = h.dataWindow();
-    int64_t w = int64_t(r->window.max.x) - r->window.min.x + 1, ht = int64_t(r->window.max.y) - r->window.min.y + 1;
-    if (w < 1 || ht < 1 || w > kMaxWidth || ht > kMaxWidth || !pxfplugin::wholeAllowed(uint64_t(w), uint64_t(ht))) {
-      fail(error, size, "data window of %lld x %lld pixels is out of range", (long long)w, (long long)ht);
-      return nullptr;
-    }
-    r->width = int32_t(w);
-    r->height = int32_t(ht);
-    r->part = std::make_unique<Imf::InputPart>(*r->file, part);
-    r->band = bandLines(h, r->width, r->height);
-    describe(*r, image, h);
-    *frames = 1;
-    auto* s = new State;
-    s->reader = std::move(r);
-    return s;
-  } catch (const std::exception& e) {
-    fail(error, size, "%s", e.what());
-  } catch (...) {
-    fail(error, size, "OpenEXR failed");
-  }
-  return nullptr;
+  auto r = std::make_unique<Reader>();
+  if (guarded(error, size, [&] { return openReader(name, *r, image, error, size); }) != 0) return nullptr;
+  *frames = 1;
+  auto* s = new State;
+  s->reader = std::move(r);
+  return s;
 }
 
 // Decodes the band of lines starting at `first` (from the top).
@@ -283,12 +286,12 @@ int readRow(void* state, int32_t row, void* const* channels, char* error, size_t
   Reader& r = *s->reader;
   int32_t line = r.height - 1 - row;  // from the top
   if (line < 0 || line >= r.height) return fail(error, size, "no row %d", row);
-  try {
-    if (line < r.bandFirst || line >= r.bandFirst + r.bandCount) loadBand(r, line - line % r.band);
-  } catch (const std::exception& e) {
-    return fail(error, size, "%s", e.what());
-  } catch (...) {
-    return fail(error, size, "OpenEXR failed");
+  if (line < r.bandFirst || line >= r.bandFirst + r.bandCount) {
+    int rc = guarded(error, size, [&] {
+      loadBand(r, line - line % r.band);
+      return 0;
+    });
+    if (rc != 0) return rc;
   }
   size_t at = size_t(line - r.bandFirst) * size_t(r.width);
   int out = 0;
@@ -335,6 +338,22 @@ Imf::Compression compressionOf(float value, bool& known) {
   }
 }
 
+// The header of a file for `w`'s picture.
+Imf::Header headerFor(const Writer& w, const PxfImageData* image, Imf::Compression compression, float dpi) {
+  float pixelAspect = 1.0f;
+  if (image->aspectRatio > 0.0f && image->aspectWidth > 0 && image->aspectHeight > 0)
+    pixelAspect = image->aspectRatio * float(image->aspectHeight) / float(image->aspectWidth);
+  Imf::Header header(w.width, w.height, pixelAspect);
+  header.compression() = compression;
+  header.lineOrder() = w.decreasing ? Imf::DECREASING_Y : Imf::INCREASING_Y;
+  const char* colours[3] = {"R", "G", "B"};
+  for (int c = 0; c < w.colors; ++c) header.channels().insert(w.colors == 3 ? colours[c] : "Y", Imf::Channel(w.type));
+  if (w.matte) header.channels().insert("A", Imf::Channel(w.type));
+  if (w.depth) header.channels().insert("Z", Imf::Channel(Imf::FLOAT));
+  if (dpi >= 1.0f) Imf::addXDensity(header, dpi);
+  return header;
+}
+
 void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*,
                 char* error, size_t size) {
   if (image->colorChannels == 0 || image->width() < 1 || image->height() < 1 || image->width() > kMaxWidth) {
@@ -349,50 +368,31 @@ void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* cons
          double(compressionValue));
     return nullptr;
   }
-  try {
+  auto w = std::make_unique<Writer>();
+  w->width = image->width();
+  w->height = image->height();
+  w->colors = image->colorChannels >= 3 ? 3 : 1;
+  w->matte = image->matteChannels > 0;
+  w->depth = image->depthChannels > 0;
+  w->bits = image->colorBits;
+  w->decreasing = image->orientation == PXF_BOTTOM_UP;
+  w->type = pxfplugin::setting(settings, kFloatCode, 0.0f) != 0.0f ? Imf::FLOAT : Imf::HALF;
+  int rc = guarded(error, size, [&] {
     startThreads();
-    auto w = std::make_unique<Writer>();
-    w->width = image->width();
-    w->height = image->height();
-    w->colors = image->colorChannels >= 3 ? 3 : 1;
-    w->matte = image->matteChannels > 0;
-    w->depth = image->depthChannels > 0;
-    w->bits = image->colorBits;
-    w->decreasing = image->orientation == PXF_BOTTOM_UP;
-    Imf::PixelType type = pxfplugin::setting(settings, kFloatCode, 0.0f) != 0.0f ? Imf::FLOAT : Imf::HALF;
-    w->type = type;
-    Imf::Header header(w->width, w->height, image->aspectRatio > 0.0f && image->aspectWidth > 0 && image->aspectHeight > 0
-                                                ? image->aspectRatio * float(image->aspectHeight) / float(image->aspectWidth)
-                                                : 1.0f);
-    header.compression() = compression;
-    header.lineOrder() = w->decreasing ? Imf::DECREASING_Y : Imf::INCREASING_Y;
-    if (w->colors == 3) {
-      header.channels().insert("R", Imf::Channel(type));
-      header.channels().insert("G", Imf::Channel(type));
-      header.channels().insert("B", Imf::Channel(type));
-    } else {
-      header.channels().insert("Y", Imf::Channel(type));
-    }
-    if (w->matte) header.channels().insert("A", Imf::Channel(type));
-    if (w->depth) header.channels().insert("Z", Imf::Channel(Imf::FLOAT));
-    float dpi = pxfplugin::setting(settings, pxfplugin::kDpiCode, image->dpi);
-    if (dpi >= 1.0f) Imf::addXDensity(header, dpi);
+    Imf::Header header = headerFor(*w, image, compression, pxfplugin::setting(settings, pxfplugin::kDpiCode, image->dpi));
     w->band = bandLines(header, w->width, w->height);
     for (int s = 0; s < kSlots; ++s) {
-      if (type == Imf::HALF && s != kDepth) w->halves[s].resize(size_t(w->width) * size_t(w->band));
+      if (w->type == Imf::HALF && s != kDepth) w->halves[s].resize(size_t(w->width) * size_t(w->band));
       else w->samples[s].resize(size_t(w->width) * size_t(w->band));
     }
     w->stream = std::make_unique<FileStream>(name);
     w->file = std::make_unique<Imf::OutputFile>(*w->stream, header);
-    auto* s = new State;
-    s->writer = std::move(w);
-    return s;
-  } catch (const std::exception& e) {
-    fail(error, size, "%s", e.what());
-  } catch (...) {
-    fail(error, size, "OpenEXR failed");
-  }
-  return nullptr;
+    return 0;
+  });
+  if (rc != 0) return nullptr;
+  auto* s = new State;
+  s->writer = std::move(w);
+  return s;
 }
 
 // Hands the band's pending lines to OpenEXR.
@@ -455,37 +455,27 @@ int writeRow(void* state, int32_t row, const void* const* channels, char* error,
   w.rows++;
   w.pending++;
   bool bandFull = w.decreasing ? line == w.bandLow : line == w.bandLow + w.band - 1;
-  if (bandFull || w.rows == w.height) {
-    try {
-      flushBand(w);
-    } catch (const std::exception& e) {
-      return fail(error, size, "%s", e.what());
-    } catch (...) {
-      return fail(error, size, "OpenEXR failed");
-    }
-  }
-  return 0;
+  if (!bandFull && w.rows != w.height) return 0;
+  return guarded(error, size, [&] {
+    flushBand(w);
+    return 0;
+  });
 }
 
 int closeFile(void* state, char* error, size_t size) {
   auto* s = static_cast<State*>(state);
-  int rc = 0;
-  try {
+  int rc = guarded(error, size, [&] {
+    int result = 0;
     if (s->writer && s->writer->written != s->writer->height)
-      rc = fail(error, size, "only %d of %d rows were written", s->writer->written, s->writer->height);
+      result = fail(error, size, "only %d of %d rows were written", s->writer->written, s->writer->height);
     if (s->writer) {
       // The output file is written to the end as it is destroyed.
       s->writer->file.reset();
       std::string why = s->writer->stream->finish();
-      if (!why.empty() && rc == 0) rc = fail(error, size, "%s", why.c_str());
-      s->writer.reset();
+      if (!why.empty() && result == 0) result = fail(error, size, "%s", why.c_str());
     }
-    s->reader.reset();
-  } catch (const std::exception& e) {
-    rc = fail(error, size, "%s", e.what());
-  } catch (...) {
-    rc = fail(error, size, "OpenEXR failed");
-  }
+    return result;
+  });
   delete s;
   return rc;
 }

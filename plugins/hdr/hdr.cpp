@@ -7,26 +7,13 @@ using pxfplugin::fail;
 
 namespace {
 
-struct State {
-  pxfplugin::StbPicture picture;
-  pxfplugin::StbCanvas canvas;
-  std::string name;
-  bool writing = false;
-  int32_t bits = 8;
-  int colors = 3;
-};
-
 int recognise(const uint8_t* b, size_t n) {
   return (n >= 10 && std::memcmp(b, "#?RADIANCE", 10) == 0) || (n >= 6 && std::memcmp(b, "#?RGBE", 6) == 0);
 }
 
 void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* error, size_t size) {
-  auto* s = new State;
-  auto any = [](int, int, int) { return std::string(); };
-  if (!pxfplugin::stbDecode(name, true, s->picture, any, error, size)) {
-    delete s;
-    return nullptr;
-  }
+  pxfplugin::StbState* s = pxfplugin::stbOpen(name, true, error, size);
+  if (!s) return nullptr;
   pxfplugin::describePicture(image, s->picture.width, s->picture.height, PXF_TOP_DOWN, s->picture.channels >= 3 ? 3 : 1,
                              false, 32);
   image->colorKind = PXF_FLOAT;
@@ -34,31 +21,13 @@ void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* err
   return s;
 }
 
-int readRow(void* state, int32_t row, void* const* channels, char* error, size_t size) {
-  return pxfplugin::stbRow(static_cast<State*>(state)->picture, row, channels, error, size);
-}
-
 void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* const*, const PxfLut*, char* error,
                 size_t size) {
-  if (image->colorChannels == 0) {
-    fail(error, size, "Radiance pictures need colour channels");
-    return nullptr;
-  }
-  auto* s = new State;
-  s->writing = true;
-  s->name = name;
-  s->bits = image->colorBits;
-  s->colors = image->colorChannels >= 3 ? 3 : 1;
-  if (!s->canvas.start(image->width(), image->height(), 3, 4)) {
-    fail(error, size, "picture of %d x %d pixels is beyond the pixel limit", image->width(), image->height());
-    delete s;
-    return nullptr;
-  }
-  return s;
+  return pxfplugin::stbStartWriting(name, image, 3, 4, "Radiance", error, size);
 }
 
 int writeRow(void* state, int32_t row, const void* const* channels, char* error, size_t size) {
-  auto* s = static_cast<State*>(state);
+  auto* s = static_cast<pxfplugin::StbState*>(state);
   auto& c = s->canvas;
   if (row < 0 || row >= c.height) return fail(error, size, "no row %d", row);
   auto* line = reinterpret_cast<float*>(c.line(row));
@@ -75,22 +44,16 @@ int writeRow(void* state, int32_t row, const void* const* channels, char* error,
 }
 
 int closeFile(void* state, char* error, size_t size) {
-  auto* s = static_cast<State*>(state);
-  int rc = 0;
-  if (s->writing) {
-    const auto& c = s->canvas;
-    rc = pxfplugin::stbWrite(s->name.c_str(), c, [&](pxfplugin::StbSink* sink) {
-      return stbi_write_hdr_to_func(pxfplugin::StbSink::write, sink, c.width, c.height, 3,
-                                    reinterpret_cast<const float*>(c.pixels.data()));
-    }, error, size);
-  }
-  delete s;
-  return rc;
+  auto encode = [](const pxfplugin::StbCanvas& c, pxfplugin::StbSink* sink) {
+    return stbi_write_hdr_to_func(pxfplugin::StbSink::write, sink, c.width, c.height, 3,
+                                  reinterpret_cast<const float*>(c.pixels.data()));
+  };
+  return pxfplugin::stbClose(state, encode, error, size);
 }
 
 }  // namespace
 
 PXF_IMAGE_PLUGIN("hdr", "hdr;pic;rgbe", "Radiance", "Radiance RGBE, high dynamic range",
                  (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 3u, (1u << 7) | (1u << 15), 0u, 0u, 0u, 0,
-                               true, true, nullptr, 0, recognise, openRead, nullptr, readRow, openWrite, nullptr,
+                               true, true, nullptr, 0, recognise, openRead, nullptr, pxfplugin::stbReadRow, openWrite, nullptr,
                                writeRow, closeFile}));

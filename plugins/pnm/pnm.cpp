@@ -276,10 +276,7 @@ int writeRow(void* state, int32_t row, const void* const* channels, char* error,
 int closeFile(void* state, char* error, size_t size) {
   auto* s = static_cast<State*>(state);
   int rc = 0;
-  if (s->writing) {
-    if (s->next != s->pam.height) rc = fail(error, size, "only %d of %d rows were written", s->next, s->pam.height);
-    if (pxfplugin::closeWritten(s->file, rc == 0 ? error : nullptr, size) != 0) rc = -1;
-  }
+  if (s->writing) rc = pxfplugin::finishWritten(s->file, s->next, s->pam.height, error, size);
   release(s);
   return rc;
 }

@@ -7,13 +7,6 @@ using pxfplugin::fail;
 
 namespace {
 
-struct State {
-  pxfplugin::StbPicture picture;  // reading
-  pxfplugin::StbCanvas canvas;    // writing
-  std::string name;
-  bool writing = false;
-};
-
 bool oneOf(int v, std::initializer_list<int> values) {
   for (int x : values)
     if (v == x) return true;
@@ -34,12 +27,8 @@ int recognise(const uint8_t* b, size_t n) {
 }
 
 void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* error, size_t size) {
-  auto* s = new State;
-  auto any = [](int, int, int) { return std::string(); };
-  if (!pxfplugin::stbDecode(name, false, s->picture, any, error, size)) {
-    delete s;
-    return nullptr;
-  }
+  pxfplugin::StbState* s = pxfplugin::stbOpen(name, false, error, size);
+  if (!s) return nullptr;
   int n = s->picture.channels;
   pxfplugin::describePicture(image, s->picture.width, s->picture.height, PXF_TOP_DOWN, n >= 3 ? 3 : 1,
                              n == 2 || n == 4, 8);
@@ -47,30 +36,14 @@ void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* err
   return s;
 }
 
-int readRow(void* state, int32_t row, void* const* channels, char* error, size_t size) {
-  return pxfplugin::stbRow(static_cast<State*>(state)->picture, row, channels, error, size);
-}
-
 void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* const*, const PxfLut*, char* error,
                 size_t size) {
-  if (image->colorChannels == 0) {
-    fail(error, size, "Targa pictures need colour channels");
-    return nullptr;
-  }
-  auto* s = new State;
-  s->writing = true;
-  s->name = name;
   int n = (image->colorChannels >= 3 ? 3 : 1) + (image->matteChannels > 0 ? 1 : 0);
-  if (!s->canvas.start(image->width(), image->height(), n, 1)) {
-    fail(error, size, "picture of %d x %d pixels is beyond the pixel limit", image->width(), image->height());
-    delete s;
-    return nullptr;
-  }
-  return s;
+  return pxfplugin::stbStartWriting(name, image, n, 1, "Targa", error, size);
 }
 
 int writeRow(void* state, int32_t row, const void* const* channels, char* error, size_t size) {
-  auto& c = static_cast<State*>(state)->canvas;
+  auto& c = static_cast<pxfplugin::StbState*>(state)->canvas;
   if (row < 0 || row >= c.height) return fail(error, size, "no row %d", row);
   pxfplugin::interleave(channels, 0, c.channels, 1, c.line(row), c.width, c.channels);
   c.rows++;
@@ -78,22 +51,16 @@ int writeRow(void* state, int32_t row, const void* const* channels, char* error,
 }
 
 int closeFile(void* state, char* error, size_t size) {
-  auto* s = static_cast<State*>(state);
-  int rc = 0;
-  if (s->writing) {
-    const auto& c = s->canvas;
-    rc = pxfplugin::stbWrite(s->name.c_str(), c, [&](pxfplugin::StbSink* sink) {
-      stbi_write_tga_with_rle = 1;
-      return stbi_write_tga_to_func(pxfplugin::StbSink::write, sink, c.width, c.height, c.channels, c.pixels.data());
-    }, error, size);
-  }
-  delete s;
-  return rc;
+  auto encode = [](const pxfplugin::StbCanvas& c, pxfplugin::StbSink* sink) {
+    stbi_write_tga_with_rle = 1;
+    return stbi_write_tga_to_func(pxfplugin::StbSink::write, sink, c.width, c.height, c.channels, c.pixels.data());
+  };
+  return pxfplugin::stbClose(state, encode, error, size);
 }
 
 }  // namespace
 
 PXF_IMAGE_PLUGIN("tga", "tga;icb;vda;vst", "Targa", "Truevision Targa, 8 bits, raw, run-length and colour-mapped",
                  (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 3u, 1u << 7, 1u, 0u, 0u, PXF_WEAK_SIGNATURE,
-                               true, true, nullptr, 0, recognise, openRead, nullptr, readRow, openWrite, nullptr,
+                               true, true, nullptr, 0, recognise, openRead, nullptr, pxfplugin::stbReadRow, openWrite, nullptr,
                                writeRow, closeFile}));
