@@ -94,31 +94,43 @@ int recognise(const uint8_t* b, size_t n) {
                                                                    b[2] == '\t' || b[2] == '#');
 }
 
-// A PAM header's lines, checked before libnetpbm parses them: it leaks on
-// some of the faults it reports. Empty when the header is sound; the file is
-// back at its start either way.
+// A PAM header, checked in full before libnetpbm parses it: libnetpbm
+// leaks what it holds of a PAM header on every fault it reports there.
+// Empty when the header is sound or the file is no PAM; the file is back at
+// its start either way.
 std::string pamHeaderProblem(FILE* file) {
   char magic[3] = {};
+  size_t n = std::fread(magic, 1, 3, file);
   std::string problem;
-  if (std::fread(magic, 1, 3, file) == 3 && magic[0] == 'P' && magic[1] == '7') {
-    char line[512];
-    problem = "the PAM header has no ENDHDR line";
-    for (int lines = 0; lines < 1000 && std::fgets(line, sizeof line, file); ++lines) {
+  if (n >= 2 && magic[0] == 'P' && magic[1] == '7') {
+    unsigned long width = 0, height = 0, depth = 0, maxval = 0;
+    problem = n < 3 || magic[2] != '\n' ? "not a PAM header" : "the PAM header has no ENDHDR line";
+    char line[256];
+    for (int lines = 0; n == 3 && magic[2] == '\n' && lines < 1000 && std::fgets(line, sizeof line, file); ++lines) {
+      if (!std::strchr(line, '\n')) {
+        problem = "a PAM header line is too long";
+        break;
+      }
       char word[16] = {};
       unsigned long value = 0;
       char extra = 0;
       if (line[0] == '#' || std::sscanf(line, "%15s", word) != 1) continue;
       std::string w = word;
       if (w == "ENDHDR") {
-        problem.clear();
+        bool sizes = width >= 1 && width <= kMaxWidth && height >= 1 && height <= 0x7FFFFFFF && depth >= 1 &&
+                     depth <= 16 && maxval >= 1 && maxval <= 65535;
+        problem = sizes ? "" : "the PAM header's WIDTH, HEIGHT, DEPTH or MAXVAL is missing or out of range";
         break;
       }
       if (w == "TUPLTYPE") continue;
-      bool number = std::sscanf(line, "%15s %lu %c", word, &value, &extra) == 2;
-      if ((w != "WIDTH" && w != "HEIGHT" && w != "DEPTH" && w != "MAXVAL") || !number) {
+      bool number = std::sscanf(line, "%15s %lu %c", word, &value, &extra) == 2 && value <= 0x7FFFFFFF;
+      unsigned long* field = w == "WIDTH" ? &width : w == "HEIGHT" ? &height : w == "DEPTH" ? &depth
+                           : w == "MAXVAL" ? &maxval : nullptr;
+      if (!field || !number) {
         problem = "the PAM header line \"" + std::string(line, std::strcspn(line, "\r\n")) + "\" is not one it may hold";
         break;
       }
+      *field = value;
     }
   }
   std::rewind(file);
