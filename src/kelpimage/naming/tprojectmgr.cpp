@@ -11,6 +11,7 @@ namespace {
 struct Folders {
   std::mutex lock;
   std::vector<std::string> list;
+  std::string output;
 };
 Folders& folders() {
   static Folders all;
@@ -29,6 +30,16 @@ TprojectMgrBase* TprojectMgrBase::theProjectMgr = nullptr;
 TprojectMgrBase::~TprojectMgrBase() = default;
 
 Tstring TprojectMgrBase::projectRoot() const { return Tstring(); }
+
+Tstring TprojectMgrBase::directoryOf(TfileObjectTypeName::Trule, TfileObjectTypeName::Tlocation) const {
+  std::lock_guard<std::mutex> hold(folders().lock);
+  return Tstring(folders().output.empty() ? std::string(".") : folders().output);
+}
+
+void TprojectMgrBase::setOutputDirectory(const Tstring& folder) {
+  std::lock_guard<std::mutex> hold(folders().lock);
+  folders().output = folder.str();
+}
 
 TprojectMgrBase& TprojectMgrBase::current() {
   static TdiskProjectMgr disk;

@@ -12,7 +12,7 @@
 // The kinds of file object a lookup asks about.
 struct TfileObjectTypeName {
   enum Trule { kTR_Image = 1 };
-  enum Tlocation { kRT_SourceImages = 1 };
+  enum Tlocation { kRT_SourceImages = 1, kRT_Images = 2 };
 };
 
 class KELP_API TprojectMgrBase {
@@ -24,6 +24,11 @@ class KELP_API TprojectMgrBase {
   // in `resolved` when it does. `flag` 1 asks for files only.
   virtual bool findFile(const Tstring& name, TfileObjectTypeName::Trule rule, TfileObjectTypeName::Tlocation location,
                         int flag, Tstring& resolved) = 0;
+  // The folder where files of `rule` go in `location`: rendered images in
+  // kRT_Images. By default the folder set with setOutputDirectory, or the
+  // current one.
+  virtual Tstring directoryOf(TfileObjectTypeName::Trule rule, TfileObjectTypeName::Tlocation location) const;
+  static void setOutputDirectory(const Tstring& folder);
 
   // The host's project manager, or null for the disk lookup. The host sets
   // it before the library looks up names, and keeps it alive while it is set.
