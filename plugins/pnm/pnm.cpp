@@ -94,6 +94,15 @@ int recognise(const uint8_t* b, size_t n) {
                                                                    b[2] == '\t' || b[2] == '#');
 }
 
+// What libnetpbm would refuse of a tuple type with this depth and maxval.
+std::string tupleTypeProblem(const std::string& type, unsigned long depth, unsigned long maxval) {
+  if (type.rfind("BLACKANDWHITE", 0) == 0 && maxval != 1) return "a BLACKANDWHITE PAM picture needs a MAXVAL of 1";
+  unsigned long least = type == "RGB_ALPHA" ? 4 : type == "RGB" ? 3
+                      : (type == "GRAYSCALE_ALPHA" || type == "BLACKANDWHITE_ALPHA") ? 2 : 1;
+  if (depth < least) return "the PAM header's DEPTH is too small for its tuple type";
+  return {};
+}
+
 // A PAM header, checked in full before libnetpbm parses it: libnetpbm
 // leaks what it holds of a PAM header on every fault it reports there.
 // Empty when the header is sound or the file is no PAM; the file is back at
@@ -104,6 +113,7 @@ std::string pamHeaderProblem(FILE* file) {
   std::string problem;
   if (n >= 2 && magic[0] == 'P' && magic[1] == '7') {
     unsigned long width = 0, height = 0, depth = 0, maxval = 0;
+    std::string tupleType;
     problem = n < 3 || magic[2] != '\n' ? "not a PAM header" : "the PAM header has no ENDHDR line";
     char line[256];
     for (int lines = 0; n == 3 && magic[2] == '\n' && lines < 1000 && std::fgets(line, sizeof line, file); ++lines) {
@@ -119,10 +129,26 @@ std::string pamHeaderProblem(FILE* file) {
       if (w == "ENDHDR") {
         bool sizes = width >= 1 && width <= kMaxWidth && height >= 1 && height <= 0x7FFFFFFF && depth >= 1 &&
                      depth <= 16 && maxval >= 1 && maxval <= 65535;
-        problem = sizes ? "" : "the PAM header's WIDTH, HEIGHT, DEPTH or MAXVAL is missing or out of range";
+        problem = sizes ? tupleTypeProblem(tupleType, depth, maxval)
+                        : "the PAM header's WIDTH, HEIGHT, DEPTH or MAXVAL is missing or out of range";
         break;
       }
-      if (w == "TUPLTYPE") continue;
+      if (w == "TUPLTYPE") {
+        // The text after the word; several lines join with a space.
+        std::string text = line + std::strspn(line, " \t") + 8;
+        text = text.substr(text.find_first_not_of(" \t") == std::string::npos ? text.size() : text.find_first_not_of(" \t"));
+        text = text.substr(0, text.find_last_not_of(" \t\r\n") + 1);
+        if (text.empty()) {
+          problem = "a PAM header's TUPLTYPE line has no tuple type";
+          break;
+        }
+        tupleType += (tupleType.empty() ? "" : " ") + text;
+        if (tupleType.size() > 255) {
+          problem = "the PAM header's tuple type is too long";
+          break;
+        }
+        continue;
+      }
       bool number = std::sscanf(line, "%15s %lu %c", word, &value, &extra) == 2 && value <= 0x7FFFFFFF;
       unsigned long* field = w == "WIDTH" ? &width : w == "HEIGHT" ? &height : w == "DEPTH" ? &depth
                            : w == "MAXVAL" ? &maxval : nullptr;

@@ -227,7 +227,9 @@ TEST(NewFormats, DamagedAndOversizedFilesFailCleanly) {
   // sees it).
   for (std::string pam : {std::string("P7"), std::string("P7\nWIDTH 2\n"), std::string("P7 332\n"),
                           std::string("P7\nWIDTH 2\nHEIGHT 1\nDEPTH 99999999\nMAXVAL 255\nENDHDR\n"),
-                          std::string("P7\nWIDTH 2\nHEIGHT 1\nDEPTH 1\nMAXVAL 255\nSIZE 3\nENDHDR\n")}) {
+                          std::string("P7\nWIDTH 2\nHEIGHT 1\nDEPTH 1\nMAXVAL 255\nSIZE 3\nENDHDR\n"),
+                          std::string("P7\nWIDTH 2\nHEIGHT 1\nDEPTH 1\nMAXVAL 255\nTUPLTYPE \nENDHDR\n"),
+                          std::string("P7\nWIDTH 2\nHEIGHT 1\nDEPTH 1\nMAXVAL 255\nTUPLTYPE RGB\nENDHDR\n")}) {
     writeBytes(dir.file("bad.pam"), std::vector<uint8_t>(pam.begin(), pam.end()));
     reports.text.clear();
     EXPECT_EQ(anytoiff(dir.file("bad.pam").c_str(), dir.file("bad.iff").c_str(), "pnm", 0), -1) << pam;
