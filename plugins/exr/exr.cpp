@@ -25,6 +25,7 @@
 #include <exception>
 #include <limits>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -71,7 +72,10 @@ int guarded(char* error, size_t size, Work work) {
 
 // OpenEXR decodes and encodes blocks on a pool of threads when it has one.
 void startThreads() {
-  if (Imf::globalThreadCount() == 0) Imf::setGlobalThreadCount(int(std::max(1u, std::thread::hardware_concurrency())));
+  static std::once_flag once;
+  std::call_once(once, [] {
+    if (Imf::globalThreadCount() == 0) Imf::setGlobalThreadCount(int(std::max(1u, std::thread::hardware_concurrency())));
+  });
 }
 
 // A slice of `lines` lines of `width` samples of 4 bytes, whose first

@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <strings.h>
 #include <string>
 
@@ -69,9 +70,14 @@ void release(State* s) {
 // PAM_STRUCT_SIZE does this through a null pointer).
 constexpr int kPamSize = int(offsetof(struct pam, opacity_plane) + sizeof(pam::opacity_plane));
 
+// libnetpbm keeps its jump buffer and error handler for the process: one
+// call into it at a time.
+std::mutex gNetpbm;
+
 // Runs `call` with libnetpbm's errors caught; false after one (its text in
 // gMessage). The caller's jump buffer, if any, is put back either way.
 bool netpbm(State* s, void (*call)(State*)) {
+  std::lock_guard<std::mutex> hold(gNetpbm);
   gMessage[0] = '\0';
   jmp_buf jump;
   if (setjmp(jump)) {

@@ -51,8 +51,8 @@ int writeRow(void* state, int32_t row, const void* const* channels, char* error,
 }
 
 int closeFile(void* state, char* error, size_t size) {
+  // stbi_write_tga_with_rle starts as 1: run-length, as wanted.
   auto encode = [](const pxfplugin::StbCanvas& c, pxfplugin::StbSink* sink) {
-    stbi_write_tga_with_rle = 1;
     return stbi_write_tga_to_func(pxfplugin::StbSink::write, sink, c.width, c.height, c.channels, c.pixels.data());
   };
   return pxfplugin::stbClose(state, encode, error, size);

@@ -72,7 +72,7 @@ fails 1 "x.png: cannot be read as png: Read Error" "$kimg" info "$dir/x.png"
 fails 1 "x.png: Read Error" "$kimg" convert "$dir/x.png" "$dir/x.iff"
 [ ! -e "$dir/x.iff" ]
 printf 'not a picture' > "$dir/x.txt"
-fails 1 "x.txt: not a picture kimg reads" "$kimg" convert "$dir/x.txt" "$dir/x.iff"
+fails 1 "x.txt: not a picture of a format kimg reads" "$kimg" convert "$dir/x.txt" "$dir/x.iff"
 printf 'FOR4\000\000\000\004Kelp' > "$dir/scene.iff"
 fails 1 "No image found" "$kimg" info "$dir/scene.iff"
 

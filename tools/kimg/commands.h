@@ -41,7 +41,15 @@ struct ConvertOptions {
   std::vector<std::string> options;  // NAME=VALUE for the output format's plug-in
 };
 
+struct FindOptions {
+  std::string name;
+  std::string field;  // "odd", "even" or empty
+  int frame = -1;     // -1: the frame as the name has it
+  bool verbose = false;
+};
+
 int info(const std::vector<std::string>& files, bool stats);
+int find(const FindOptions& options);
 int chunks(const std::string& file);
 int create(const CreateOptions& options);
 int pattern(const PatternOptions& options);

@@ -285,7 +285,7 @@ int convert(const ConvertOptions& o) {
   Input input(o.in);
   if (!input.error().empty()) return fail(o.in, input.error());
   Tstring key = TimageFile().getImageType(Tstring(input.path().c_str()));
-  if (key.isEmpty()) return fail(o.in, takeReport("not a picture kimg reads (IFF or SGI)"));
+  if (key.isEmpty()) return fail(o.in, takeReport("not a picture of a format kimg reads"));
   Output output(o.out);
   if (!output.error().empty()) return fail(o.out, output.error());
   auto into = [&](const Plan& p, const std::string& path) {
@@ -323,9 +323,10 @@ int convert(const ConvertOptions& o) {
       if (!status && ifftoany(iff.path().c_str(), output.path().c_str(), plan.format.c_str()) != 0)
         status = fail(o.out, takeReport("cannot be written as " + plan.format));
     }
+    // Only this output is finished: other threads may be writing theirs.
     if (!status && ifftoanyFinish(output.path().c_str()) != 0)
       status = fail(o.out, takeReport("cannot be completed as " + plan.format));
-    ifftoanyClose();
+    if (status) ifftoanyFinish(output.path().c_str());  // into the temporary file, which goes
   }
   return status ? status : output.commit();
 }

@@ -6,6 +6,7 @@
 #include <new>
 
 #include "commands.h"
+#include "sequence.h"
 #include "util.h"
 
 namespace {
@@ -28,6 +29,8 @@ int run(int argc, char** argv) {
   CLI::App* info = app.add_subcommand("info", "Print what the headers of IFF and SGI files say");
   info->add_option("files", infoFiles, "Picture files")->required();
   info->add_flag("--stats", stats, "Also read the pixels: minimum, maximum and mean of each channel");
+  std::string infoFrames;
+  info->add_option("--frames", infoFrames, "For a frame pattern (name.####.ext): FIRST-LAST[xSTEP] (default: those on disk)");
 
   std::string chunkFile;
   CLI::App* chunks = app.add_subcommand("chunks", "Print the chunk tree of a file with offsets and sizes");
@@ -60,6 +63,22 @@ int run(int argc, char** argv) {
       ->check(CLI::NonNegativeNumber);
   convert->add_option("--option", conv.options,
                       "NAME=VALUE for the output format's plug-in, such as Quality=90 (kimg formats lists them)");
+  kimg::SequenceOptions seq;
+  convert->add_option("--frames", seq.frames,
+                      "Frames of a sequence (IN and OUT as name.####.ext, name.#.ext or name.%04d.ext): "
+                      "FIRST-LAST[xSTEP] (default: those on disk)");
+  convert->add_option("--threads", seq.threads, "Frames converted at once (default: one a core)")
+      ->check(CLI::Range(1, 256));
+  convert->add_flag("--skip-bad", seq.skipBad, "Go on past frames that fail, and list them at the end");
+  convert->add_flag("-q,--quiet", seq.quiet, "No progress line");
+  convert->add_flag("-v,--verbose", seq.verbose, "Print each frame's files");
+
+  kimg::FindOptions fnd;
+  CLI::App* find = app.add_subcommand("find", "Print the file a loose image name resolves to, as a renderer finds it");
+  find->add_option("name", fnd.name, "Image name, perhaps without frame padding, field marker or .Z")->required();
+  find->add_option("--field", fnd.field, "The field rendered: odd or even")->check(CLI::IsMember({"odd", "even"}));
+  find->add_option("--frame", fnd.frame, "The frame, tried with 0 to 4 leading zeros")->check(CLI::NonNegativeNumber);
+  find->add_flag("-v,--verbose", fnd.verbose, "List the names tried");
 
   std::string depthIn, depthOut;
   CLI::App* depth = app.add_subcommand("depth", "Write the depth channel of an IFF picture as a grey IFF picture");
@@ -106,10 +125,21 @@ int run(int argc, char** argv) {
   }
 
   kimg::installReporter();
-  if (*info) return kimg::info(infoFiles, stats);
+  if (*info) {
+    std::vector<std::string> files;
+    for (const std::string& f : infoFiles)
+      if (int status = kimg::sequenceFiles(f, infoFrames, files)) return status;
+    return kimg::info(files, stats);
+  }
+  if (*find) return kimg::find(fnd);
   if (*chunks) return kimg::chunks(chunkFile);
   if (*pattern) return kimg::pattern(pat);
-  if (*convert) return kimg::convert(conv);
+  if (*convert) {
+    kimg::FramePattern p;
+    if (kimg::FramePattern::parse(conv.in, p)) return kimg::convertSequence(conv, seq);
+    if (!seq.frames.empty()) return kimg::usage("--frames goes with a frame pattern such as name.####.iff");
+    return kimg::convert(conv);
+  }
   if (*filters) return kimg::filters();
   if (*formats) return kimg::formats();
   if (*depth) return kimg::depth(depthIn, depthOut);

@@ -14,14 +14,16 @@
 namespace kimg {
 namespace {
 
-// Keeps the library's reports, in order, for the next message kimg prints.
+// The library's reports of this thread, in order, for the next message it
+// prints: frames converted on several threads keep their own.
+thread_local std::string tLast;
+
 struct Reporter : TerrorHandler {
-  std::string last;
   void reportError(const Tstring& message) override {
     std::string text = message.str();
     while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
     if (text.empty()) return;
-    last = last.empty() ? text : last + "; " + text;
+    tLast = tLast.empty() ? text : tLast + "; " + text;
   }
 };
 Reporter gReporter;
@@ -43,8 +45,8 @@ int usage(const std::string& why) {
 void installReporter() { theErrorHandler = &gReporter; }
 
 std::string takeReport(const std::string& fallback) {
-  std::string text = gReporter.last.empty() ? fallback : gReporter.last;
-  gReporter.last.clear();
+  std::string text = tLast.empty() ? fallback : tLast;
+  tLast.clear();
   return text;
 }
 

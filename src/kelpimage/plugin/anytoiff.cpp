@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -226,7 +227,15 @@ int convert(PxfHandle* handle, const char* output) {
 
 }  // namespace
 
+// The input kept open between frames is one for the process: conversions
+// into IFF take turns.
+static std::mutex& inputLock() {
+  static std::mutex lock;
+  return lock;
+}
+
 int pxfAnyToIff(const char* input, const char* output, const char* key, int frame) {
+  std::lock_guard<std::mutex> hold(inputLock());
   if (gCurrentInput && (!input || std::strcmp(gCurrentInput->name, input) != 0 || !sameFile(input))) closeCurrent();
   if (!gCurrentInput) {
     if (!statInput(input)) return -1;

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -23,8 +24,11 @@
 namespace {
 
 // Outputs by target. The map lives to the end of the process, and outputs
-// still open then are completed, so that no frame written is lost.
+// still open then are completed, so that no frame written is lost. Threads
+// converting to different targets share it: the lock guards the map, and a
+// record belongs to the one thread writing its target.
 struct Outputs {
+  std::mutex lock;
   std::map<std::string, ConversionOutput> records;
   ~Outputs() {
     for (auto& [target, record] : records) finishOutput(target, record);
@@ -289,7 +293,10 @@ int pxfIffToAny(const char* input, const char* output, const char* key) {
   return convertOut(input, output, key);
 }
 
-ConversionOutput& conversionOutput(const std::string& target) { return outputs().records[target]; }
+ConversionOutput& conversionOutput(const std::string& target) {
+  std::lock_guard<std::mutex> hold(outputs().lock);
+  return outputs().records[target];
+}
 
 // The process's file creation mask, read without changing it (which would
 // race with other threads creating files); 022 when it cannot be read.
@@ -370,14 +377,23 @@ void abandonOutput(ConversionOutput& out) {
 }
 
 int pxfFinishOutput(const char* output) {
-  auto& records = outputs().records;
-  auto it = output ? records.find(output) : records.end();
-  return it == records.end() ? 0 : finishOutput(it->first, it->second);
+  Outputs& all = outputs();
+  std::map<std::string, ConversionOutput>::node_type node;
+  {
+    std::lock_guard<std::mutex> hold(all.lock);
+    if (output) node = all.records.extract(output);
+  }
+  // Finished, the record leaves the map: a long run of outputs keeps none.
+  return node.empty() ? 0 : finishOutput(node.key(), node.mapped());
 }
 
 int ifftoanyClose() {
-  auto& records = outputs().records;
+  Outputs& all = outputs();
+  std::map<std::string, ConversionOutput> records;
+  {
+    std::lock_guard<std::mutex> hold(all.lock);
+    records.swap(all.records);
+  }
   for (auto& [target, record] : records) finishOutput(target, record);
-  records.clear();
   return 0;
 }

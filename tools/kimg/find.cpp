@@ -1,0 +1,45 @@
+// kimg find: the file a loose image name stands for, as a renderer finds it.
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "kelpimage/naming/timagefilesearchpath.h"
+#include "kelpimage/naming/tprojectmgr.h"
+#include "util.h"
+
+namespace kimg {
+namespace {
+
+// The disk lookup, noting every name it is asked about.
+struct Noting : TdiskProjectMgr {
+  std::vector<std::string> asked;
+  bool findFile(const Tstring& name, TfileObjectTypeName::Trule rule, TfileObjectTypeName::Tlocation location,
+                int flag, Tstring& resolved) override {
+    asked.push_back(name.str());
+    return TdiskProjectMgr::findFile(name, rule, location, flag, resolved);
+  }
+};
+
+}  // namespace
+
+int find(const FindOptions& o) {
+  TcameraTypes::TfieldType field = o.field == "even" ? TcameraTypes::kEvenField
+                                   : o.field == "odd" ? TcameraTypes::kOddField
+                                                      : TcameraTypes::kFrame;
+  TimageFileSearchPath::initImageFileSearchPath(field, Tstring(".o"), Tstring(".e"), Tstring());
+  Noting project;
+  TprojectMgrBase::theProjectMgr = &project;
+  Tstring found;
+  bool ok = TimageFileSearchPath::exactImageName(Tstring(o.name), found, o.frame >= 0,
+                                                 Tstring("." + std::to_string(o.frame < 0 ? 0 : o.frame)));
+  TprojectMgrBase::theProjectMgr = nullptr;
+  if (o.verbose)
+    for (const std::string& name : project.asked) std::fprintf(stderr, "tried %s\n", name.c_str());
+  if (!ok) return fail(o.name, "no file found (" + std::to_string(project.asked.size()) + " names tried" +
+                                   (o.verbose ? ")" : "; -v lists them)"));
+  std::printf("%s\n", found.asChar());
+  return 0;
+}
+
+}  // namespace kimg
