@@ -9,11 +9,13 @@
 #include <ImfHeader.h>
 #include <ImfInputFile.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <limits>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "kelpimage/il/il.h"
@@ -374,4 +376,32 @@ TEST(WebpPlugin, FramesInAndOut) {
   EXPECT_NE(reports.text.find("frames differ in size"), std::string::npos) << reports.text;
   ifftoanyClose();
   EXPECT_FALSE(std::filesystem::exists(dir.file("mixed.webp")));
+}
+
+// Threads converting to outputs of their own at once, through plug-ins of
+// several libraries: every output whole and right.
+TEST(ConversionConcurrency, ThreadsWriteTheirOwnOutputs) {
+  TempDir dir;
+  loadAllPXFPlugins();
+  Picture in = pattern(40, 30, false);
+  writeIff(dir.file("in.iff"), in, ILT_COLOR | ILT_ALPHA);
+  const char* keys[] = {"png", "pnm", "exr", "tga"};
+  const char* extensions[] = {"png", "pam", "exr", "tga"};
+  std::vector<std::thread> threads;
+  std::atomic<int> failures{0};
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 8; ++i) {
+        std::string out = dir.file("out" + std::to_string(t) + "_" + std::to_string(i) + "." + extensions[t]);
+        if (ifftoany(dir.file("in.iff").c_str(), out.c_str(), keys[t]) != 0 || ifftoanyFinish(out.c_str()) != 0)
+          ++failures;
+      }
+    });
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(failures.load(), 0);
+  for (int t = 0; t < 4; ++t) {
+    std::string out = dir.file("out" + std::to_string(t) + "_7." + extensions[t]);
+    ASSERT_EQ(anytoiff(out.c_str(), dir.file("back.iff").c_str(), nullptr, 0), 0) << out;
+    EXPECT_EQ(readIff(dir.file("back.iff")).px, in.px) << out;
+  }
 }
