@@ -14,7 +14,7 @@ trap 'rm -rf "$dir"' EXIT
 cd "$dir"
 
 "$kimg" pattern base.iff --size 1920x1080 --alpha --depth
-for f in $(seq 1 "$frames"); do cp base.iff "in.$f.iff"; done
+for f in $(seq 1 "$frames"); do cp base.iff "in.$(printf %04d "$f").iff"; done
 seconds() {
   local start end
   start=$(date +%s%N)
@@ -24,13 +24,17 @@ seconds() {
   awk -v ns=$((end - start)) 'BEGIN { printf "%.1f", ns / 1e9 }'
 }
 loop() {
-  for f in $(seq 1 "$frames"); do "$kimg" convert "in.$f.iff" "out.$f.$1"; done
+  for f in $(seq 1 "$frames"); do
+    local n
+    n=$(printf %04d "$f")
+    "$kimg" convert "in.$n.iff" "out.$n.$1"
+  done
 }
 printf '%-6s %10s %10s %10s %10s\n' "to" "threads 2" "threads 1" "loop" "oiiotool"
 for ext in sgi png; do
   printf '%-6s %10s %10s %10s %10s\n' "$ext" \
-    "$(seconds "$kimg" convert 'in.#.iff' "out.#.$ext" --threads 2 -q)" \
-    "$(seconds "$kimg" convert 'in.#.iff' "out.#.$ext" --threads 1 -q)" \
+    "$(seconds "$kimg" convert 'in.####.iff' "out.####.$ext" --threads 2 -q)" \
+    "$(seconds "$kimg" convert 'in.####.iff' "out.####.$ext" --threads 1 -q)" \
     "$(seconds loop "$ext")" \
-    "$(seconds oiiotool --frames "1-$frames" 'in.#.iff' -o "out.#.$ext")"
+    "$(seconds oiiotool --frames "1-$frames" 'in.#.iff' -o "out.#.$ext")"  # its "#": four digits
 done
