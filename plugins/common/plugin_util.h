@@ -29,25 +29,46 @@ inline float setting(PxfCapSetting* const* settings, int16_t code, float fallbac
 }
 
 // Channel buffers hold samples of 1, 2 or 4 bytes; these copy one row
-// between them and interleaved pixels of `count` channels.
-inline void interleave(const void* const* channels, int first, int count, int bytes, uint8_t* pixels, int32_t width,
-                       int stride) {
+// between them and interleaved pixels of `count` channels. The loops are
+// made for each sample size, so that a row costs a few instructions a sample.
+template <typename T>
+void interleaveSamples(const void* const* channels, int first, int count, uint8_t* pixels, int32_t width, int stride) {
   for (int c = 0; c < count; ++c) {
     auto* from = static_cast<const uint8_t*>(channels[first + c]);
-    for (int32_t x = 0; x < width; ++x)
-      std::memcpy(pixels + (size_t(x) * size_t(stride) + size_t(c)) * size_t(bytes), from + size_t(x) * size_t(bytes),
-                  size_t(bytes));
+    uint8_t* to = pixels + size_t(c) * sizeof(T);
+    for (int32_t x = 0; x < width; ++x) {
+      T v;
+      std::memcpy(&v, from + size_t(x) * sizeof(T), sizeof(T));
+      std::memcpy(to + size_t(x) * size_t(stride) * sizeof(T), &v, sizeof(T));
+    }
   }
+}
+
+template <typename T>
+void deinterleaveSamples(const uint8_t* pixels, int stride, void* const* channels, int first, int count, int32_t width) {
+  for (int c = 0; c < count; ++c) {
+    auto* to = static_cast<uint8_t*>(channels[first + c]);
+    const uint8_t* from = pixels + size_t(c) * sizeof(T);
+    for (int32_t x = 0; x < width; ++x) {
+      T v;
+      std::memcpy(&v, from + size_t(x) * size_t(stride) * sizeof(T), sizeof(T));
+      std::memcpy(to + size_t(x) * sizeof(T), &v, sizeof(T));
+    }
+  }
+}
+
+inline void interleave(const void* const* channels, int first, int count, int bytes, uint8_t* pixels, int32_t width,
+                       int stride) {
+  if (bytes == 1) interleaveSamples<uint8_t>(channels, first, count, pixels, width, stride);
+  else if (bytes == 2) interleaveSamples<uint16_t>(channels, first, count, pixels, width, stride);
+  else interleaveSamples<uint32_t>(channels, first, count, pixels, width, stride);
 }
 
 inline void deinterleave(const uint8_t* pixels, int stride, int bytes, void* const* channels, int first, int count,
                          int32_t width) {
-  for (int c = 0; c < count; ++c) {
-    auto* to = static_cast<uint8_t*>(channels[first + c]);
-    for (int32_t x = 0; x < width; ++x)
-      std::memcpy(to + size_t(x) * size_t(bytes), pixels + (size_t(x) * size_t(stride) + size_t(c)) * size_t(bytes),
-                  size_t(bytes));
-  }
+  if (bytes == 1) deinterleaveSamples<uint8_t>(pixels, stride, channels, first, count, width);
+  else if (bytes == 2) deinterleaveSamples<uint16_t>(pixels, stride, channels, first, count, width);
+  else deinterleaveSamples<uint32_t>(pixels, stride, channels, first, count, width);
 }
 
 // The parts of an image record every picture read has: its windows and

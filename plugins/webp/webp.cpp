@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -33,7 +35,8 @@ struct Reader {
   int32_t frames = 0;
   bool matte = false;
   int32_t frame = -1;  // the frame `canvas` shows
-  const uint8_t* canvas = nullptr;  // RGBA rows from the top, the decoder's
+  const uint8_t* canvas = nullptr;  // RGBA rows from the top: the decoder's, or `still`
+  std::unique_ptr<uint8_t[]> still;  // a picture of one frame, decoded straight into place
   ~Reader() {
     if (decoder) WebPAnimDecoderDelete(decoder);
   }
@@ -92,6 +95,7 @@ bool readFile(const char* name, std::vector<uint8_t>& bytes, std::string& why) {
 // Decodes frames up to `frame`, from the start when it lies behind.
 bool showFrame(Reader& r, int32_t frame, char* error, size_t size) {
   if (frame < 0 || frame >= r.frames) return fail(error, size, "no frame %d", frame), false;
+  if (!r.decoder) return true;  // a still picture
   if (frame < r.frame) {
     WebPAnimDecoderReset(r.decoder);
     r.frame = -1;
@@ -120,6 +124,24 @@ void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* err
   } else if (features.width < 1 || features.height < 1 ||
              !pxfplugin::wholeAllowed(uint64_t(features.width), uint64_t(features.height))) {
     fail(error, size, "picture of %d x %d pixels is beyond the pixel limit", features.width, features.height);
+  } else if (!features.has_animation) {
+    // One frame: decoded straight into place, without an animation's canvas.
+    r.width = features.width;
+    r.height = features.height;
+    r.frames = 1;
+    r.matte = features.has_alpha != 0;
+    size_t bytes = size_t(r.width) * size_t(r.height) * 4;
+    r.still.reset(new (std::nothrow) uint8_t[bytes]);  // not cleared: the decoder fills it all
+    if (!r.still || !WebPDecodeRGBAInto(r.bytes.data(), r.bytes.size(), r.still.get(), bytes, r.width * 4)) {
+      fail(error, size, "the picture cannot be decoded");
+    } else {
+      r.canvas = r.still.get();
+      r.frame = 0;
+      r.bytes = std::vector<uint8_t>();  // the file is done with
+      pxfplugin::describePicture(image, r.width, r.height, PXF_TOP_DOWN, 3, r.matte, 8);
+      *frames = 1;
+      return s;
+    }
   } else {
     WebPAnimDecoderOptions options;
     WebPAnimDecoderOptionsInit(&options);

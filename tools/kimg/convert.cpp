@@ -299,11 +299,10 @@ int convert(const ConvertOptions& o) {
   if (o.frame >= 0) plan.image = o.frame;
   int status = 0;
   bool plain = plan.resizeW == 0 && plan.tileW == 0 && !o.topdown;
-  if (plan.format == "iff" && key != "kelp" && key != "sgi" && plain && plan.compressionGiven &&
-      plan.compression == 0 && (frames == 1 || plan.image >= 0)) {
-    // A stored IFF file of one frame is what the conversion into IFF makes
-    // itself: no second pass.
-    if (anytoiff(input.path().c_str(), output.path().c_str(), key.asChar(), plan.image < 0 ? 0 : plan.image) != 0)
+  if (plan.format == "iff" && key != "kelp" && key != "sgi" && plain && (frames == 1 || plan.image >= 0)) {
+    // One frame into IFF: the conversion writes the file itself, in one pass.
+    if (anytoiffCompressed(input.path().c_str(), output.path().c_str(), key.asChar(), plan.image < 0 ? 0 : plan.image,
+                           plan.compressionGiven ? plan.compression : 1) != 0)
       status = fail(o.in, takeReport("cannot be converted"));
   } else if (plan.format == "iff" && key != "kelp" && plan.image < 0 && frames > 1) {
     status = framesToIff(frames, o, plan, output.path(), into);

@@ -12,6 +12,7 @@
 
 #include "kelpimage/image/formatgateway.h"
 #include "kelpimage/image/tiffimagefile.h"
+#include "kelpimage/plugin/plugins.h"
 #include "kelpimage/plugin/pxf.h"
 #include "kelpimage/plugin/pxfinternal.h"
 
@@ -148,7 +149,7 @@ void closeCurrent() {
   gCurrentInput = nullptr;
 }
 
-int convert(PxfHandle* handle, const char* output) {
+int convert(PxfHandle* handle, const char* output, uint32_t compression) {
   PxfImageData* image = handle->image;
   if (!image) {
     reportConversionError("anytoiff: Empty image.");
@@ -176,8 +177,7 @@ int convert(PxfHandle* handle, const char* output) {
     return -1;
   }
   out.setSize(uint16_t(width), uint16_t(height));
-  // The file is a temporary one, read once: stored, it costs least both ways.
-  out.setCompression(TiffImageFile::kNone);
+  out.setCompression(TiffImageFile::TfileCompression(compression));
   out.modifyControlFlags(ILC_TOPDOWN, 0);
   if (im.aspectWidth != 0 && im.aspectRatio != float(im.aspectWidth) / float(im.aspectHeight)) {
     int n = int(float(im.aspectHeight) * im.aspectRatio);
@@ -234,7 +234,8 @@ static std::mutex& inputLock() {
   return lock;
 }
 
-int pxfAnyToIff(const char* input, const char* output, const char* key, int frame) {
+// Converts frame `frame` of `input` into an IFF file of `compression`.
+static int anyToIff(const char* input, const char* output, const char* key, int frame, uint32_t compression) {
   std::lock_guard<std::mutex> hold(inputLock());
   if (gCurrentInput && (!input || std::strcmp(gCurrentInput->name, input) != 0 || !sameFile(input))) closeCurrent();
   if (!gCurrentInput) {
@@ -248,11 +249,24 @@ int pxfAnyToIff(const char* input, const char* output, const char* key, int fram
     reportConversionError(withReason(std::string("anytoiff: ") + input + " has no frame " + std::to_string(frame)));
     return -1;
   }
-  int rc = convert(gCurrentInput, output);
+  int rc = convert(gCurrentInput, output, compression);
   // A multi-frame input stays open for the next frame; any other closes now,
   // and so does one that failed.
   if (!multiframe || rc != 0) closeCurrent();
   return rc;
+}
+
+int pxfAnyToIff(const char* input, const char* output, const char* key, int frame) {
+  // The file is a temporary one, read once: stored, it costs least both ways.
+  return anyToIff(input, output, key, frame, TiffImageFile::kNone);
+}
+
+int anytoiffCompressed(const char* input, const char* output, const char* key, int frame, uint32_t compression) {
+  if (compression > TiffImageFile::kQR4) {
+    reportConversionError("anytoiff: no IFF compression " + std::to_string(compression));
+    return -1;
+  }
+  return anyToIff(input, output, key, frame, compression);
 }
 
 int pxfGetResolution(const char* input, unsigned& width, unsigned& height) {

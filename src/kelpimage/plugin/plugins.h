@@ -4,6 +4,8 @@
 // (kelpimage/image/formatgateway.h), which this subsystem serves.
 #pragma once
 
+#include <cstdint>
+
 #include "kelpimage/kelpexport.h"
 
 // Loads one plug-in file and enters it in the table; the library handle, or
@@ -16,6 +18,10 @@ KELP_API int formatIsMultiframe(const char* key);
 
 // 0 when `key` names a format that can be written (checked before work starts).
 KELP_API int ifftoanyInit(const char* output, const char* key);
+// anytoiff through the plug-ins, into an IFF file of the given compression
+// (0 none, 1 RLE, 2 QRL, 3 QR4) rather than a stored temporary one: for a
+// host that keeps the IFF file. 0 or -1, with a report.
+KELP_API int anytoiffCompressed(const char* input, const char* output, const char* key, int frame, uint32_t compression);
 // Closes every multi-frame output left open by ifftoany; returns 0.
 KELP_API int ifftoanyClose();
 
