@@ -1,4 +1,5 @@
-// Small helpers for the tests: a scratch directory and whole-file I/O.
+// Small helpers for the tests: a scratch directory, whole-file I/O and a
+// catcher of the library's reports.
 #pragma once
 
 #include <cstdint>
@@ -6,10 +7,25 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <mutex>
 #include <string>
 #include <vector>
 
+#include "kelpimage/image/base/terrorhandler.h"
+
 namespace kelptest {
+
+// The host's error handler while it lives: every report, a line each.
+struct Reports : TerrorHandler {
+  std::mutex lock;
+  std::string text;
+  Reports() { theErrorHandler = this; }
+  ~Reports() override { theErrorHandler = nullptr; }
+  void reportError(const Tstring& m) override {
+    std::lock_guard<std::mutex> hold(lock);
+    text += m.str() + "\n";
+  }
+};
 
 class TempDir {
  public:

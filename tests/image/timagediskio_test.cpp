@@ -57,12 +57,6 @@ struct Grey {
 };
 const TformatProvider kGrey = {Grey::loadAll, Grey::fileType, Grey::anyToIff, Grey::resolution, Grey::iffToAny, nullptr};
 
-struct Reports : TerrorHandler {
-  std::string text;
-  Reports() { theErrorHandler = this; }
-  ~Reports() override { theErrorHandler = nullptr; }
-  void reportError(const Tstring& m) override { text += m.str() + "\n"; }
-};
 
 struct WithProvider {
   WithProvider() { setFormatProvider(&kGrey); }

@@ -24,10 +24,10 @@
 using namespace kelptest;
 
 namespace {
-struct Reports : TerrorHandler {
+struct ReportLines : TerrorHandler {
   std::vector<std::string> lines;
-  Reports() { theErrorHandler = this; }
-  ~Reports() override { theErrorHandler = nullptr; }
+  ReportLines() { theErrorHandler = this; }
+  ~ReportLines() override { theErrorHandler = nullptr; }
   void reportError(const Tstring& m) override { lines.push_back(m.str()); }
   bool has(const std::string& text) const {
     for (const auto& l : lines)
@@ -142,7 +142,7 @@ TEST(TimageFile, TellsFilesByTheirBytes) {
   EXPECT_FALSE(TpsdTextureFile::isFilePsd(dir.file("missing")));
 
   // Short and unknown files go to the plug-ins: silent on "__none_", 625 on no answer.
-  Reports reports;
+  ReportLines reports;
   EXPECT_EQ(typeOf({'x', 'y'}), "");
   EXPECT_TRUE(reports.lines.empty());
   setFormatProvider(&kFake);
@@ -226,7 +226,7 @@ TEST(TimageFile, ReadsIffAndSgiIntoPixelMaps) {
 
 TEST(TimageFile, SizeLimitReportsAndTheirSwitch) {
   TempDir dir;
-  Reports reports;
+  ReportLines reports;
   TimageFile f;
   // Header-only files are enough to test the size rule.
   auto header = [&](const std::string& name, int w, int h) {
@@ -395,7 +395,7 @@ TEST(TimageFile, MemoryMappedRegion) {
 TEST(TimageFile, SgiWiderThanAPixelMapIsRefused) {
   TempDir dir;
   writeSgi(dir.file("wide.sgi"), 40000, 2, 1);
-  Reports reports;
+  ReportLines reports;
   TimageFile f;
   ASSERT_EQ(f.identifyAndOpen(dir.file("wide.sgi").c_str()), 0);
   TpixelMap map;
@@ -409,7 +409,7 @@ TEST(TimageFile, SgiWiderThanAPixelMapIsRefused) {
 // A write that does not reach the disk fails at close, with a report,
 // through every file class and the image library itself.
 TEST(TimageFile, WriteErrorsReachTheCaller) {
-  Reports reports;
+  ReportLines reports;
   TpixelMap map(200, 100);
   TimageFile f;
   ASSERT_EQ(f.create("/dev/full", 200, 100, TiffImageFile::kRLE, nullptr), 0);  // a device opens
@@ -448,7 +448,7 @@ TEST(TimageFile, OutOfMemoryIsAFailedCall) {
   auto readUnderALimit = [&] {
     rlimit limit{96u << 20, 96u << 20};
     setrlimit(RLIMIT_AS, &limit);
-    Reports reports;
+    ReportLines reports;
     TimageFile f;
     int opened = f.identifyAndOpen(name.c_str());
     TpixelMap map;

@@ -21,16 +21,6 @@ using namespace kelptest;
 
 namespace {
 
-struct Reports : TerrorHandler {
-  std::mutex lock;
-  std::string text;
-  Reports() { theErrorHandler = this; }
-  ~Reports() override { theErrorHandler = nullptr; }
-  void reportError(const Tstring& m) override {
-    std::lock_guard<std::mutex> hold(lock);
-    text += m.str() + "\n";
-  }
-};
 
 void writePicture(const std::string& name, int w, int h) {
   ILimage* im = ILopen(name.c_str(), "w");

@@ -19,12 +19,6 @@ using namespace kelptest;
 
 namespace {
 
-struct Reports : TerrorHandler {
-  std::string text;
-  Reports() { theErrorHandler = this; }
-  ~Reports() override { theErrorHandler = nullptr; }
-  void reportError(const Tstring& m) override { text += m.str() + "\n"; }
-};
 
 // The output folder for one test.
 struct Outputs {

@@ -29,12 +29,6 @@ using namespace kelptest;
 
 namespace {
 
-struct Reports : TerrorHandler {
-  std::string text;
-  Reports() { theErrorHandler = this; }
-  ~Reports() override { theErrorHandler = nullptr; }
-  void reportError(const Tstring& m) override { text += m.str() + "\n"; }
-};
 
 struct Picture {
   int w = 0, h = 0;

@@ -22,12 +22,6 @@ using namespace kelptest;
 namespace {
 std::string testPlugin(const char* name) { return std::string(KELP_TEST_PLUGIN_DIR) + "/" + name + ".so"; }
 
-struct Reports : TerrorHandler {
-  std::string text;
-  Reports() { theErrorHandler = this; }
-  ~Reports() override { theErrorHandler = nullptr; }
-  void reportError(const Tstring& m) override { text += m.str() + "\n"; }
-};
 
 // Writes an IFF picture of w x h with the given pixels (blue, green, red, alpha) and depth.
 void writeIff(const std::string& name, int w, int h, uint32_t type, const std::vector<uint8_t>& px,

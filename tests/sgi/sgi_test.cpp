@@ -13,12 +13,6 @@
 using namespace kelptest;
 
 namespace {
-struct Messages : TerrorHandler {
-  std::string text;
-  Messages() { theErrorHandler = this; }
-  ~Messages() override { theErrorHandler = nullptr; }
-  void reportError(const Tstring& m) override { text += m.str(); }
-};
 
 // The encoded bytes of row 0 of a one-row, one-channel run-length file.
 std::vector<uint8_t> encodedRow(const std::vector<uint16_t>& samples, unsigned bpp = 1) {
@@ -137,7 +131,7 @@ TEST(SGI, DimensionsRewritesAndSampleAccess) {
 
 TEST(SGI, DamagedFilesFailCleanly) {
   TempDir dir;
-  Messages messages;
+  Reports messages;
   writeBytes(dir.file("bad.sgi"), {0x12, 0x34, 0, 0});
   EXPECT_EQ(iopen(dir.file("bad.sgi").c_str(), "r"), nullptr);
   EXPECT_NE(messages.text.find("SGI image: iopen: error on read of image header"), std::string::npos);
