@@ -347,11 +347,11 @@ TEST(WebpPlugin, FramesInAndOut) {
     for (size_t i = 0; i < p.px.size(); ++i) p.px[i] = uint8_t(p.px[i] + f * 50);
     for (size_t i = 3; i < p.px.size(); i += 4) p.px[i] = 255;
     frames.push_back(p);
-    writeIff(dir.file("f" + std::to_string(f) + ".iff"), p, ILT_COLOR);
+    writeIff(dir.file(std::string("f") + std::to_string(f) + ".iff"), p, ILT_COLOR);
   }
   std::string out = dir.file("anim.webp");
   for (int f = 0; f < 3; ++f)
-    ASSERT_EQ(ifftoany(dir.file("f" + std::to_string(f) + ".iff").c_str(), out.c_str(), "webp"), 0) << reports.text;
+    ASSERT_EQ(ifftoany(dir.file(std::string("f") + std::to_string(f) + ".iff").c_str(), out.c_str(), "webp"), 0) << reports.text;
   ASSERT_EQ(ifftoanyFinish(out.c_str()), 0);
   for (int f : {2, 0, 1}) {
     ASSERT_EQ(anytoiff(out.c_str(), dir.file("back.iff").c_str(), "webp", f), 0) << reports.text;

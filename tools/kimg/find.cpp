@@ -31,8 +31,9 @@ int find(const FindOptions& o) {
   Noting project;
   TprojectMgrBase::theProjectMgr = &project;
   Tstring found;
-  bool ok = TimageFileSearchPath::exactImageName(Tstring(o.name), found, o.frame >= 0,
-                                                 Tstring("." + std::to_string(o.frame < 0 ? 0 : o.frame)));
+  std::string frameExt(1, '.');
+  frameExt += std::to_string(o.frame < 0 ? 0 : o.frame);
+  bool ok = TimageFileSearchPath::exactImageName(Tstring(o.name), found, o.frame >= 0, Tstring(frameExt));
   TprojectMgrBase::theProjectMgr = nullptr;
   if (o.verbose)
     for (const std::string& name : project.asked) std::fprintf(stderr, "tried %s\n", name.c_str());

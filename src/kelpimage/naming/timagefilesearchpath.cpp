@@ -75,7 +75,9 @@ bool TimageFileSearchPath::nextFrameExt(char* current, bool useFrame, char* fram
   if (!useFrame) return false;
   long zeros = long(std::strlen(current)) - long(std::strlen(frameExt));
   if (zeros > 3) return false;
-  std::string next = "." + std::string(size_t(zeros < 0 ? 0 : zeros) + 1, '0') + (frameExt[0] == '.' ? frameExt + 1 : frameExt);
+  std::string next(1, '.');
+  next.append(size_t(zeros < 0 ? 0 : zeros) + 1, '0');
+  next.append(frameExt[0] == '.' ? frameExt + 1 : frameExt);
   copyInto(current, kPartSize, next);
   return true;
 }
