@@ -32,6 +32,26 @@ class PlaneEncoder {
     uint8_t prev = uint8_t(plane[0] ^ 1);
     for (size_t i = 0; i < n; ++i) {
       uint8_t c = plane[i];
+      // Two fast paths that do what the steps below would do byte by byte:
+      // a stretch of bytes each unlike the one before joins the literal at
+      // once, and a run takes its like bytes at once.
+      if (!fInRun && fCount < 128 && c != prev) {
+        size_t end = i + 1, limit = std::min(n, i + (128 - fCount));
+        while (end < limit && plane[end] != plane[end - 1]) ++end;
+        std::memcpy(fBuf + fCount, plane + i, end - i);
+        fCount += uint32_t(end - i);
+        fMark = fCount - 1;
+        prev = plane[end - 1];
+        i = end - 1;
+        continue;
+      }
+      if (fInRun && c == prev && fCount < 128) {
+        size_t end = i + 1, limit = std::min(n, i + (128 - fCount));
+        while (end < limit && plane[end] == c) ++end;
+        fCount += uint32_t(end - i);
+        i = end - 1;
+        continue;
+      }
       if (fInRun) {
         if (c == prev && fCount < 128) {
           ++fCount;
