@@ -137,6 +137,17 @@ void TimageFileIO::abandon() {
   fMaskOpen = fDepthOpen = false;
 }
 
+bool TimageFileIO::openSideFile(TimageFile& file, const TfilePath& dir, const TimageFN& name, unsigned short w,
+                                unsigned short h, TiffImageFile::TfileCompression compression, int type) {
+  std::string path = joinPath(dir.fullName(), makeName(name, kIffImage));
+  if (file.create(Tstring(path), w, h, compression, nullptr) != 0) {
+    abandon();
+    return false;
+  }
+  file.setType(type);
+  return true;
+}
+
 bool TimageFileIO::create(TimageFN name, unsigned short w, unsigned short h, TimageType type, TdataType data) {
   // The side files of an earlier frame are closed: this frame has its own.
   fMaskOpen = fDepthOpen = false;
@@ -162,24 +173,10 @@ bool TimageFileIO::create(TimageFN name, unsigned short w, unsigned short h, Tim
   }
   fImageFile.setType(int(((data & kColorData) ? 1u : 0u) | ((data & kAlphaData) && fFormatHasAlpha ? 2u : 0u) |
                          ((data & kDepthData) && fFormatHasDepth ? 4u : 0u)));
-  if (maskFile) {
-    std::string maskPath = joinPath(fMaskDir.fullName(), makeName(fMaskName, kIffImage));
-    if (fMaskFile.create(Tstring(maskPath), w, h, TiffImageFile::kRLE, nullptr) != 0) {
-      abandon();
-      return false;
-    }
-    fMaskFile.setType(2);
-    fMaskOpen = true;
-  }
-  if (depthFile) {
-    std::string depthPath = joinPath(fDepthDir.fullName(), makeName(fDepthName, kIffImage));
-    if (fDepthFile.create(Tstring(depthPath), w, h, TiffImageFile::kNone, nullptr) != 0) {
-      abandon();
-      return false;
-    }
-    fDepthFile.setType(4);
-    fDepthOpen = true;
-  }
+  if (maskFile && !openSideFile(fMaskFile, fMaskDir, fMaskName, w, h, TiffImageFile::kRLE, 2)) return false;
+  fMaskOpen = maskFile;
+  if (depthFile && !openSideFile(fDepthFile, fDepthDir, fDepthName, w, h, TiffImageFile::kNone, 4)) return false;
+  fDepthOpen = depthFile;
   return true;
 }
 

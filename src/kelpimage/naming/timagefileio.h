@@ -96,6 +96,10 @@ class KELP_API TimageFileIO {
  private:
   // Closes the files opened by a create that failed, and removes them.
   void abandon();
+  // Creates a side file, always IFF, in `dir` with channels `type`; false
+  // after abandoning the create.
+  bool openSideFile(TimageFile& file, const TfilePath& dir, const TimageFN& name, unsigned short w, unsigned short h,
+                    TiffImageFile::TfileCompression compression, int type);
 
   TfilePath fImageDir, fMaskDir, fDepthDir;
   Tstring fNames[3];
