@@ -1,6 +1,7 @@
 // The subcommands of kimg. Each returns the process exit status.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -54,6 +55,11 @@ int chunks(const std::string& file);
 int create(const CreateOptions& options);
 int pattern(const PatternOptions& options);
 int convert(const ConvertOptions& options);
+// The options of a conversion checked once, for the frames of a sequence:
+// 0 with `run` set to convert one frame's files, or the status of the check
+// that failed.
+using FrameConverter = std::function<int(const std::string& in, const std::string& out)>;
+int prepareConvert(const ConvertOptions& options, FrameConverter& run);
 int filters();
 int formats();
 int depth(const std::string& in, const std::string& out);

@@ -279,9 +279,8 @@ int fromFrontDoor(const std::string& input, const std::string& key, const Conver
 
 }  // namespace
 
-int convert(const ConvertOptions& o) {
-  Plan plan;
-  if (int status = makePlan(o, plan)) return status;
+// One conversion, its options checked.
+int convertPlanned(const ConvertOptions& o, Plan plan) {
   Input input(o.in);
   if (!input.error().empty()) return fail(o.in, input.error());
   Tstring key = TimageFile().getImageType(Tstring(input.path().c_str()));
@@ -328,6 +327,24 @@ int convert(const ConvertOptions& o) {
     if (status) ifftoanyFinish(output.path().c_str());  // into the temporary file, which goes
   }
   return status ? status : output.commit();
+}
+
+int convert(const ConvertOptions& o) {
+  Plan plan;
+  if (int status = makePlan(o, plan)) return status;
+  return convertPlanned(o, plan);
+}
+
+int prepareConvert(const ConvertOptions& o, FrameConverter& run) {
+  Plan plan;
+  if (int status = makePlan(o, plan)) return status;
+  run = [o, plan](const std::string& in, const std::string& out) {
+    ConvertOptions one = o;
+    one.in = in;
+    one.out = out;
+    return convertPlanned(one, plan);
+  };
+  return 0;
 }
 
 }  // namespace kimg

@@ -150,7 +150,10 @@ int convertSequence(const ConvertOptions& o, const SequenceOptions& s) {
   if (o.frame >= 0) return usage("--frame takes one frame of one file; for sequences use --frames");
   std::vector<long> frames;
   if (int status = framesOf(in, o.in, s.frames, frames)) return status;
-  // Everything the frames share is made ready once, before the threads start.
+  // Everything the frames share is checked and made ready once, before the
+  // threads start.
+  FrameConverter run;
+  if (int status = prepareConvert(o, run)) return status;
   loadAllPXFPlugins();
   size_t threads = s.threads > 0 ? size_t(s.threads) : std::max(1u, std::thread::hardware_concurrency());
   threads = std::min(threads, frames.size());
@@ -162,17 +165,15 @@ int convertSequence(const ConvertOptions& o, const SequenceOptions& s) {
   std::vector<long> bad;
   auto work = [&] {
     for (size_t i; !stop.load() && (i = next.fetch_add(1)) < frames.size();) {
-      ConvertOptions one = o;
-      one.in = in.name(frames[i]);
-      one.out = out.name(frames[i]);
+      std::string from = in.name(frames[i]), to = out.name(frames[i]);
       takeReport("");  // what earlier frames of this thread left unsaid is not this frame's
-      if (convert(one) != 0) {
+      if (run(from, to) != 0) {
         std::lock_guard<std::mutex> hold(badLock);
         bad.push_back(frames[i]);
         if (!s.skipBad) stop = true;
         continue;
       }
-      progress.done(one.in, one.out, s.verbose);
+      progress.done(from, to, s.verbose);
     }
   };
   std::vector<std::thread> pool;
