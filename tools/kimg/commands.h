@@ -40,6 +40,8 @@ struct ConvertOptions {
   std::string format;  // "iff", "sgi" or a plug-in's key; empty: by the output's extension
   int frame = -1;      // one frame (or IFF image) of the input, from 0; -1: all an output holds
   std::vector<std::string> options;  // NAME=VALUE for the output format's plug-in
+  std::string layer;  // of a Photoshop document: this layer ("#N": the N-th) instead of the flattened image
+  int alpha = -1;     // of a Photoshop document: this alpha channel instead
 };
 
 struct FindOptions {
@@ -63,5 +65,6 @@ int prepareConvert(const ConvertOptions& options, FrameConverter& run);
 int filters();
 int formats();
 int depth(const std::string& in, const std::string& out);
+int psd(const std::string& path);
 
 }  // namespace kimg

@@ -16,6 +16,7 @@
 #include "kelpimage/plugin/pxf.h"
 #include "kelpimage/image/timagefile.h"
 #include "lines.h"
+#include "psd.h"
 #include "util.h"
 
 namespace kimg {
@@ -257,6 +258,16 @@ int fromSgi(const std::string& input, const ConvertOptions& o, const Plan& plan,
   return status;
 }
 
+// A Photoshop document: its flattened image, one layer or one alpha channel.
+int fromPsd(const std::string& input, const ConvertOptions& o, const Plan& plan, const std::string& path) {
+  std::string why;
+  std::unique_ptr<Lines> lines = psdLines(input, PsdPart{o.layer, o.alpha}, o.topdown, why);
+  if (!lines) return why.empty() ? kFailed : fail(o.in, why);
+  if (plan.resizeW > 0)
+    lines = zoomedLines(std::move(lines), plan.resizeW, plan.resizeH, o.filter, plan.blurX, plan.blurY, why);
+  return lines ? linesTo(*lines, o, plan, path) : fail(o.in, "cannot be resized: " + why);
+}
+
 // Any other picture: converted by the front door into an IFF picture of
 // one byte a channel (with its depth, where the format has one), which is
 // then read as any IFF picture is.
@@ -287,18 +298,22 @@ int convertPlanned(const ConvertOptions& o, Plan plan) {
   if (key.isEmpty()) return fail(o.in, takeReport("not a picture of a format kimg reads"));
   Output output(o.out);
   if (!output.error().empty()) return fail(o.out, output.error());
+  if ((!o.layer.empty() || o.alpha >= 0) && key != "psd")
+    return usage("--layer and --alpha are for Photoshop documents");
   auto into = [&](const Plan& p, const std::string& path) {
+    if (key == "psd") return fromPsd(input.path(), o, p, path);
     if (key == "kelp") return fromIff(input.path(), o, p, path);
     if (key == "sgi") return fromSgi(input.path(), o, p, path);
     return fromFrontDoor(input.path(), key.str(), o, p, path);
   };
-  int frames = inputFrames(key.str(), input.path());
+  int frames = key == "psd" ? 1 : inputFrames(key.str(), input.path());
   if (o.frame >= frames) return fail(o.in, "has no frame " + std::to_string(o.frame) + " (frames 0 to " +
                                                std::to_string(frames - 1) + ")");
   if (o.frame >= 0) plan.image = o.frame;
   int status = 0;
   bool plain = plan.resizeW == 0 && plan.tileW == 0 && !o.topdown;
-  if (plan.format == "iff" && key != "kelp" && key != "sgi" && plain && (frames == 1 || plan.image >= 0)) {
+  if (plan.format == "iff" && key != "kelp" && key != "sgi" && key != "psd" && plain &&
+      (frames == 1 || plan.image >= 0)) {
     // One frame into IFF: the conversion writes the file itself, in one pass.
     if (anytoiffCompressed(input.path().c_str(), output.path().c_str(), key.asChar(), plan.image < 0 ? 0 : plan.image,
                            plan.compressionGiven ? plan.compression : 1) != 0)

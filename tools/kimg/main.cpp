@@ -63,6 +63,11 @@ int run(int argc, char** argv) {
       ->check(CLI::NonNegativeNumber);
   convert->add_option("--option", conv.options,
                       "NAME=VALUE for the output format's plug-in, such as Quality=90 (kimg formats lists them)");
+  convert->add_option("--layer", conv.layer,
+                      "Of a Photoshop document: this layer's pixels at the size of its rectangle; "
+                      "#N for the N-th ordinary layer in file order, from 0");
+  convert->add_option("--alpha", conv.alpha, "Of a Photoshop document: this alpha channel (from 0), grey")
+      ->check(CLI::NonNegativeNumber);
   kimg::SequenceOptions seq;
   convert->add_option("--frames", seq.frames,
                       "Frames of a sequence (IN and OUT as name.####.ext, name.#.ext or name.%04d.ext): "
@@ -79,6 +84,10 @@ int run(int argc, char** argv) {
   find->add_option("--field", fnd.field, "The field rendered: odd or even")->check(CLI::IsMember({"odd", "even"}));
   find->add_option("--frame", fnd.frame, "The frame, tried with 0 to 4 leading zeros")->check(CLI::NonNegativeNumber);
   find->add_flag("-v,--verbose", fnd.verbose, "List the names tried");
+
+  std::string psdFile;
+  CLI::App* psd = app.add_subcommand("psd", "Print what a Photoshop document holds: header, resources, layer tree");
+  psd->add_option("file", psdFile, "Photoshop document")->required();
 
   std::string depthIn, depthOut;
   CLI::App* depth = app.add_subcommand("depth", "Write the depth channel of an IFF picture as a grey IFF picture");
@@ -143,6 +152,7 @@ int run(int argc, char** argv) {
   if (*filters) return kimg::filters();
   if (*formats) return kimg::formats();
   if (*depth) return kimg::depth(depthIn, depthOut);
+  if (*psd) return kimg::psd(psdFile);
   return kimg::create(opt);
 }
 

@@ -1,0 +1,173 @@
+// A layered Photoshop document of 8 or 16 bits a channel, read piecemeal:
+// each operation opens the file afresh, reads what it needs and remembers
+// how far it got.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "kelpimage/image/base/tarray.h"
+#include "kelpimage/image/base/tfile.h"
+#include "kelpimage/image/base/tstring.h"
+#include "kelpimage/kelpexport.h"
+#include "kelpimage/photoshop/tpixeldata16.h"
+#include "kelpimage/photoshop/tpsdlayer.h"
+
+namespace zkPhotoshop {
+
+class TpsdStream;
+
+class KELP_API TphotoshopFile {
+ public:
+  virtual ~TphotoshopFile() = default;
+  virtual int open(const TfilePath& path, bool editMode);
+  virtual int create(const TfilePath& path, unsigned short& width, unsigned short& height);
+  virtual int close() { return 0; }
+  // 8 or 16; throws "Invalid color depth" for anything else.
+  void setColorDepth(int depth);
+
+  TfilePath fPath;
+  uint32_t fImageWidth = 0;
+  uint32_t fImageHeight = 0;
+  TdataFormat fDataFormat = dataFormat8;
+  bool fSaveNeeded = false;
+  bool fEditMode = false;
+};
+
+struct TpsdResource {
+  uint32_t signature = 0;
+  uint16_t id = 0;
+  std::string name;
+  uint32_t size = 0;          // rounded up to even
+  std::vector<uint8_t> data;  // empty for the resources rebuilt on writing
+  uint32_t value = 0;         // the id seed of resource 1044
+};
+
+// Resource ids read for what they mean.
+constexpr uint16_t kResourceAlphaNames = 1006;
+constexpr uint16_t kResourceIdSeed = 1044;
+constexpr uint16_t kResourceAlphaIds = 1053;
+
+class KELP_API TpsdFile : public TphotoshopFile {
+ public:
+  TpsdFile();
+  ~TpsdFile() override;
+  TpsdFile(const TpsdFile&) = delete;
+  TpsdFile& operator=(const TpsdFile&) = delete;
+
+  // Reads the header; the path is kept only when the header is taken.
+  // Returns 0 in every case: a refused document fails at its next read.
+  int open(const TfilePath& path, bool editMode) override;
+
+  // The start of the file. Each throws TpsdDamaged on a short file.
+  bool readPsdHeader(TpsdStream& stream);
+  void readColorModeData(TpsdStream& stream);
+  void readImageResources(TpsdStream& stream);
+  // Names of the alpha channels; 1 when there are any.
+  int readAlphaList(TstringArray& names);
+
+  // The layer and mask section.
+  bool readAllLayerRecordInformation();
+  void readAllLayerInfo(TpsdStream& stream);
+  void readGlobalMaskInfo(TpsdStream& stream);
+  void readAdditionalGlobalInfo(TpsdStream& stream);
+  bool seekToEndOfChannelData(TpsdStream& stream);
+  // Names of ordinary layers, or of the outermost sets, in file order:
+  // 0, or -1 when the document cannot be read.
+  int getAllLayerNames(TstringArray& names);
+  int readLayerSetNames(TstringArray& names);
+  int getLayerFromName(const Tstring& name, TpsdLayer*& layer) const;
+  TpsdLayer* getLayerObjFromName(const Tstring& name) const;
+  static bool isLayerGrouped(const TpsdLayer& layer) { return layer.fClipping != 0; }
+  static bool isNextLayerGrouped(const TpsdLayerPtrArray& layers, TpsdLayerPtrArray::const_iterator it);
+  static void freePtrArray(TpsdLayerPtrArray& layers) { layers.clear(); }
+  void recomputeLayerSize();
+
+  // Pixels.
+  TpixelData16* getCompositePixData(TdataFormat format);
+  bool readImageData(TpsdStream& stream, int compression);
+  bool readRawImageData(TpsdStream& stream);
+  bool readRLEImageData(TpsdStream& stream);
+  // The flattened image as a new value (the caller owns it).
+  bool readFlattenedImage(TrgbaData*& out);
+  // The flattened image, kept by the document.
+  bool getCompositeImage(TrgbaData*& out);
+  bool readAlpha(TrgbaData*& out, int index);
+  // Alpha channel `index` (channel id index + 3), as a new value.
+  bool getAlphaChannelMap(TrgbaData*& out, int index);
+  bool readAlphaChannelData(TpsdStream& stream, int compression, int index);
+  bool readRawAlphaChannelData(TpsdStream& stream, int index);
+  bool readRLEAlphaChannelData(TpsdStream& stream, int index);
+  void readChannelDataForLayer(TpsdStream& stream, TpsdLayer& layer);
+  // Every layer's channel bytes.
+  bool readAllChannelInformation();
+  // A layer at its place on a white canvas of the document's size, with its
+  // opacity applied (a new value). True with a null image when the file
+  // cannot be opened.
+  bool getLayerImage(const Tstring& name, TrgbaData*& out);
+  // One layer's own pixels, read when needed and expanded: the channels of
+  // its rectangle. Null, with lastError(), when they cannot be had.
+  TpixelData16* layerPixels(TpsdLayer& layer);
+
+  // Raises a warning unless the layer is the set-end layer.
+  void addWarningMessage(const Tstring& layerName, uint32_t code);
+  // Why the last operation that failed did so, after the file's name;
+  // empty after success. lastReason() is the same without the name.
+  Tstring lastError() const;
+  const Tstring& lastReason() const { return fLastError; }
+
+  int32_t fLayerMaskSize = 0;
+  uint32_t fLayerInfoSize = 0;
+  Tstring fSetEndName;
+  std::vector<TpsdBlock> fGlobalBlocks;
+  uint32_t fGlobalMaskSize = 0;
+  std::vector<uint8_t> fGlobalMask;
+  TstringArray fAlphaNames;
+  TuInt32Array fAlphaIds;
+  std::vector<TpsdResource> fResources;
+  uint16_t fLayerCount = 0;
+  bool fCompositeAdded = false;
+  bool fBackgroundAdded = false;
+  int32_t fColorModeSize = 0;
+  std::vector<uint8_t> fColorModeData;
+  uint32_t fResourcesSize = 0;
+  int32_t fChannelDataOffset = 0;
+  int32_t fAfterResources = 0;
+  int32_t fAfterGlobalMask = 0;
+  int32_t fAfterGlobalInfo = 0;
+  uint16_t fChannelCount = 3;
+  uint8_t fHeaderReserved[6] = {0, 0, 0, 0, 0, 0};
+  uint16_t fDepth = 8;
+  uint16_t fColorMode = 3;
+  uint16_t fImageCompression = 1;
+  std::map<Tstring, std::unique_ptr<TrgbaData>> fSetImages;
+  TpsdLayerPtrArray fLayers;
+  std::unique_ptr<TrgbaData> fComposite;
+  std::unique_ptr<TpixelData16> fCompositePixels;
+
+ private:
+  // Opens the file and reads header, colour mode data and resources.
+  // False (with lastError) when the file cannot be opened or is refused.
+  bool openAndReadStart(TpsdStream& stream);
+  // Header to global blocks; false when the document has no layer section.
+  bool walkLayers(TpsdStream& stream);
+  void readLayerSection(TpsdStream& stream, int64_t sectionEnd);
+  void readGlobalBlocks(TpsdStream& stream, int64_t end);
+  void readLayersAt(TpsdStream& stream, int64_t infoEnd);
+  void readResourceData(TpsdStream& stream, TpsdResource& resource, int64_t end);
+  void seekToImageData(TpsdStream& stream);
+  // Runs `op` with every failure of a read turned into `failed`, the reason
+  // kept and memory failures warned of.
+  template <class Op, class R>
+  R guarded(Op&& op, R failed);
+  void fail(const Tstring& reason);
+  bool readRawPlane(TpsdStream& stream, PHOTOSHOP_CHANNEL id, uint64_t plane);
+
+  Tstring fLastError;  // the reason alone
+  Tstring fErrorName;  // the file it concerns
+  int64_t fLayerSectionEnd = 0;  // behind the layer and mask section, once read
+};
+
+}  // namespace zkPhotoshop

@@ -1,0 +1,253 @@
+#include "kelpimage/photoshop/tpsdlayer.h"
+
+#include <algorithm>
+
+#include "kelpimage/photoshop/psdstream.h"
+#include "kelpimage/photoshop/tpsdwarning.h"
+
+namespace zkPhotoshop {
+
+namespace {
+
+constexpr uint32_t kMaxChannels = 56;
+
+bool isSignature(uint32_t v) { return v == fourCC("8BIM") || v == fourCC("8B64"); }
+
+// The warning a block's key raises, or 0.
+uint32_t warningOf(uint32_t key) {
+  switch (key) {
+    case fourCC("lfx2"): return warnObjectEffects;
+    case fourCC("lrfx"): return warnLayerEffects;
+    case fourCC("patt"): return warnPatterns;
+    case fourCC("Anno"): return warnAnnotation;
+    case fourCC("brit"):
+    case fourCC("hue2"):
+    case fourCC("lev1"):
+    case fourCC("curv"):
+    case fourCC("post"):
+    case fourCC("nvrt"):
+    case fourCC("blnc"):
+    case fourCC("selc"):
+    case fourCC("thrs"):
+    case 0x00687565u:  // "hue" behind a zero byte
+      return warnAdjustmentLayer;
+    default: return 0;
+  }
+}
+
+TlRect readRect(TpsdStream& s) {
+  TlRect r;
+  r.top = s.i32();
+  r.left = s.i32();
+  r.bottom = s.i32();
+  r.right = s.i32();
+  return r;
+}
+
+// Sides far past what any document holds would overflow the arithmetic on them.
+void checkRect(const TlRect& r, const char* what) {
+  constexpr int32_t kFar = 1 << 29;
+  auto far = [](int32_t v) { return v < -kFar || v > kFar; };
+  if (far(r.top) || far(r.left) || far(r.bottom) || far(r.right) || r.bottom < r.top || r.right < r.left)
+    damaged(std::string(what) + " rectangle is impossible");
+}
+
+uint32_t be32(const std::vector<uint8_t>& d, size_t at) {
+  return uint32_t(d[at]) << 24 | uint32_t(d[at + 1]) << 16 | uint32_t(d[at + 2]) << 8 | d[at + 3];
+}
+
+void appendUtf8(std::string& out, uint32_t c) {
+  if (c < 0x80) {
+    out += char(c);
+  } else if (c < 0x800) {
+    out += char(0xC0 | c >> 6);
+    out += char(0x80 | (c & 0x3F));
+  } else if (c < 0x10000) {
+    out += char(0xE0 | c >> 12);
+    out += char(0x80 | (c >> 6 & 0x3F));
+    out += char(0x80 | (c & 0x3F));
+  } else {
+    out += char(0xF0 | c >> 18);
+    out += char(0x80 | (c >> 12 & 0x3F));
+    out += char(0x80 | (c >> 6 & 0x3F));
+    out += char(0x80 | (c & 0x3F));
+  }
+}
+
+// A "luni" block: a count of UTF-16 units, big-endian, then the units.
+std::string unicodeName(const std::vector<uint8_t>& d) {
+  std::string out;
+  if (d.size() < 4) return out;
+  size_t units = std::min<size_t>(be32(d, 0), (d.size() - 4) / 2);
+  for (size_t i = 0; i < units; ++i) {
+    uint32_t c = uint32_t(d[4 + 2 * i]) << 8 | d[5 + 2 * i];
+    if (c >= 0xD800 && c < 0xDC00 && i + 1 < units) {
+      uint32_t low = uint32_t(d[6 + 2 * i]) << 8 | d[7 + 2 * i];
+      if (low >= 0xDC00 && low < 0xE000) {
+        c = 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00);
+        ++i;
+      }
+    }
+    if (c == 0 && i + 1 == units) break;  // some writers count a closing zero
+    appendUtf8(out, c);
+  }
+  return out;
+}
+
+}  // namespace
+
+Tstring keyText(uint32_t key) {
+  char s[5] = {char(key >> 24), char(key >> 16), char(key >> 8), char(key), 0};
+  for (int i = 0; i < 4; ++i)
+    if (s[i] < 32 || s[i] > 126) s[i] = '?';
+  return Tstring(s);
+}
+
+TpsdLayer::TpsdLayer() : fBlendKey(fourCC("norm")) {}
+TpsdLayer::~TpsdLayer() = default;
+
+bool TpsdLayer::hasChannel(int16_t id) const {
+  return std::any_of(fChannels.begin(), fChannels.end(), [id](const TpsdChannelInfo& c) { return c.id == id; });
+}
+
+uint64_t TpsdLayer::channelBytes() const {
+  uint64_t sum = 0;
+  for (const TpsdChannelInfo& c : fChannels) sum += c.length;
+  return sum;
+}
+
+void TpsdLayer::readLayerRecord(TpsdStream& s, uint32_t& runningSize, std::vector<uint32_t>& warnings) {
+  int64_t start = s.tell();
+  fRect = readRect(s);
+  checkRect(fRect, "a layer");
+  fChannelCount = s.u16();
+  if (fChannelCount > kMaxChannels) throw "Invalid information read from file";
+  fChannels.assign(fChannelCount, TpsdChannelInfo{});
+  for (TpsdChannelInfo& c : fChannels) {
+    c.id = s.i16();
+    c.length = s.u32();
+  }
+  fSignature = s.u32();
+  if (!isSignature(fSignature)) damaged("a layer record's signature is wrong at offset " + std::to_string(s.tell() - 4));
+  fBlendKey = s.u32();
+  fOpacity = s.u8();
+  fClipping = s.u8();
+  fFlags = s.u8();
+  fFiller = s.u8();
+  uint32_t extra = s.u32();
+  s.require(extra, "a layer record's extra data");
+  int64_t end = s.tell() + extra;
+  readMask(s, end);
+  readRanges(s, end);
+  uint8_t nameLength = s.u8();
+  if (s.tell() + nameLength > end) damaged("a layer name runs past its record");
+  fPascalName.assign(nameLength, '\0');
+  s.read(fPascalName.data(), nameLength);
+  fName = Tstring(fPascalName);
+  int64_t pad = (4 - (nameLength + 1) % 4) % 4;  // the name with its length byte fills whole words
+  s.skip(std::min(pad, end - s.tell()));
+  readBlocks(s, end, warnings);
+  for (const TpsdBlock& b : fBlocks)
+    if (b.key == fourCC("luni")) fName = Tstring(unicodeName(b.data));
+  s.seek(end);
+  fExtraSize = extra;
+  runningSize += uint32_t(s.tell() - start);
+}
+
+// The mask data: a rectangle, default colour and flags; with 36 bytes also
+// the real user mask. Its declared size is what the record holds.
+void TpsdLayer::readMask(TpsdStream& s, int64_t end) {
+  fMaskSize = s.u32();
+  if (fMaskSize > uint64_t(end - s.tell())) damaged("a layer mask runs past its record");
+  int64_t maskEnd = s.tell() + fMaskSize;
+  fMaskData = s.bytes(fMaskSize, 0, "layer mask data");
+  s.seek(maskEnd - fMaskSize);
+  if (fMaskSize >= 18) {
+    fMaskRect = readRect(s);
+    checkRect(fMaskRect, "a layer mask");
+    fMaskDefault = s.u8();
+    fMaskFlags = s.u8();
+  }
+  if (fMaskSize >= 36) {
+    fRealFlags = s.u8();
+    fRealDefault = s.u8();
+    fRealRect = readRect(s);
+    checkRect(fRealRect, "a user mask");
+  }
+  s.seek(maskEnd);
+}
+
+void TpsdLayer::readRanges(TpsdStream& s, int64_t end) {
+  fRangesSize = s.u32();
+  if (fRangesSize > uint64_t(end - s.tell())) damaged("a layer's blending ranges run past its record");
+  int64_t rangesEnd = s.tell() + fRangesSize;
+  fRanges.clear();
+  if (fRangesSize >= 8) {
+    fGraySource = s.u32();
+    fGrayDest = s.u32();
+    for (uint32_t i = 1; i < fRangesSize / 8; ++i) {
+      uint32_t source = s.u32();
+      fRanges.emplace_back(source, s.u32());
+    }
+  }
+  s.seek(rangesEnd);
+}
+
+// Blocks follow one another up to the record's end. Some writers pad a
+// block's data to an even or a four-byte length without counting it; the
+// next signature is looked for over those few bytes.
+void TpsdLayer::readBlocks(TpsdStream& s, int64_t end, std::vector<uint32_t>& warnings) {
+  fBlocks.clear();
+  while (end - s.tell() >= 12) {
+    uint32_t signature = s.u32();
+    if (!isSignature(signature)) {
+      s.seek(s.tell() - 4);
+      break;
+    }
+    TpsdBlock block;
+    block.signature = signature;
+    block.key = s.u32();
+    block.length = s.u32();
+    if (block.length > uint64_t(end - s.tell())) damaged("a layer block runs past its record");
+    block.data = s.bytes(block.length, 0, "a layer block");
+    if (block.key == fourCC("lsct") && block.length >= 4) {
+      fSectionType = be32(block.data, 0);
+      if (block.length >= 12) {
+        fSectionSignature = be32(block.data, 4);
+        fSectionBlendKey = be32(block.data, 8);
+      }
+    } else if (block.key == fourCC("lyid") && block.length >= 4) {
+      fLayerId = be32(block.data, 0);
+    }
+    if (block.length != 0)
+      if (uint32_t code = warningOf(block.key)) warnings.push_back(code);
+    fBlocks.push_back(std::move(block));
+    for (int pad = 0; pad < 4 && end - s.tell() >= 4 && !isSignature(s.peek32()); ++pad) s.skip(1);
+  }
+}
+
+bool TpsdLayer::expandChannels() {
+  if (!fPixels) return true;
+  bool ok = true;
+  for (auto& [id, ch] : fPixels->fChannels) {
+    if (!ch) continue;
+    ch->rawPointer();
+    if (ch->expandFailed()) ok = false;
+  }
+  return ok;
+}
+
+void TpsdLayer::copyToCanvas(uint32_t width, uint32_t height, TpixelData16& canvas) {
+  if (fRect.bottom == fRect.top || !fPixels) return;
+  TlRect clamped;
+  clamped.top = std::max(fRect.top, 0);
+  clamped.left = std::max(fRect.left, 0);
+  clamped.bottom = int32_t(std::min<int64_t>(fRect.bottom, height));
+  clamped.right = int32_t(std::min<int64_t>(fRect.right, width));
+  TlPoint point;
+  point.x = fRect.left < 0 ? -fRect.left : 0;
+  point.y = fRect.top < 0 ? -fRect.top : 0;
+  canvas.copyRect(clamped, point, *fPixels, width, height);
+}
+
+}  // namespace zkPhotoshop

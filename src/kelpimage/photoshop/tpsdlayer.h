@@ -1,0 +1,110 @@
+// One layer record of a document: its rectangle, channels, blending,
+// masks, name and additional blocks, and its pixels once read.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "kelpimage/image/base/tstring.h"
+#include "kelpimage/kelpexport.h"
+#include "kelpimage/photoshop/tpixeldata16.h"
+
+namespace zkPhotoshop {
+
+class TpsdStream;
+
+struct TpsdChannelInfo {
+  int16_t id = 0;
+  uint32_t length = 0;  // with the 2-byte compression word
+  uint32_t compression = 0;
+};
+
+// An additional block: "8BIM", its key and its data as read.
+struct TpsdBlock {
+  uint32_t signature = 0;
+  uint32_t key = 0;
+  uint32_t length = 0;
+  std::vector<uint8_t> data;
+};
+
+// fSectionType values: what a record is in the layer set structure.
+enum TpsdSectionType : uint32_t {
+  sectionLayer = 0,
+  sectionOpenSet = 1,
+  sectionClosedSet = 2,
+  sectionSetEnd = 3,
+};
+
+class KELP_API TpsdLayer {
+ public:
+  TpsdLayer();
+  ~TpsdLayer();
+
+  // Reads one record from the stream, adding its bytes to `runningSize`
+  // and the codes of what cannot be honoured to `warnings`. Throws the text
+  // "Invalid information read from file" for more than 56 channels.
+  void readLayerRecord(TpsdStream& stream, uint32_t& runningSize, std::vector<uint32_t>& warnings);
+
+  int32_t width() const { return fRect.right - fRect.left; }
+  int32_t height() const { return fRect.bottom - fRect.top; }
+  bool isHidden() const { return (fFlags & 2) != 0; }
+  bool isSetHead() const { return fSectionType == sectionOpenSet || fSectionType == sectionClosedSet; }
+  bool isSetEnd() const { return fSectionType == sectionSetEnd; }
+  bool hasChannel(int16_t id) const;
+  uint64_t channelBytes() const;  // the channel data the record announces
+
+  // Expands every channel read; false when one of them is damaged.
+  bool expandChannels();
+  // This layer's pixels at its place on a canvas of width x height; what
+  // lies outside falls away.
+  void copyToCanvas(uint32_t width, uint32_t height, TpixelData16& canvas);
+
+  TlRect fRect;
+  uint16_t fChannelCount = 0;
+  std::vector<TpsdChannelInfo> fChannels;
+  std::unique_ptr<TpixelData16> fPixels;  // null until read
+  uint32_t fSignature = 0;
+  uint32_t fBlendKey;
+  uint8_t fClipping = 0;
+  uint8_t fFlags = 0;
+  uint8_t fFiller = 0;
+  uint32_t fExtraSize = 0;
+  uint32_t fMaskSize = 0;
+  TlRect fMaskRect;
+  uint8_t fMaskDefault = 0;
+  uint8_t fMaskFlags = 0;
+  TlRect fRealRect;
+  uint8_t fRealFlags = 0;
+  uint8_t fRealDefault = 0;
+  std::vector<uint8_t> fMaskData;  // the mask data as read, for writing back
+  uint32_t fRangesSize = 0;
+  uint32_t fGraySource = 0;
+  uint32_t fGrayDest = 0;
+  std::vector<std::pair<uint32_t, uint32_t>> fRanges;
+  std::vector<TpsdBlock> fBlocks;
+  uint32_t fSectionType = sectionLayer;
+  uint32_t fSectionSignature = 0;
+  uint32_t fSectionBlendKey = 0;
+  uint32_t fLayerId = 0;
+  uint32_t fState = 0;  // 0 read from a file, 1 new, 2 deleted
+  // The layer's name: the Unicode name ("luni" block) in UTF-8 where the
+  // record has one, else the record's own; fPascalName keeps the record's
+  // bytes for writing back.
+  Tstring fName;
+  std::string fPascalName;
+  uint8_t fOpacity = 0;
+
+ private:
+  void readMask(TpsdStream& stream, int64_t end);
+  void readRanges(TpsdStream& stream, int64_t end);
+  void readBlocks(TpsdStream& stream, int64_t end, std::vector<uint32_t>& warnings);
+};
+
+// Layers in file order, the bottom one first.
+using TpsdLayerPtrArray = std::vector<std::unique_ptr<TpsdLayer>>;
+
+// A key as its four characters ("norm", "mul ").
+KELP_API Tstring keyText(uint32_t key);
+
+}  // namespace zkPhotoshop

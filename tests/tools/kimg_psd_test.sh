@@ -1,0 +1,57 @@
+#!/bin/sh
+# kimg psd and kimg convert of Photoshop documents, against psd-tools.
+set -eu
+kimg=$1
+data=$2
+python=/usr/bin/python3
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+fail() { echo "FAIL: $*"; exit 1; }
+
+# The layer tree: sets indented, flags and masks shown.
+"$kimg" psd "$data/clipping-mask.psd" > "$work/tree.txt"
+grep -q '^  set "Group 2" (open)  pass' "$work/tree.txt" || fail "outer set"
+grep -q '^    set "Group 1" (closed)' "$work/tree.txt" || fail "nested set"
+grep -q '^      "Shape 4"  (106,-73)-(263,87) 157x160  norm  opacity 255$' "$work/tree.txt" || fail "nested layer"
+grep -q '"Shape 2".*clipped' "$work/tree.txt" || fail "clipping"
+"$kimg" psd "$data/mask.psd" | grep -q 'mask (23,10)-(94,67) default 0' || fail "mask"
+"$kimg" psd "$data/effects_effects-enabled.psd" |
+  grep -q '^warning: Kelp does not support Object-based Effects which may be present in the layer Layer 1 in the file effects_effects-enabled.psd$' ||
+  fail "warnings"
+"$kimg" psd "$data/16bit5x5.psd" | grep -q 'zip+prediction' || fail "compressions"
+
+# Flattened image, one layer and one alpha channel, as psd-tools reads them.
+"$kimg" convert "$data/2layers.psd" "$work/flat.png"
+"$kimg" convert "$data/2layers.psd" --layer '#1' "$work/layer.png"
+"$kimg" convert "$data/2layers.psd" --layer 'Слой' "$work/named.tif"
+"$kimg" convert "$data/colormodes_4x4_8bit_rgba.psd" --alpha 0 "$work/alpha.png"
+$python - "$data" "$work" <<'PY'
+import sys
+from PIL import Image, ImageChops
+from psd_tools import PSDImage
+data, work = sys.argv[1], sys.argv[2]
+def same(a, b, what):
+    if a.size != b.size or ImageChops.difference(a, b).getbbox() is not None:
+        sys.exit("FAIL: %s differs from psd-tools" % what)
+doc = PSDImage.open(data + "/2layers.psd")
+same(Image.open(work + "/flat.png").convert("RGB"), doc.topil().convert("RGB"), "the flattened image")
+layer = doc[1].topil().convert("RGBA")
+same(Image.open(work + "/layer.png").convert("RGBA"), layer, "layer #1")
+same(Image.open(work + "/named.tif").convert("RGBA"), layer, "the layer by name")
+rgba = PSDImage.open(data + "/colormodes_4x4_8bit_rgba.psd")
+plane = rgba._record.image_data.get_data(rgba._record.header)[3]
+same(Image.open(work + "/alpha.png").convert("L"), Image.frombytes("L", rgba.size, plane), "alpha 0")
+PY
+
+# Failures name the file and the reason.
+if "$kimg" convert "$data/2layers.psd" --layer nothing "$work/x.png" 2> "$work/err"; then fail "absent layer"; fi
+grep -q '2layers.psd: has no layer "nothing"' "$work/err" || fail "absent layer message: $(cat "$work/err")"
+[ ! -e "$work/x.png" ] || fail "a failed conversion left its output"
+if "$kimg" convert "$data/2layers.psd" --alpha 0 "$work/x.png" 2> "$work/err"; then fail "absent alpha"; fi
+grep -q 'has no alpha channel 0' "$work/err" || fail "absent alpha message"
+head -c 3000 "$data/2layers.psd" > "$work/cut.psd"
+if "$kimg" psd "$work/cut.psd" 2> "$work/err"; then fail "a cut document"; fi
+grep -q 'cut.psd: truncated' "$work/err" || fail "cut message: $(cat "$work/err")"
+if "$kimg" convert "$work/cut.psd" "$work/x.png" 2> /dev/null; then fail "a cut document converted"; fi
+if "$kimg" convert "$work/flat.png" --layer a "$work/x.png" 2> /dev/null; then fail "--layer on a PNG"; fi
+echo ok
