@@ -25,6 +25,8 @@ std::vector<uint8_t> deflated(const std::vector<uint8_t>& bytes) {
   return out;
 }
 
+std::vector<uint8_t> bytes(const TsampleBuffer& b) { return {b.begin(), b.end()}; }
+
 uint16_t sample16(Tchannel& ch, uint32_t i) { return uint16_t(ch.value(i)); }
 
 }  // namespace
@@ -143,7 +145,7 @@ TEST(Tchannel, CompressesSoThatExpandGivesTheSamplesBack) {
       for (bool separate : {false, true}) {
         Tchannel ch(300, 3, format);
         for (uint32_t i = 0; i < ch.fPixelCount; ++i) ch.setValue(i, (i / 7) * 37 % 65536);
-        std::vector<uint8_t> before = ch.fRaw;
+        TsampleBuffer before = ch.fRaw;
         ch.fCompression = method;
         ASSERT_TRUE(ch.compress(separate));
         EXPECT_EQ(ch.fRaw, before) << "the samples stay as they were";
@@ -164,10 +166,10 @@ TEST(Tchannel, SpansAndCopies) {
   Tchannel a(4, 1, dataFormat8), b(4, 1, dataFormat8);
   for (uint32_t i = 0; i < 4; ++i) b.setValue(i, 10 + i);
   a.copySpan(1, 2, 2, b);
-  EXPECT_EQ(a.fRaw, (std::vector<uint8_t>{0, 12, 13, 0}));
+  EXPECT_EQ(bytes(a.fRaw), (std::vector<uint8_t>{0, 12, 13, 0}));
   a.copySpan(0, 0, 4, b);  // at the end: nothing to copy, no harm
   a.copySpan(3, 2, 0, b);  // would run past the target: refused
-  EXPECT_EQ(a.fRaw, (std::vector<uint8_t>{0, 12, 13, 0}));
+  EXPECT_EQ(bytes(a.fRaw), (std::vector<uint8_t>{0, 12, 13, 0}));
   Tchannel wide(4, 1, dataFormat16);
   EXPECT_THROW(a.copySpan(0, 1, 0, wide), const char*);
   EXPECT_THROW(a.copyPixels(wide), const char*);
@@ -224,7 +226,7 @@ TEST(TpixelData16, CopyRectPlacesRowsAndAddsChannels) {
   TpixelData16 canvas(dataFormat8, 4, 3, false);
   TlRect rect{1, 2, 3, 4};
   canvas.copyRect(rect, TlPoint{}, layer, 4, 3);
-  EXPECT_EQ(canvas.channel(channelRed)->fRaw,
+  EXPECT_EQ(bytes(canvas.channel(channelRed)->fRaw),
             (std::vector<uint8_t>{255, 255, 255, 255, 255, 255, 10, 11, 255, 255, 12, 13}));
-  EXPECT_EQ(canvas.channel(channelTransparency)->fRaw, (std::vector<uint8_t>{0, 0, 0, 0, 0, 0, 100, 101, 0, 0, 102, 103}));
+  EXPECT_EQ(bytes(canvas.channel(channelTransparency)->fRaw), (std::vector<uint8_t>{0, 0, 0, 0, 0, 0, 100, 101, 0, 0, 102, 103}));
 }

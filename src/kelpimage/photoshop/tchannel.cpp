@@ -1,9 +1,12 @@
 #include "kelpimage/photoshop/tchannel.h"
 
+#include <sys/mman.h>
 #include <zlib.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 
 namespace zkPhotoshop {
 
@@ -24,7 +27,7 @@ void swap16(uint8_t* p, size_t samples) {
   for (size_t i = 0; i < samples; ++i) std::swap(p[2 * i], p[2 * i + 1]);
 }
 
-void fillSamples(std::vector<uint8_t>& raw, TdataFormat format, uint16_t value) {
+void fillSamples(TsampleBuffer& raw, TdataFormat format, uint16_t value) {
   if (format == dataFormat8) {
     std::fill(raw.begin(), raw.end(), uint8_t(value));
     return;
@@ -51,7 +54,24 @@ bool inflateAll(const uint8_t* in, size_t inLength, uint8_t* out, size_t size) {
   return (rc == Z_OK || rc == Z_STREAM_END) && whole && ended;
 }
 
+constexpr size_t kHugePage = size_t(2) << 20;
+
 }  // namespace
+
+void* allocateSamples(size_t bytes) {
+  if (bytes >= kHugePage) {
+    size_t rounded = (bytes + kHugePage - 1) / kHugePage * kHugePage;
+    void* p = std::aligned_alloc(kHugePage, rounded);
+    if (!p) throw std::bad_alloc();
+    madvise(p, rounded, MADV_HUGEPAGE);
+    return p;
+  }
+  void* p = std::malloc(bytes ? bytes : 1);
+  if (!p) throw std::bad_alloc();
+  return p;
+}
+
+void freeSamples(void* p, size_t) noexcept { std::free(p); }
 
 // PackBits with four states, so that a run of two inside literal bytes is
 // folded back into the literal when that costs nothing.
@@ -236,17 +256,21 @@ bool Tchannel::plausible() const {
 }
 
 uint8_t* Tchannel::rawPointer() {
-  ensureRaw();
   if (!fExpanded && hasCompressed()) {
+    // Expansion writes every sample, so they are not filled first.
+    if (fFormat != dataFormat8 && fFormat != dataFormat16) throw kBadFormat;
+    if (fRaw.empty()) fRaw.resize(rawBytes());
     fExpandFailed = !expand();
     fExpanded = true;
   }
+  ensureRaw();
   return fRaw.data();
 }
 
 bool Tchannel::expand() {
   if (fFormat != dataFormat8 && fFormat != dataFormat16) throw kBadFormat;
-  if (fRaw.empty() || !hasCompressed()) return false;
+  if (!hasCompressed()) return false;
+  if (fRaw.empty()) return fPixelCount == 0;
   bool ok = false;
   switch (fCompression) {
     case compressionRaw: ok = expandRaw(); break;

@@ -4,6 +4,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <utility>
 #include <vector>
 
 #include "kelpimage/kelpexport.h"
@@ -41,6 +43,41 @@ struct TlPoint {
 inline uint32_t bytesOf(TdataFormat format) {
   return format == dataFormat8 ? 1 : format == dataFormat16 ? 2 : 0;
 }
+
+// Large sample buffers on huge pages where the system offers them: a
+// document's channels are written once, and faulting them in a small page
+// at a time costs more than expanding them.
+KELP_API void* allocateSamples(size_t bytes);
+KELP_API void freeSamples(void* p, size_t bytes) noexcept;
+
+// Bytes that are not zeroed when allocated: samples are always written
+// (filled or expanded) before they are read.
+template <class T>
+struct TuninitAllocator {
+  using value_type = T;
+  template <class U>
+  struct rebind {
+    using other = TuninitAllocator<U>;
+  };
+  TuninitAllocator() = default;
+  template <class U>
+  TuninitAllocator(const TuninitAllocator<U>&) noexcept {}
+  T* allocate(size_t n) { return static_cast<T*>(allocateSamples(n * sizeof(T))); }
+  void deallocate(T* p, size_t n) noexcept { freeSamples(p, n * sizeof(T)); }
+  template <class U>
+  bool operator==(const TuninitAllocator<U>&) const noexcept {
+    return true;
+  }
+  template <class U>
+  void construct(U* p) noexcept {
+    ::new (static_cast<void*>(p)) U;
+  }
+  template <class U, class... A>
+  void construct(U* p, A&&... a) {
+    ::new (static_cast<void*>(p)) U(std::forward<A>(a)...);
+  }
+};
+using TsampleBuffer = std::vector<uint8_t, TuninitAllocator<uint8_t>>;
 
 class KELP_API Tchannel {
  public:
@@ -93,7 +130,7 @@ class KELP_API Tchannel {
   std::vector<uint8_t> fRowLengths;
   std::vector<uint8_t> fCompressed;  // empty when absent
   uint16_t fFillValue = 0;
-  std::vector<uint8_t> fRaw;  // host-order samples, row after row; empty until made
+  TsampleBuffer fRaw;  // host-order samples, row after row; empty until made
 
  private:
   bool expandRaw();

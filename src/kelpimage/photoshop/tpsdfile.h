@@ -111,6 +111,10 @@ class KELP_API TpsdFile : public TphotoshopFile {
   // its rectangle. Null, with lastError(), when they cannot be had.
   TpixelData16* layerPixels(TpsdLayer& layer);
 
+  // Expands the channels of every layer read so far, on all cores; false,
+  // with lastError, when one of them is damaged.
+  bool expandLayerChannels();
+
   // Raises a warning unless the layer is the set-end layer.
   void addWarningMessage(const Tstring& layerName, uint32_t code);
   // Why the last operation that failed did so, after the file's name;

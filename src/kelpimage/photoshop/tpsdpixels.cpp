@@ -2,6 +2,8 @@
 // the alpha channels behind its colour planes, and the layers' channels.
 // The bytes are kept as the file has them and expanded on demand.
 #include <algorithm>
+#include <atomic>
+#include <thread>
 
 #include "kelpimage/photoshop/psdguard.h"
 #include "kelpimage/photoshop/psdstream.h"
@@ -219,6 +221,13 @@ void TpsdFile::readChannelDataForLayer(TpsdStream& s, TpsdLayer& layer) {
   int64_t w = int64_t(layer.fRect.right) - layer.fRect.left;
   int64_t h = int64_t(layer.fRect.bottom) - layer.fRect.top;
   checkSize(w, h, layer);
+  // Every channel a layer makes is at most as large as its rectangle, and
+  // the rectangle no larger than its largest channel's bytes can expand to
+  // (deflate's limit): a record cannot make memory out of nothing.
+  uint64_t largest = 0;
+  for (const TpsdChannelInfo& info : layer.fChannels) largest = std::max<uint64_t>(largest, info.length);
+  if (uint64_t(w * h) * bytesOf(fDataFormat) > largest * 1032 + 4096)
+    damaged("layer \"" + layer.fName.str() + "\" is larger than its channel data can hold");
   if (w && h) layer.fPixels = std::make_unique<TpixelData16>(fDataFormat, uint32_t(w), uint32_t(h), false);
   for (TpsdChannelInfo& info : layer.fChannels) {
     if (info.length < 2) damaged("channel " + std::to_string(info.id) + " of layer \"" + layer.fName.str() +
@@ -330,6 +339,53 @@ bool TpsdFile::getLayerImage(const Tstring& name, TrgbaData*& out) {
         return true;
       },
       false);
+}
+
+}  // namespace zkPhotoshop
+
+namespace zkPhotoshop {
+
+bool TpsdFile::expandLayerChannels() {
+  struct Job {
+    TpsdLayer* layer;
+    Tchannel* channel;
+  };
+  std::vector<Job> jobs;
+  for (const auto& layer : fLayers)
+    if (layer->fPixels)
+      for (auto& [id, ch] : layer->fPixels->fChannels)
+        if (ch) jobs.push_back({layer.get(), ch.get()});
+  // The largest first, so that the threads finish together.
+  std::sort(jobs.begin(), jobs.end(), [](const Job& a, const Job& b) { return a.channel->rawBytes() > b.channel->rawBytes(); });
+  std::atomic<size_t> next{0};
+  std::atomic<bool> outOfMemory{false};
+  auto work = [&] {
+    for (size_t i; (i = next++) < jobs.size();) {
+      try {
+        jobs[i].channel->rawPointer();
+      } catch (...) {
+        outOfMemory = true;
+      }
+    }
+  };
+  unsigned threads = std::min<unsigned>(std::max(1u, std::thread::hardware_concurrency()), 8);
+  threads = unsigned(std::min<size_t>(threads, jobs.size()));
+  std::vector<std::thread> pool;
+  for (unsigned t = 1; t < threads; ++t) pool.emplace_back(work);
+  work();
+  for (std::thread& t : pool) t.join();
+  fLastError = Tstring();
+  if (outOfMemory) {
+    theWarnings().addWarning(warnNoMemory, fPath.baseName(), Tstring());
+    fail("out of memory");
+    return false;
+  }
+  for (const Job& job : jobs)
+    if (job.channel->expandFailed()) {
+      fail(Tstring("the pixels of layer \"") + job.layer->fName + Tstring("\" are damaged"));
+      return false;
+    }
+  return true;
 }
 
 }  // namespace zkPhotoshop

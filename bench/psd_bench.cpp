@@ -1,0 +1,56 @@
+// Reading a layered document: every layer's pixels and the flattened image,
+// expanded, from the file named by KELP_PSD_BENCH_FILE (bench/psd_bench.sh
+// makes one and runs this beside psd-tools).
+#include <benchmark/benchmark.h>
+
+#include <cstdlib>
+
+#include "kelpimage/photoshop/tpsdfile.h"
+
+using namespace zkPhotoshop;
+
+namespace {
+
+size_t expandAll(TpixelData16* pixels) {
+  size_t bytes = 0;
+  if (!pixels) return 0;
+  for (auto& [id, ch] : pixels->fChannels) {
+    if (!ch) continue;
+    benchmark::DoNotOptimize(ch->rawPointer());
+    bytes += ch->rawBytes();
+  }
+  return bytes;
+}
+
+void BM_ReadEveryLayerAndTheFlattenedImage(benchmark::State& state) {
+  const char* path = std::getenv("KELP_PSD_BENCH_FILE");
+  if (!path) {
+    state.SkipWithError("KELP_PSD_BENCH_FILE names no document");
+    return;
+  }
+  size_t bytes = 0;
+  for (auto _ : state) {
+    TpsdFile doc;
+    doc.open(TfilePath(path), false);
+    if (!doc.readAllChannelInformation()) {
+      state.SkipWithError(doc.lastError().asChar());
+      return;
+    }
+    if (!doc.expandLayerChannels()) {
+      state.SkipWithError(doc.lastError().asChar());
+      return;
+    }
+    bytes = 0;
+    for (const auto& layer : doc.fLayers) bytes += expandAll(layer->fPixels.get());
+    TrgbaData* flat = nullptr;
+    if (!doc.getCompositeImage(flat)) {
+      state.SkipWithError(doc.lastError().asChar());
+      return;
+    }
+    bytes += expandAll(flat->pixels16());
+  }
+  state.SetBytesProcessed(int64_t(bytes) * state.iterations());
+}
+BENCHMARK(BM_ReadEveryLayerAndTheFlattenedImage)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+}  // namespace
