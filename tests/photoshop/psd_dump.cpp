@@ -67,7 +67,8 @@ int main(int argc, char** argv) {
       TlRect r = rectOf(l, info.id);
       Tchannel* ch = l.fPixels->channel(info.id);
       if (!ch || r.bottom <= r.top || r.right <= r.left) continue;
-      std::string name = "L" + std::to_string(i) + "_" + std::to_string(info.id) + ".bin";
+      std::string name = std::string("L").append(std::to_string(i)).append("_").append(std::to_string(info.id));
+      name.append(".bin");
       ok = writeChannel(*ch, dir + "/" + name) && ok;
       std::fprintf(m, "lchan %zu %d %s\n", i, info.id, name.c_str());
     }
@@ -78,7 +79,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   for (int id = 0; id < composite->numChannels(); ++id) {
-    std::string name = "C_" + std::to_string(id) + ".bin";
+    std::string name = std::string("C_").append(std::to_string(id)).append(".bin");
     ok = writeChannel(*composite->pixels16()->channel(id), dir + "/" + name) && ok;
     std::fprintf(m, "composite %d %s\n", id, name.c_str());
   }
@@ -88,7 +89,7 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "%s\n", doc.lastError().asChar());
       return 1;
     }
-    std::string name = "A_" + std::to_string(a) + ".bin";
+    std::string name = std::string("A_").append(std::to_string(a)).append(".bin");
     ok = writeChannel(*alpha->pixels16()->channel(a + 3), dir + "/" + name) && ok;
     std::fprintf(m, "alpha %d %s\n", a, name.c_str());
     delete alpha;

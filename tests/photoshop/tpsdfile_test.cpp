@@ -251,9 +251,9 @@ TEST(TpsdFile, DamagedDocumentsFailCleanly) {
   }
   // Hostile fields: a huge rectangle, a channel length past the end, 57
   // channels.
-  auto patched = [&](size_t at, std::vector<uint8_t> bytes) {
+  auto patched = [&](size_t at, const std::vector<uint8_t>& bytes) {
     std::vector<uint8_t> b = whole;
-    std::copy(bytes.begin(), bytes.end(), b.begin() + long(at));
+    for (size_t i = 0; i < bytes.size(); ++i) b.at(at + i) = bytes[i];
     return b;
   };
   size_t record = 26 + 4 + 4 + 4 + 4 + 2;  // header, colour data, resources, section, info lengths, count

@@ -36,8 +36,9 @@ const char* compressionName(uint32_t c) {
 }
 
 std::string rectText(const TlRect& r) {
-  return "(" + std::to_string(r.left) + "," + std::to_string(r.top) + ")-(" + std::to_string(r.right) + "," +
-         std::to_string(r.bottom) + ")";
+  char text[64];
+  std::snprintf(text, sizeof text, "(%d,%d)-(%d,%d)", r.left, r.top, r.right, r.bottom);
+  return text;
 }
 
 std::string channelName(int id) {
@@ -61,8 +62,10 @@ void printLayer(const TpsdLayer& l, int depth) {
     std::printf("%s  mask %s default %d%s\n", indent.c_str(), rectText(l.fMaskRect).c_str(), l.fMaskDefault,
                 l.fMaskFlags & 2 ? " disabled" : "");
   std::string channels;
-  for (const TpsdChannelInfo& c : l.fChannels)
-    channels += "  " + channelName(c.id) + " " + compressionName(c.compression) + " " + std::to_string(c.length);
+  for (const TpsdChannelInfo& c : l.fChannels) {
+    channels.append("  ").append(channelName(c.id)).append(" ").append(compressionName(c.compression));
+    channels.append(" ").append(std::to_string(c.length));
+  }
   std::printf("%s  channels:%s\n", indent.c_str(), channels.c_str());
 }
 
