@@ -37,3 +37,8 @@ set -x
 "$kimg" info --stats "$out/depth.iff"
 "$kimg" chunks "$out/topdown.iff" > "$out/chunks.txt"
 head -n 12 "$out/chunks.txt"
+# A layered Photoshop document: its layer tree, its flattened image and one layer.
+"$kimg" psd tests/photoshop/data/clipping-mask.psd
+"$kimg" convert tests/photoshop/data/clipping-mask.psd "$out/clipping-mask.png"
+"$kimg" convert tests/photoshop/data/clipping-mask.psd --layer "Shape 4" "$out/shape-4.png"
+"$kimg" info "$out/clipping-mask.png" "$out/shape-4.png"
