@@ -1,6 +1,7 @@
 #include "kelpimage/photoshop/tpsdfile.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include "kelpimage/photoshop/tpsdwarning.h"
 #include "psdbuilder.h"
@@ -305,4 +306,50 @@ TEST(TpsdFileWarning, TextsAndTheSetEndLayer) {
   o.doc.getAllLayerNames(n);
   EXPECT_EQ(theWarnings().count(), 1);
   EXPECT_EQ(theWarnings().codes()[0], uint32_t(warnCmykMode));
+}
+
+TEST(TpsdFile, OutOfMemoryIsAWarningAndAFailedRead) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizers need more address space than the limit leaves";
+#else
+  // 8192 x 4096 in runs of 128: half a megabyte a channel, 32 MB expanded.
+  const uint32_t w = 8192, h = 4096;
+  Bytes row;
+  for (uint32_t x = 0; x < w; x += 128) row.u8(0x81).u8(x / 128);
+  Document d;
+  d.width = w;
+  d.height = h;
+  d.compression = 1;
+  for (int c = 0; c < 3; ++c)
+    for (uint32_t y = 0; y < h; ++y) d.image.u16(uint32_t(row.size()));
+  for (int c = 0; c < 3; ++c)
+    for (uint32_t y = 0; y < h; ++y) d.image.raw(row.b);
+  Layer l;
+  l.name = "big";
+  l.bottom = int32_t(h);
+  l.right = int32_t(w);
+  Bytes channel;
+  channel.u16(1);
+  for (uint32_t y = 0; y < h; ++y) channel.u16(uint32_t(row.size()));
+  for (uint32_t y = 0; y < h; ++y) channel.raw(row.b);
+  l.channels = {{0, channel.b}};
+  d.layers = {l};
+  kelptest::TempDir dir;
+  std::string name = dir.file("big.psd");
+  kelptest::writeBytes(name, d.bytes());
+  auto readUnderALimit = [&] {
+    rlimit limit{96u << 20, 96u << 20};
+    setrlimit(RLIMIT_AS, &limit);
+    theWarnings().clear();
+    TpsdFile doc;
+    doc.open(TfilePath(name.c_str()), false);
+    bool read = doc.readAllLayerRecordInformation();
+    TrgbaData* image = nullptr;
+    bool layer = doc.getLayerImage("big", image);
+    bool warned = theWarnings().count() == 1 && theWarnings().codes()[0] == warnNoMemory &&
+                  theWarnings().messages()[0] == "Unable to allocate memory for the PSD file big.psd";
+    std::exit(read && !layer && warned && doc.lastReason() == "out of memory" ? 0 : 1);
+  };
+  EXPECT_EXIT(readUnderALimit(), testing::ExitedWithCode(0), "");
+#endif
 }
