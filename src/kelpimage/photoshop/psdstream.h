@@ -59,4 +59,12 @@ constexpr uint32_t fourCC(const char (&s)[5]) {
          uint32_t(uint8_t(s[3]));
 }
 
+// The signatures that start an additional block.
+constexpr bool isBlockSignature(uint32_t v) { return v == fourCC("8BIM") || v == fourCC("8B64"); }
+
+// Writers pad block data to two or four bytes, some without counting the
+// pad in the length: the next signature is looked for over those bytes,
+// up to `end`.
+void skipBlockPad(TpsdStream& stream, int64_t end);
+
 }  // namespace zkPhotoshop

@@ -11,8 +11,6 @@ namespace {
 
 constexpr uint32_t kMaxChannels = 56;
 
-bool isSignature(uint32_t v) { return v == fourCC("8BIM") || v == fourCC("8B64"); }
-
 // The warning a block's key raises, or 0.
 uint32_t warningOf(uint32_t key) {
   switch (key) {
@@ -128,7 +126,7 @@ void TpsdLayer::readLayerRecord(TpsdStream& s, uint32_t& runningSize, std::vecto
     c.length = s.u32();
   }
   fSignature = s.u32();
-  if (!isSignature(fSignature)) damaged("a layer record's signature is wrong at offset " + std::to_string(s.tell() - 4));
+  if (!isBlockSignature(fSignature)) damaged("a layer record's signature is wrong at offset " + std::to_string(s.tell() - 4));
   fBlendKey = s.u32();
   fOpacity = s.u8();
   fClipping = s.u8();
@@ -193,14 +191,12 @@ void TpsdLayer::readRanges(TpsdStream& s, int64_t end) {
   s.seek(rangesEnd);
 }
 
-// Blocks follow one another up to the record's end. Some writers pad a
-// block's data to an even or a four-byte length without counting it; the
-// next signature is looked for over those few bytes.
+// Blocks follow one another up to the record's end.
 void TpsdLayer::readBlocks(TpsdStream& s, int64_t end, std::vector<uint32_t>& warnings) {
   fBlocks.clear();
   while (end - s.tell() >= 12) {
     uint32_t signature = s.u32();
-    if (!isSignature(signature)) {
+    if (!isBlockSignature(signature)) {
       s.seek(s.tell() - 4);
       break;
     }
@@ -222,7 +218,7 @@ void TpsdLayer::readBlocks(TpsdStream& s, int64_t end, std::vector<uint32_t>& wa
     if (block.length != 0)
       if (uint32_t code = warningOf(block.key)) warnings.push_back(code);
     fBlocks.push_back(std::move(block));
-    for (int pad = 0; pad < 4 && end - s.tell() >= 4 && !isSignature(s.peek32()); ++pad) s.skip(1);
+    skipBlockPad(s, end);
   }
 }
 

@@ -8,18 +8,6 @@
 
 namespace zkPhotoshop {
 
-namespace {
-
-bool isSignature(uint32_t v) { return v == fourCC("8BIM") || v == fourCC("8B64"); }
-
-// Writers pad block data to two or four bytes, some without counting the
-// pad in the length: the next signature is looked for over those bytes.
-void skipBlockPad(TpsdStream& s, int64_t end) {
-  for (int pad = 0; pad < 4 && end - s.tell() >= 4 && !isSignature(s.peek32()); ++pad) s.skip(1);
-}
-
-}  // namespace
-
 bool TpsdFile::walkLayers(TpsdStream& s) {
   if (!openAndReadStart(s)) return false;
   fLayerMaskSize = s.i32();
@@ -106,7 +94,7 @@ void TpsdFile::readGlobalBlocks(TpsdStream& s, int64_t end) {
   fGlobalBlocks.clear();
   while (end - s.tell() >= 12) {
     uint32_t signature = s.u32();
-    if (!isSignature(signature)) {
+    if (!isBlockSignature(signature)) {
       s.seek(s.tell() - 4);
       break;
     }
