@@ -140,20 +140,31 @@ size_t packRow(uint8_t* dst, const uint8_t* src, size_t count) {
   return size_t(out - dst);
 }
 
+// Short runs and literals, the usual case, are stored 32 bytes at a time
+// where the row has room: a fixed-size store is far cheaper than a call,
+// and what it writes past the run is written over by what follows.
 bool unpackRow8(uint8_t* dst, const uint8_t* src, size_t srcLength, size_t dstLength) {
+  constexpr size_t kWide = 32;
   size_t in = 0, out = 0;
   while (in < srcLength) {
     int c = int8_t(src[in++]);
     if (c >= 0) {
       size_t n = size_t(c) + 1;
       if (in + n > srcLength || out + n > dstLength) return false;
-      std::memcpy(dst + out, src + in, n);
+      if (n <= kWide && in + kWide <= srcLength && out + kWide <= dstLength)
+        std::memcpy(dst + out, src + in, kWide);
+      else
+        std::memcpy(dst + out, src + in, n);
       in += n;
       out += n;
     } else if (c > -128) {
       size_t n = size_t(1 - c);
       if (in >= srcLength || out + n > dstLength) return false;
-      std::memset(dst + out, src[in++], n);
+      uint8_t v = src[in++];
+      if (n <= kWide && out + kWide <= dstLength)
+        std::memset(dst + out, v, kWide);
+      else
+        std::memset(dst + out, v, n);
       out += n;
     }
   }
