@@ -22,8 +22,16 @@ if [ ! -s "$doc" ]; then
   mv "$doc.tmp.psd" "$doc"
 fi
 echo "document: $doc ($(stat -c %s "$doc") bytes)"
-KELP_PSD_BENCH_FILE="$doc" "$build/bench/kelp_bench_psd" --benchmark_repetitions=3 \
-  --benchmark_report_aggregates_only=true
+# Each repetition reads the document afresh: all layers held at once, and
+# layer by layer (each given back before the next, as psd-tools' reader
+# below drops each channel). Every run is shown, then the median.
+KELP_PSD_BENCH_FILE="$doc" "$build/bench/kelp_bench_psd" --benchmark_repetitions=10 --benchmark_min_time=0.001 \
+  --benchmark_format=csv 2>/dev/null | awk -F, 'NR > 1 && !/_mean|_median|_stddev|_cv/ {
+    name = $1; gsub(/"|BM_|\/.*/, "", name)
+    if (name != last) { printf "%s%s (ms):", last ? "\n" : "", name; last = name }
+    printf " %.0f", $3 }
+  /_median/ { median[++n] = $3 }
+  END { printf "\nmedians: %.0f ms all at once, %.0f ms layer by layer\n", median[1], median[2] }'
 /usr/bin/python3 - "$doc" <<'PY'
 import sys, time
 from psd_tools.psd import PSD

@@ -353,3 +353,28 @@ TEST(TpsdFile, OutOfMemoryIsAWarningAndAFailedRead) {
   EXPECT_EXIT(readUnderALimit(), testing::ExitedWithCode(0), "");
 #endif
 }
+
+TEST(TpsdFile, LayersGivenBackAndReadAgain) {
+  Document d;
+  d.width = 6;
+  d.height = 4;
+  d.layers = {pixelLayer("a", 0, 0, 4, 6, 11), pixelLayer("b", 0, 0, 4, 6, 22), pixelLayer("c", 0, 0, 2, 3, 33)};
+  Opened o(d.bytes());
+  ASSERT_TRUE(o.doc.readAllChannelInformation());
+  TpsdLayer* a = o.doc.getLayerObjFromName("a");
+  TpsdLayer* b = o.doc.getLayerObjFromName("b");
+  TpsdLayer* c = o.doc.getLayerObjFromName("c");
+  ASSERT_TRUE(o.doc.expandLayerChannels());
+  EXPECT_EQ(a->fPixels->getGreenPixelPtr()[23], 11);
+  o.doc.releaseLayerPixels(*a);
+  EXPECT_FALSE(a->fPixels->channel(channelGreen)->hasRaw());
+  o.doc.releaseLayerPixels(*b);
+  o.doc.releaseLayerPixels(*c);
+  // Each layer comes back whole from its own bytes, in buffers given back
+  // by others.
+  for (TpsdLayer* l : {c, b, a}) ASSERT_NE(o.doc.layerPixels(*l), nullptr);
+  EXPECT_EQ(a->fPixels->getGreenPixelPtr()[23], 11);
+  EXPECT_EQ(b->fPixels->getBluePixelPtr()[0], 22);
+  EXPECT_EQ(c->fPixels->getRedPixelPtr()[5], 33);
+  EXPECT_EQ(c->fPixels->getTransparencyPixelPtr()[5], 255);
+}

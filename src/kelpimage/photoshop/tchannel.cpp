@@ -1,10 +1,11 @@
 #include "kelpimage/photoshop/tchannel.h"
 
-#include <sys/mman.h>
 #include <zlib.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
+#include <thread>
 #include <cstring>
 #include <new>
 
@@ -54,24 +55,7 @@ bool inflateAll(const uint8_t* in, size_t inLength, uint8_t* out, size_t size) {
   return (rc == Z_OK || rc == Z_STREAM_END) && whole && ended;
 }
 
-constexpr size_t kHugePage = size_t(2) << 20;
-
 }  // namespace
-
-void* allocateSamples(size_t bytes) {
-  if (bytes >= kHugePage) {
-    size_t rounded = (bytes + kHugePage - 1) / kHugePage * kHugePage;
-    void* p = std::aligned_alloc(kHugePage, rounded);
-    if (!p) throw std::bad_alloc();
-    madvise(p, rounded, MADV_HUGEPAGE);
-    return p;
-  }
-  void* p = std::malloc(bytes ? bytes : 1);
-  if (!p) throw std::bad_alloc();
-  return p;
-}
-
-void freeSamples(void* p, size_t) noexcept { std::free(p); }
 
 // PackBits with four states, so that a run of two inside literal bytes is
 // folded back into the literal when that costs nothing.
@@ -140,9 +124,9 @@ size_t packRow(uint8_t* dst, const uint8_t* src, size_t count) {
   return size_t(out - dst);
 }
 
-// Short runs and literals, the usual case, are stored 32 bytes at a time
-// where the row has room: a fixed-size store is far cheaper than a call,
-// and what it writes past the run is written over by what follows.
+// Runs and literals are stored 32 or 128 bytes at a time where the row
+// has room: a fixed-size store is far cheaper than a call, and what it
+// writes past the run is written over by what follows.
 bool unpackRow8(uint8_t* dst, const uint8_t* src, size_t srcLength, size_t dstLength) {
   constexpr size_t kWide = 32;
   size_t in = 0, out = 0;
@@ -153,6 +137,8 @@ bool unpackRow8(uint8_t* dst, const uint8_t* src, size_t srcLength, size_t dstLe
       if (in + n > srcLength || out + n > dstLength) return false;
       if (n <= kWide && in + kWide <= srcLength && out + kWide <= dstLength)
         std::memcpy(dst + out, src + in, kWide);
+      else if (in + 128 <= srcLength && out + 128 <= dstLength)
+        std::memcpy(dst + out, src + in, 128);  // a literal is at most 128 bytes
       else
         std::memcpy(dst + out, src + in, n);
       in += n;
@@ -161,8 +147,8 @@ bool unpackRow8(uint8_t* dst, const uint8_t* src, size_t srcLength, size_t dstLe
       size_t n = size_t(1 - c);
       if (in >= srcLength || out + n > dstLength) return false;
       uint8_t v = src[in++];
-      if (n <= kWide && out + kWide <= dstLength)
-        std::memset(dst + out, v, kWide);
+      if (out + 128 <= dstLength)
+        std::memset(dst + out, v, 128);  // a run is at most 128 bytes
       else
         std::memset(dst + out, v, n);
       out += n;
@@ -249,6 +235,28 @@ void Tchannel::setCompressed(std::vector<uint8_t> bytes, uint32_t length) {
   fExpandFailed = false;
 }
 
+void expandInParallel(const std::vector<Tchannel*>& channels) {
+  std::vector<Tchannel*> jobs(channels);
+  std::sort(jobs.begin(), jobs.end(), [](const Tchannel* a, const Tchannel* b) { return a->rawBytes() > b->rawBytes(); });
+  std::atomic<size_t> next{0};
+  std::atomic<bool> failed{false};
+  auto work = [&] {
+    for (size_t i; (i = next++) < jobs.size();) {
+      try {
+        jobs[i]->rawPointer();
+      } catch (...) {
+        failed = true;
+      }
+    }
+  };
+  size_t threads = std::min<size_t>({std::max(1u, std::thread::hardware_concurrency()), 8, jobs.size()});
+  std::vector<std::thread> pool;
+  for (size_t t = 1; t < threads; ++t) pool.emplace_back(work);
+  work();
+  for (std::thread& t : pool) t.join();
+  if (failed) throw std::bad_alloc();
+}
+
 bool Tchannel::plausible() const {
   uint64_t raw = rawBytes();
   uint64_t rowBytes = uint64_t(fWidth) * bytesPerSample();
@@ -264,6 +272,26 @@ bool Tchannel::plausible() const {
     case compressionZipPredict: return raw <= uint64_t(fDataLength) * 1032 + 1024;
     default: return false;
   }
+}
+
+void Tchannel::releaseRaw() {
+  if (!hasCompressed()) return;
+  TsampleBuffer().swap(fRaw);
+  fExpanded = false;
+}
+
+TsampleBuffer Tchannel::takeRaw() {
+  TsampleBuffer out;
+  if (!hasCompressed()) return out;
+  out.swap(fRaw);
+  fExpanded = false;
+  return out;
+}
+
+void Tchannel::lendBuffer(TsampleBuffer& buffer) {
+  if (!fRaw.empty()) return;
+  buffer.clear();
+  fRaw.swap(buffer);
 }
 
 uint8_t* Tchannel::rawPointer() {

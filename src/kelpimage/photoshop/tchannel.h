@@ -44,17 +44,10 @@ inline uint32_t bytesOf(TdataFormat format) {
   return format == dataFormat8 ? 1 : format == dataFormat16 ? 2 : 0;
 }
 
-// Large sample buffers on huge pages where the system offers them: a
-// document's channels are written once, and faulting them in a small page
-// at a time costs more than expanding them.
-KELP_API void* allocateSamples(size_t bytes);
-KELP_API void freeSamples(void* p, size_t bytes) noexcept;
-
 // Bytes that are not zeroed when allocated: samples are always written
 // (filled or expanded) before they are read.
 template <class T>
-struct TuninitAllocator {
-  using value_type = T;
+struct TuninitAllocator : std::allocator<T> {
   template <class U>
   struct rebind {
     using other = TuninitAllocator<U>;
@@ -62,12 +55,6 @@ struct TuninitAllocator {
   TuninitAllocator() = default;
   template <class U>
   TuninitAllocator(const TuninitAllocator<U>&) noexcept {}
-  T* allocate(size_t n) { return static_cast<T*>(allocateSamples(n * sizeof(T))); }
-  void deallocate(T* p, size_t n) noexcept { freeSamples(p, n * sizeof(T)); }
-  template <class U>
-  bool operator==(const TuninitAllocator<U>&) const noexcept {
-    return true;
-  }
   template <class U>
   void construct(U* p) noexcept {
     ::new (static_cast<void*>(p)) U;
@@ -110,6 +97,13 @@ class KELP_API Tchannel {
   // before the samples of file bytes are allocated. Methods that cannot be
   // read are not plausible.
   bool plausible() const;
+  // Gives back the expanded samples of a channel that keeps its file
+  // bytes; the next rawPointer expands them again. takeRaw hands the
+  // buffer over for another channel to reuse (lendBuffer), which saves the
+  // system the work of a fresh one.
+  void releaseRaw();
+  TsampleBuffer takeRaw();
+  void lendBuffer(TsampleBuffer& buffer);
   // True when the last expansion found the file bytes damaged.
   bool expandFailed() const { return fExpandFailed; }
   bool hasCompressed() const { return !fCompressed.empty(); }
@@ -142,6 +136,10 @@ class KELP_API Tchannel {
   bool fExpanded = false;  // fRaw holds the expansion of fCompressed
   bool fExpandFailed = false;
 };
+
+// Expands the channels on all cores, the largest first; a memory failure
+// in any of them is thrown as std::bad_alloc once all are done.
+KELP_API void expandInParallel(const std::vector<Tchannel*>& channels);
 
 // PackBits, as the document's run-length rows have it. `packRow` writes at
 // most count + count / 64 + 2 bytes and returns how many it wrote.

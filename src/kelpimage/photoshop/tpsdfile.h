@@ -111,6 +111,10 @@ class KELP_API TpsdFile : public TphotoshopFile {
   // its rectangle. Null, with lastError(), when they cannot be had.
   TpixelData16* layerPixels(TpsdLayer& layer);
 
+  // Gives back a layer's expanded samples (its file bytes stay, and
+  // layerPixels expands them again); the document reuses the memory for
+  // the next layer it expands.
+  void releaseLayerPixels(TpsdLayer& layer);
   // Expands the channels of every layer read so far, on all cores; false,
   // with lastError, when one of them is damaged.
   bool expandLayerChannels();
@@ -161,6 +165,7 @@ class KELP_API TpsdFile : public TphotoshopFile {
   void readGlobalBlocks(TpsdStream& stream, int64_t end);
   void readLayersAt(TpsdStream& stream, int64_t infoEnd);
   void readResourceData(TpsdStream& stream, TpsdResource& resource, int64_t end);
+  void lendSpareBuffers(TpixelData16* pixels);
   void seekToImageData(TpsdStream& stream);
   // Runs `op` with every failure of a read turned into `failed`, the reason
   // kept and memory failures warned of.
@@ -169,6 +174,7 @@ class KELP_API TpsdFile : public TphotoshopFile {
   void fail(const Tstring& reason);
   bool readRawPlane(TpsdStream& stream, PHOTOSHOP_CHANNEL id, uint64_t plane);
 
+  std::vector<TsampleBuffer> fSpareSamples;  // given back by released layers
   Tstring fLastError;  // the reason alone
   Tstring fErrorName;  // the file it concerns
   int64_t fLayerSectionEnd = 0;  // behind the layer and mask section, once read

@@ -224,13 +224,17 @@ void TpsdLayer::readBlocks(TpsdStream& s, int64_t end, std::vector<uint32_t>& wa
 
 bool TpsdLayer::expandChannels() {
   if (!fPixels) return true;
-  bool ok = true;
-  for (auto& [id, ch] : fPixels->fChannels) {
-    if (!ch) continue;
-    ch->rawPointer();
-    if (ch->expandFailed()) ok = false;
-  }
-  return ok;
+  std::vector<Tchannel*> channels;
+  for (auto& [id, ch] : fPixels->fChannels)
+    if (ch) channels.push_back(ch.get());
+  expandInParallel(channels);
+  return std::none_of(channels.begin(), channels.end(), [](const Tchannel* c) { return c->expandFailed(); });
+}
+
+void TpsdLayer::releaseRaw() {
+  if (!fPixels) return;
+  for (auto& [id, ch] : fPixels->fChannels)
+    if (ch) ch->releaseRaw();
 }
 
 void TpsdLayer::copyToCanvas(uint32_t width, uint32_t height, TpixelData16& canvas) {

@@ -54,8 +54,11 @@ class KELP_API TpsdLayer {
   bool hasChannel(int16_t id) const;
   uint64_t channelBytes() const;  // the channel data the record announces
 
-  // Expands every channel read; false when one of them is damaged.
+  // Expands every channel read, on all cores; false when one of them is
+  // damaged.
   bool expandChannels();
+  // Gives back the expanded samples; the file bytes stay.
+  void releaseRaw();
   // This layer's pixels at its place on a canvas of width x height; what
   // lies outside falls away.
   void copyToCanvas(uint32_t width, uint32_t height, TpixelData16& canvas);

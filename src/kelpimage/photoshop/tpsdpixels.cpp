@@ -2,8 +2,6 @@
 // the alpha channels behind its colour planes, and the layers' channels.
 // The bytes are kept as the file has them and expanded on demand.
 #include <algorithm>
-#include <atomic>
-#include <thread>
 
 #include "kelpimage/photoshop/psdguard.h"
 #include "kelpimage/photoshop/psdstream.h"
@@ -129,6 +127,7 @@ bool TpsdFile::getCompositeImage(TrgbaData*& out) {
       return false;
     }
     fComposite.reset(read);
+    lendSpareBuffers(read->pixels16());
   }
   out = fComposite.get();
   return true;
@@ -309,6 +308,7 @@ TpixelData16* TpsdFile::layerPixels(TpsdLayer& layer) {
           s.seek(at);
           readChannelDataForLayer(s, layer);
         }
+        lendSpareBuffers(layer.fPixels.get());
         if (!layer.expandChannels()) {
           fail(Tstring("the pixels of layer \"") + layer.fName + Tstring("\" are damaged"));
           return nullptr;
@@ -345,47 +345,50 @@ bool TpsdFile::getLayerImage(const Tstring& name, TrgbaData*& out) {
 
 namespace zkPhotoshop {
 
-bool TpsdFile::expandLayerChannels() {
-  struct Job {
-    TpsdLayer* layer;
-    Tchannel* channel;
-  };
-  std::vector<Job> jobs;
-  for (const auto& layer : fLayers)
-    if (layer->fPixels)
-      for (auto& [id, ch] : layer->fPixels->fChannels)
-        if (ch) jobs.push_back({layer.get(), ch.get()});
-  // The largest first, so that the threads finish together.
-  std::sort(jobs.begin(), jobs.end(), [](const Job& a, const Job& b) { return a.channel->rawBytes() > b.channel->rawBytes(); });
-  std::atomic<size_t> next{0};
-  std::atomic<bool> outOfMemory{false};
-  auto work = [&] {
-    for (size_t i; (i = next++) < jobs.size();) {
-      try {
-        jobs[i].channel->rawPointer();
-      } catch (...) {
-        outOfMemory = true;
-      }
-    }
-  };
-  unsigned threads = std::min<unsigned>(std::max(1u, std::thread::hardware_concurrency()), 8);
-  threads = unsigned(std::min<size_t>(threads, jobs.size()));
-  std::vector<std::thread> pool;
-  for (unsigned t = 1; t < threads; ++t) pool.emplace_back(work);
-  work();
-  for (std::thread& t : pool) t.join();
-  fLastError = Tstring();
-  if (outOfMemory) {
-    theWarnings().addWarning(warnNoMemory, fPath.baseName(), Tstring());
-    fail("out of memory");
-    return false;
+void TpsdFile::releaseLayerPixels(TpsdLayer& layer) {
+  constexpr size_t kKept = 16;
+  if (!layer.fPixels) return;
+  for (auto& [id, ch] : layer.fPixels->fChannels) {
+    if (!ch) continue;
+    TsampleBuffer buffer = ch->takeRaw();
+    if (buffer.capacity() && fSpareSamples.size() < kKept) fSpareSamples.push_back(std::move(buffer));
   }
-  for (const Job& job : jobs)
-    if (job.channel->expandFailed()) {
-      fail(Tstring("the pixels of layer \"") + job.layer->fName + Tstring("\" are damaged"));
-      return false;
-    }
-  return true;
+}
+
+// Each channel about to be expanded gets the smallest spare buffer that
+// holds it.
+void TpsdFile::lendSpareBuffers(TpixelData16* pixels) {
+  if (!pixels || fSpareSamples.empty()) return;
+  for (auto& [id, ch] : pixels->fChannels) {
+    if (!ch || ch->hasRaw() || !ch->hasCompressed()) continue;
+    TsampleBuffer* best = nullptr;
+    for (TsampleBuffer& b : fSpareSamples)
+      if (b.capacity() >= ch->rawBytes() && (!best || b.capacity() < best->capacity())) best = &b;
+    if (!best) continue;
+    ch->lendBuffer(*best);
+    fSpareSamples.erase(fSpareSamples.begin() + (best - fSpareSamples.data()));
+  }
+}
+
+bool TpsdFile::expandLayerChannels() {
+  return guarded(
+      [&] {
+        std::vector<Tchannel*> channels;
+        for (const auto& layer : fLayers)
+          if (layer->fPixels)
+            for (auto& [id, ch] : layer->fPixels->fChannels)
+              if (ch) channels.push_back(ch.get());
+        expandInParallel(channels);
+        for (const auto& layer : fLayers)
+          if (layer->fPixels)
+            for (auto& [id, ch] : layer->fPixels->fChannels)
+              if (ch && ch->expandFailed()) {
+                fail(Tstring("the pixels of layer \"") + layer->fName + Tstring("\" are damaged"));
+                return false;
+              }
+        return true;
+      },
+      false);
 }
 
 }  // namespace zkPhotoshop
