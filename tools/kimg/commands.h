@@ -42,6 +42,14 @@ struct ConvertOptions {
   std::vector<std::string> options;  // NAME=VALUE for the output format's plug-in
   std::string layer;  // of a Photoshop document: this layer ("#N": the N-th) instead of the flattened image
   int alpha = -1;     // of a Photoshop document: this alpha channel instead
+  std::string set;    // of a Photoshop document: this layer set's composite instead
+};
+
+struct PsdOptions {
+  std::string file;
+  bool sets = false;  // list the outermost layer sets
+  std::string set;    // write this set's composite to `out`
+  std::string out;
 };
 
 struct FindOptions {
@@ -65,6 +73,6 @@ int prepareConvert(const ConvertOptions& options, FrameConverter& run);
 int filters();
 int formats();
 int depth(const std::string& in, const std::string& out);
-int psd(const std::string& path);
+int psd(const PsdOptions& options);
 
 }  // namespace kimg

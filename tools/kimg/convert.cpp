@@ -261,7 +261,7 @@ int fromSgi(const std::string& input, const ConvertOptions& o, const Plan& plan,
 // A Photoshop document: its flattened image, one layer or one alpha channel.
 int fromPsd(const std::string& input, const ConvertOptions& o, const Plan& plan, const std::string& path) {
   std::string why;
-  std::unique_ptr<Lines> lines = psdLines(input, PsdPart{o.layer, o.alpha}, o.topdown, why);
+  std::unique_ptr<Lines> lines = psdLines(input, PsdPart{o.layer, o.alpha, o.set}, o.topdown, why);
   if (!lines) return why.empty() ? kFailed : fail(o.in, why);
   if (plan.resizeW > 0)
     lines = zoomedLines(std::move(lines), plan.resizeW, plan.resizeH, o.filter, plan.blurX, plan.blurY, why);
@@ -298,8 +298,8 @@ int convertPlanned(const ConvertOptions& o, Plan plan) {
   if (key.isEmpty()) return fail(o.in, takeReport("not a picture of a format kimg reads"));
   Output output(o.out);
   if (!output.error().empty()) return fail(o.out, output.error());
-  if ((!o.layer.empty() || o.alpha >= 0) && key != "psd")
-    return usage("--layer and --alpha are for Photoshop documents");
+  if ((!o.layer.empty() || o.alpha >= 0 || !o.set.empty()) && key != "psd")
+    return usage("--layer, --alpha and --set are for Photoshop documents");
   auto into = [&](const Plan& p, const std::string& path) {
     if (key == "psd") return fromPsd(input.path(), o, p, path);
     if (key == "kelp") return fromIff(input.path(), o, p, path);

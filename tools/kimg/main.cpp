@@ -68,6 +68,7 @@ int run(int argc, char** argv) {
                       "#N for the N-th ordinary layer in file order, from 0");
   convert->add_option("--alpha", conv.alpha, "Of a Photoshop document: this alpha channel (from 0), grey")
       ->check(CLI::NonNegativeNumber);
+  convert->add_option("--set", conv.set, "Of a Photoshop document: this layer set's composite");
   kimg::SequenceOptions seq;
   convert->add_option("--frames", seq.frames,
                       "Frames of a sequence (IN and OUT as name.####.ext, name.#.ext or name.%04d.ext): "
@@ -85,9 +86,12 @@ int run(int argc, char** argv) {
   find->add_option("--frame", fnd.frame, "The frame, tried with 0 to 4 leading zeros")->check(CLI::NonNegativeNumber);
   find->add_flag("-v,--verbose", fnd.verbose, "List the names tried");
 
-  std::string psdFile;
+  kimg::PsdOptions psdo;
   CLI::App* psd = app.add_subcommand("psd", "Print what a Photoshop document holds: header, resources, layer tree");
-  psd->add_option("file", psdFile, "Photoshop document")->required();
+  psd->add_option("file", psdo.file, "Photoshop document")->required();
+  psd->add_flag("--sets", psdo.sets, "List the outermost layer sets");
+  psd->add_option("--set", psdo.set, "Write this layer set's composite to -o OUT");
+  psd->add_option("-o,--out", psdo.out, "Output picture for --set (any format kimg writes)");
 
   std::string depthIn, depthOut;
   CLI::App* depth = app.add_subcommand("depth", "Write the depth channel of an IFF picture as a grey IFF picture");
@@ -152,7 +156,7 @@ int run(int argc, char** argv) {
   if (*filters) return kimg::filters();
   if (*formats) return kimg::formats();
   if (*depth) return kimg::depth(depthIn, depthOut);
-  if (*psd) return kimg::psd(psdFile);
+  if (*psd) return kimg::psd(psdo);
   return kimg::create(opt);
 }
 

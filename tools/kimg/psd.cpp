@@ -86,9 +86,9 @@ void printResources(const TpsdFile& doc) {
                 i < doc.fAlphaIds.length() ? (" id " + std::to_string(doc.fAlphaIds[i])).c_str() : "");
 }
 
-void printWarnings() {
+void printWarnings(std::FILE* to = stdout) {
   TstringArray messages = theWarnings().messages();
-  for (int i = 0; i < messages.length(); ++i) std::printf("warning: %s\n", messages[i].asChar());
+  for (int i = 0; i < messages.length(); ++i) std::fprintf(to, "%swarning: %s\n", to == stderr ? "kimg: " : "", messages[i].asChar());
   theWarnings().clear();
 }
 
@@ -107,10 +107,28 @@ int psdOpen(const std::string& path, TpsdFile& doc) {
   return 0;
 }
 
-int psd(const std::string& path) {
+int psd(const PsdOptions& o) {
+  const std::string& path = o.file;
   theWarnings().clear();
+  if (!o.set.empty()) {
+    if (o.out.empty()) return usage("--set needs -o OUT");
+    ConvertOptions c;
+    c.in = path;
+    c.out = o.out;
+    c.set = o.set;
+    int status = convert(c);
+    printWarnings(stderr);
+    return status;
+  }
   TpsdFile doc;
   if (int status = psdOpen(path, doc)) return status;
+  if (o.sets) {
+    TstringArray names;
+    if (doc.readLayerSetNames(names) != 0) return fail(path, doc.lastReason().str());
+    for (int i = 0; i < names.length(); ++i) std::printf("%s\n", names[i].asChar());
+    printWarnings();
+    return 0;
+  }
   // Reading the channels fills in each one's compression.
   if (!doc.readAllChannelInformation()) return fail(path, doc.lastReason().str());
   std::printf("%s: Photoshop document, %u x %u, %u bits, %s, %u channels\n", path.c_str(), doc.fImageWidth,
@@ -170,13 +188,16 @@ bool choosePart(PsdSource& src, const PsdPart& part, std::string& why) {
     TpsdLayer* layer = findLayer(doc, part.layer);
     if (!layer) return why = "has no layer \"" + part.layer + "\"", false;
     if (layer->width() <= 0 || layer->height() <= 0) return why = "layer \"" + part.layer + "\" is empty", false;
-    if (!(src.pixels = doc.layerPixels(*layer))) return why = doc.lastReason().str(), false;
+    if (!(src.pixels = doc.layerPixels(*layer)))
+      return why = doc.lastReason().isEmpty() ? "layer \"" + part.layer + "\" has no pixels" : doc.lastReason().str(), false;
     src.width = layer->width();
     src.height = layer->height();
     return true;
   }
   TrgbaData* image = nullptr;
-  if (part.alpha >= 0) {
+  if (!part.set.empty()) {
+    if (!doc.getCompositeImageOfLayerSet(Tstring(part.set.c_str()), image)) return why = doc.lastReason().str(), false;
+  } else if (part.alpha >= 0) {
     if (!doc.getAlphaChannelMap(image, part.alpha)) return why = doc.lastReason().str(), false;
     src.owned.reset(image);
     src.grey = part.alpha + 3;
@@ -212,7 +233,8 @@ std::unique_ptr<Lines> psdLines(const std::string& path, const PsdPart& part, bo
   lines->height = src->height;
   lines->bytes = src->doc.fDataFormat == dataFormat16 ? 2 : 1;
   lines->topdown = topdown;
-  lines->alpha = src->grey < 0 && src->pixels->hasChannel(channelTransparency) && !part.layer.empty();
+  lines->alpha = src->grey < 0 && src->pixels->hasChannel(channelTransparency) &&
+                 (!part.layer.empty() || !part.set.empty());
   bool alpha = lines->alpha;
   int bytes = lines->bytes;
   lines->next = [src, alpha, bytes, topdown](uint8_t* line) {

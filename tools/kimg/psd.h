@@ -14,11 +14,12 @@ namespace kimg {
 int psdOpen(const std::string& path, zkPhotoshop::TpsdFile& doc);
 
 // What of a document to convert: the flattened image by default, else a
-// layer by name ("#N" for the N-th ordinary layer in file order, from 0) or
-// an alpha channel by number.
+// layer by name ("#N" for the N-th ordinary layer in file order, from 0),
+// an alpha channel by number, or a layer set's composite by name.
 struct PsdPart {
   std::string layer;
   int alpha = -1;
+  std::string set;  // a layer set's composite
 };
 
 // The part's lines at its own size (a layer's rectangle), 1 or 2 bytes a

@@ -108,7 +108,8 @@ class KELP_API TpsdFile : public TphotoshopFile {
   // cannot be opened.
   bool getLayerImage(const Tstring& name, TrgbaData*& out);
   // One layer's own pixels, read when needed and expanded: the channels of
-  // its rectangle. Null, with lastError(), when they cannot be had.
+  // its rectangle. Null, with lastError(), when they cannot be had, and
+  // null for a layer without pixels (a set's head or end).
   TpixelData16* layerPixels(TpsdLayer& layer);
 
   // Gives back a layer's expanded samples (its file bytes stay, and
@@ -118,6 +119,33 @@ class KELP_API TpsdFile : public TphotoshopFile {
   // Expands the channels of every layer read so far, on all cores; false,
   // with lastError, when one of them is damaged.
   bool expandLayerChannels();
+
+  // Layer sets. The image of a set, composited from its layers (nested
+  // sets included), kept by the document: true when one came out.
+  bool getCompositeImageOfLayerSet(const Tstring& name, TrgbaData*& out);
+  // The same, made afresh; the caller owns the result.
+  bool readLayerSetImage(const Tstring& name, TrgbaData*& out);
+  // Blends ordinary layers (bottom first) onto `canvas`, which is made
+  // transparent when null.
+  void blendLayersInSet(const std::vector<TpsdLayer*>& layers, uint32_t width, uint32_t height, TdataFormat format,
+                        std::unique_ptr<TpixelData16>& canvas);
+  // The clipping group above layers[base], drawn onto `scratch`.
+  void clipLayersInSet(const std::vector<TpsdLayer*>& layers, size_t base, TpixelData16& scratch, uint32_t width,
+                       uint32_t height, TdataFormat format);
+  void blendClippingInSet(int index, TpixelData16& destination, const TpixelData16& source);
+  // A set head's mask, on its set's image.
+  void applySetMask(uint32_t width, uint32_t height, TdataFormat format, TpsdLayer& layer, TpixelData16& canvas);
+  // Whether the set named `name` shows anything: its head is not hidden and
+  // it holds an ordinary layer that is not hidden, inside nested sets that
+  // are not hidden.
+  bool isLayerSetVisible(const Tstring& name) const;
+  // From the layer at `index` of fLayers down, `level` sets deep, inside
+  // sets shown as `visible`: whether a shown ordinary layer comes before
+  // the walk leaves the outermost set.
+  bool checkForLayerVisibility(int index, int level, bool visible) const;
+  // The layer at `index`: a shown ordinary layer, or a head of a set that
+  // shows something.
+  bool checkForLayerVisibility(int index) const;
 
   // Raises a warning unless the layer is the set-end layer.
   void addWarningMessage(const Tstring& layerName, uint32_t code);
@@ -166,6 +194,8 @@ class KELP_API TpsdFile : public TphotoshopFile {
   void readLayersAt(TpsdStream& stream, int64_t infoEnd);
   void readResourceData(TpsdStream& stream, TpsdResource& resource, int64_t end);
   void lendSpareBuffers(TpixelData16* pixels);
+  // Reads a layer's channels when not read yet, and expands them.
+  bool loadLayer(TpsdLayer& layer);
   void seekToImageData(TpsdStream& stream);
   // Runs `op` with every failure of a read turned into `failed`, the reason
   // kept and memory failures warned of.

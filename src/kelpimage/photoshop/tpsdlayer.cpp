@@ -1,6 +1,7 @@
 #include "kelpimage/photoshop/tpsdlayer.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "kelpimage/photoshop/psdstream.h"
 #include "kelpimage/photoshop/tpsdwarning.h"
@@ -237,17 +238,58 @@ void TpsdLayer::releaseRaw() {
     if (ch) ch->releaseRaw();
 }
 
+TlRect TpsdLayer::clamped(const TlRect& r, uint32_t width, uint32_t height) const {
+  TlRect c;
+  c.top = std::max(r.top, 0);
+  c.left = std::max(r.left, 0);
+  c.bottom = int32_t(std::min<int64_t>(r.bottom, height));
+  c.right = int32_t(std::min<int64_t>(r.right, width));
+  return c;
+}
+
 void TpsdLayer::copyToCanvas(uint32_t width, uint32_t height, TpixelData16& canvas) {
   if (fRect.bottom == fRect.top || !fPixels) return;
-  TlRect clamped;
-  clamped.top = std::max(fRect.top, 0);
-  clamped.left = std::max(fRect.left, 0);
-  clamped.bottom = int32_t(std::min<int64_t>(fRect.bottom, height));
-  clamped.right = int32_t(std::min<int64_t>(fRect.right, width));
   TlPoint point;
   point.x = fRect.left < 0 ? -fRect.left : 0;
   point.y = fRect.top < 0 ? -fRect.top : 0;
-  canvas.copyRect(clamped, point, *fPixels, width, height);
+  canvas.copyRect(clamped(fRect, width, height), point, *fPixels, width, height);
+}
+
+void TpsdLayer::makeOpaqueWithoutTransparency(uint32_t width, uint32_t height, TpixelData16& canvas) const {
+  if (hasChannel(channelTransparency)) return;
+  Tchannel* alpha = canvas.channel(channelTransparency);
+  if (!alpha) alpha = canvas.addChannel(channelTransparency, width, height, 0);
+  TlRect c = clamped(fRect, width, height);
+  uint8_t* raw = alpha->rawPointer();
+  if (c.right <= c.left || alpha->fPixelCount < uint64_t(width) * height) return;
+  size_t bytes = alpha->bytesPerSample();
+  for (int32_t y = c.top; y < c.bottom; ++y)
+    std::memset(raw + (size_t(y) * width + size_t(c.left)) * bytes, 0xFF, size_t(c.right - c.left) * bytes);
+}
+
+void TpsdLayer::copyMaskToCanvas(uint32_t width, uint32_t height, TpixelData16& canvas) const {
+  Tchannel* mask = fPixels ? fPixels->channel(channelUserMask) : nullptr;
+  const TlRect& m = fMaskRect;
+  if (!mask || m.bottom <= m.top || m.right <= m.left) return;
+  TlRect c = clamped(m, width, height);
+  if (c.right <= c.left) return;
+  uint32_t maskWidth = uint32_t(m.right - m.left);
+  for (int32_t y = c.top; y < c.bottom; ++y)
+    canvas.copyChannel(channelUserMask, uint32_t(y) * width + uint32_t(c.left), uint32_t(c.right - c.left), *fPixels,
+                       uint32_t(y - m.top) * maskWidth + uint32_t(c.left - m.left));
+}
+
+void TpsdLayer::applyMask(uint32_t width, uint32_t height, TdataFormat format, TpixelData16& canvas) const {
+  if ((fMaskFlags & 2) || !hasChannel(channelUserMask)) return;
+  uint8_t* alpha = canvas.getTransparencyPixelPtr();
+  if (!alpha) return;
+  TpixelData16 mask(format);
+  // The default colour is 0 or 255 in the file, at 16-bit scale on 16-bit canvases.
+  uint16_t fill = uint16_t(format == dataFormat16 ? fMaskDefault * 257 : fMaskDefault);
+  mask.addChannel(channelUserMask, width, height, fill);
+  copyMaskToCanvas(width, height, mask);
+  uint32_t n = std::min(canvas.size(channelTransparency), width * height);
+  canvas.memAND(alpha, mask.getChannelPixPtr(channelUserMask), n);
 }
 
 }  // namespace zkPhotoshop

@@ -62,6 +62,16 @@ class KELP_API TpsdLayer {
   // This layer's pixels at its place on a canvas of width x height; what
   // lies outside falls away.
   void copyToCanvas(uint32_t width, uint32_t height, TpixelData16& canvas);
+  // A layer without a transparency channel is opaque over its rectangle:
+  // the canvas's transparency there is made full.
+  void makeOpaqueWithoutTransparency(uint32_t width, uint32_t height, TpixelData16& canvas) const;
+  // Channel -2, the mask, at its place on a canvas of width x height.
+  void copyMaskToCanvas(uint32_t width, uint32_t height, TpixelData16& canvas) const;
+  // ANDs the canvas's transparency with the mask (its default colour
+  // outside its rectangle), unless the mask is disabled or absent.
+  void applyMask(uint32_t width, uint32_t height, TdataFormat format, TpixelData16& canvas) const;
+  // The rectangle clamped to a document of width x height.
+  TlRect clamped(const TlRect& r, uint32_t width, uint32_t height) const;
 
   TlRect fRect;
   uint16_t fChannelCount = 0;

@@ -291,31 +291,32 @@ bool TpsdFile::readAllChannelInformation() {
       false);
 }
 
+bool TpsdFile::loadLayer(TpsdLayer& layer) {
+  if (!layer.fPixels) {
+    TpsdStream s;
+    if (!walkLayers(s) || fChannelDataOffset == 0) {
+      if (fLastError.isEmpty()) fail("has no layers");
+      return false;
+    }
+    int64_t at = fChannelDataOffset;
+    for (const auto& other : fLayers) {
+      if (other.get() == &layer) break;
+      at += int64_t(other->channelBytes());
+    }
+    s.seek(at);
+    readChannelDataForLayer(s, layer);
+  }
+  lendSpareBuffers(layer.fPixels.get());
+  if (!layer.expandChannels()) {
+    fail(Tstring("the pixels of layer \"") + layer.fName + Tstring("\" are damaged"));
+    return false;
+  }
+  return true;
+}
+
 TpixelData16* TpsdFile::layerPixels(TpsdLayer& layer) {
-  return guarded(
-      [&]() -> TpixelData16* {
-        if (!layer.fPixels) {
-          TpsdStream s;
-          if (!walkLayers(s) || fChannelDataOffset == 0) {
-            if (fLastError.isEmpty()) fail("has no layers");
-            return nullptr;
-          }
-          int64_t at = fChannelDataOffset;
-          for (const auto& other : fLayers) {
-            if (other.get() == &layer) break;
-            at += int64_t(other->channelBytes());
-          }
-          s.seek(at);
-          readChannelDataForLayer(s, layer);
-        }
-        lendSpareBuffers(layer.fPixels.get());
-        if (!layer.expandChannels()) {
-          fail(Tstring("the pixels of layer \"") + layer.fName + Tstring("\" are damaged"));
-          return nullptr;
-        }
-        return layer.fPixels.get();
-      },
-      static_cast<TpixelData16*>(nullptr));
+  return guarded([&]() { return loadLayer(layer) ? layer.fPixels.get() : nullptr; },
+                 static_cast<TpixelData16*>(nullptr));
 }
 
 bool TpsdFile::getLayerImage(const Tstring& name, TrgbaData*& out) {
