@@ -90,3 +90,25 @@ void BM_ReadLayerByLayer(benchmark::State& state) {
 BENCHMARK(BM_ReadLayerByLayer)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
+
+// A set's composite (KELP_PSD_SET_BENCH_FILE, its set "set"), on the
+// threads given as the argument.
+void BM_CompositeSet(benchmark::State& state) {
+  const char* path = std::getenv("KELP_PSD_SET_BENCH_FILE");
+  if (!path) {
+    state.SkipWithError("KELP_PSD_SET_BENCH_FILE names no document");
+    return;
+  }
+  for (auto _ : state) {
+    TpsdFile doc;
+    doc.setThreads(unsigned(state.range(0)));
+    doc.open(TfilePath(path), false);
+    TrgbaData* image = nullptr;
+    if (!doc.getCompositeImageOfLayerSet("set", image)) {
+      state.SkipWithError(doc.lastError().asChar());
+      return;
+    }
+    benchmark::DoNotOptimize(image->pixels16()->getTransparencyPixelPtr());
+  }
+}
+BENCHMARK(BM_CompositeSet)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();

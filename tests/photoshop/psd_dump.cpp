@@ -73,6 +73,25 @@ int main(int argc, char** argv) {
       std::fprintf(m, "lchan %zu %d %s\n", i, info.id, name.c_str());
     }
   }
+  // Every set's composite, its four channels one after the other.
+  for (size_t i = 0; i < doc.fLayers.size(); ++i) {
+    TpsdLayer& l = *doc.fLayers[i];
+    TrgbaData* set = nullptr;
+    if (!l.isSetHead() || !doc.getCompositeImageOfLayerSet(l.fName, set)) continue;
+    std::string name = std::string("S_").append(std::to_string(i)).append(".bin");
+    std::FILE* f = std::fopen((dir + "/" + name).c_str(), "wb");
+    if (!f) return 1;
+    for (int id : {0, 1, 2, -1}) {
+      Tchannel* ch = set->pixels16()->channel(id);
+      const uint8_t* raw = ch->rawPointer();
+      std::vector<uint8_t> bytes(raw, raw + ch->rawBytes());
+      if (ch->fFormat == dataFormat16)
+        for (size_t k = 0; k + 1 < bytes.size(); k += 2) std::swap(bytes[k], bytes[k + 1]);
+      ok = std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size() && ok;
+    }
+    ok = std::fclose(f) == 0 && ok;
+    std::fprintf(m, "set %zu %s %s\n", i, hex(l.fName).c_str(), name.c_str());
+  }
   TrgbaData* composite = nullptr;
   if (!doc.getCompositeImage(composite)) {
     std::fprintf(stderr, "%s\n", doc.lastError().asChar());

@@ -1,8 +1,9 @@
 #!/usr/bin/python3
-"""Checks what psd_dump wrote of a document against psd-tools' own reading:
+"""Checks what psd_dump wrote of documents against psd-tools' own reading:
 header, every layer record (name, set structure, rectangle, blend key,
-opacity, clipping, hidden flag) and the samples of every channel, of the
-flattened image and of the alpha channels."""
+opacity, clipping, hidden flag), the samples of every channel, of the
+flattened image and of the alpha channels, and the set composites
+(psdtools_sets). Usage: psdtools_compare.py DOC FOLDER [DOC FOLDER]..."""
 import os
 import sys
 
@@ -101,4 +102,13 @@ def main(path, folder):
 
 
 if __name__ == "__main__":
-    sys.exit(main(sys.argv[1], sys.argv[2]))
+    # Pairs of document and folder, all in one process: psd-tools is slow to load.
+    import psdtools_sets
+    args = sys.argv[1:]
+    failed = 0
+    for doc, folder in zip(args[0::2], args[1::2]):
+        failed |= main(doc, folder)
+        if psdtools_sets.main(doc, folder):
+            print("%s: set composites differ" % os.path.basename(doc))
+            failed = 1
+    sys.exit(failed)

@@ -235,7 +235,12 @@ void Tchannel::setCompressed(std::vector<uint8_t> bytes, uint32_t length) {
   fExpandFailed = false;
 }
 
-void expandInParallel(const std::vector<Tchannel*>& channels) {
+unsigned threadsFor(unsigned threads) {
+  if (threads == 0) threads = std::thread::hardware_concurrency();
+  return std::clamp(threads, 1u, 8u);
+}
+
+void expandInParallel(const std::vector<Tchannel*>& channels, unsigned threadCount) {
   std::vector<Tchannel*> jobs(channels);
   std::sort(jobs.begin(), jobs.end(), [](const Tchannel* a, const Tchannel* b) { return a->rawBytes() > b->rawBytes(); });
   std::atomic<size_t> next{0};
@@ -249,7 +254,7 @@ void expandInParallel(const std::vector<Tchannel*>& channels) {
       }
     }
   };
-  size_t threads = std::min<size_t>({std::max(1u, std::thread::hardware_concurrency()), 8, jobs.size()});
+  size_t threads = std::min<size_t>(threadsFor(threadCount), jobs.size());
   std::vector<std::thread> pool;
   for (size_t t = 1; t < threads; ++t) pool.emplace_back(work);
   work();

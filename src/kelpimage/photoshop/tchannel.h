@@ -137,9 +137,12 @@ class KELP_API Tchannel {
   bool fExpandFailed = false;
 };
 
-// Expands the channels on all cores, the largest first; a memory failure
-// in any of them is thrown as std::bad_alloc once all are done.
-KELP_API void expandInParallel(const std::vector<Tchannel*>& channels);
+// Expands the channels on `threads` threads (0: one a core), the largest
+// first; a memory failure in any of them is thrown as std::bad_alloc once
+// all are done.
+KELP_API void expandInParallel(const std::vector<Tchannel*>& channels, unsigned threads = 0);
+// Threads to use for `threads` (0: one a core), at least 1 and at most 8.
+KELP_API unsigned threadsFor(unsigned threads);
 
 // PackBits, as the document's run-length rows have it. `packRow` writes at
 // most count + count / 64 + 2 bytes and returns how many it wrote.

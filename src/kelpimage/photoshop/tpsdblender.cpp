@@ -4,7 +4,9 @@
 #include <array>
 #include <cmath>
 #include <cstring>
+#include <thread>
 #include <utility>
+#include <vector>
 
 
 namespace zkPhotoshop {
@@ -212,7 +214,7 @@ void hslToRgb(const Thsl& c, uint32_t maximum, uint32_t& r, uint32_t& g, uint32_
   b = cut(o[2]);
 }
 
-TpsdBlender::TpsdBlender() {
+TpsdBlender::TpsdBlender(unsigned threads) : fThreads(threadsFor(threads)) {
   const char* keys[] = {"norm", "mul ", "dark", "diff", "smud", "hLit", "div ", "lite",
                         "scrn", "idiv", "over", "hue ", "sat ", "lum ", "colr"};
   for (int mode = 0; mode < kModes; ++mode) {
@@ -253,7 +255,18 @@ void TpsdBlender::blend(TpixelData16& source, TpixelData16& canvas, uint32_t key
   static constexpr auto spans8 = spanTable<uint8_t>(std::make_index_sequence<kModes>());
   static constexpr auto spans16 = spanTable<uint16_t>(std::make_index_sequence<kModes>());
   auto span = canvas.is8bit() ? spans8[size_t(fMode)] : spans16[size_t(fMode)];
-  for (int64_t y = y0; y < y1; ++y) span(src, dst, size_t(y * stride + x0), size_t(y * stride + x1));
+  auto band = [&](int64_t from, int64_t to) {
+    for (int64_t y = from; y < to; ++y) span(src, dst, size_t(y * stride + x0), size_t(y * stride + x1));
+  };
+  // Pixels are independent: bands of rows go to threads where that pays.
+  int64_t area = (y1 - y0) * (x1 - x0);
+  unsigned threads = area < (1 << 18) ? 1 : fThreads;
+  std::vector<std::thread> pool;
+  int64_t height = y1 - y0;
+  for (unsigned t = 1; t < threads; ++t)
+    pool.emplace_back(band, y0 + height * t / threads, y0 + height * (t + 1) / threads);
+  band(y0, y0 + height / threads);
+  for (std::thread& t : pool) t.join();
 }
 
 }  // namespace zkPhotoshop

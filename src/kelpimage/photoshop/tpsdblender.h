@@ -21,7 +21,8 @@ KELP_API void hslToRgb(const Thsl& hsl, uint32_t maximum, uint32_t& r, uint32_t&
 
 class KELP_API TpsdBlender {
  public:
-  TpsdBlender();
+  // Large rectangles are blended in bands on `threads` threads (0: one a core).
+  explicit TpsdBlender(unsigned threads = 1);
   // The mode of a blend key; keys it does not know are entered as 0.
   int modeOf(uint32_t key);
   // Blends the rectangle of `source` onto `canvas` (both of the document's
@@ -33,6 +34,7 @@ class KELP_API TpsdBlender {
  private:
   std::map<uint32_t, int> fModes;
   int fMode = 0;
+  unsigned fThreads;
 };
 
 }  // namespace zkPhotoshop

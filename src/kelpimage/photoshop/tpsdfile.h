@@ -147,6 +147,10 @@ class KELP_API TpsdFile : public TphotoshopFile {
   // shows something.
   bool checkForLayerVisibility(int index) const;
 
+  // Threads that expansion and compositing use; 0, the default, for one a core.
+  void setThreads(unsigned threads) { fThreads = threads; }
+  unsigned threads() const;
+
   // Raises a warning unless the layer is the set-end layer.
   void addWarningMessage(const Tstring& layerName, uint32_t code);
   // Why the last operation that failed did so, after the file's name;
@@ -204,6 +208,7 @@ class KELP_API TpsdFile : public TphotoshopFile {
   void fail(const Tstring& reason);
   bool readRawPlane(TpsdStream& stream, PHOTOSHOP_CHANNEL id, uint64_t plane);
 
+  unsigned fThreads = 0;
   std::vector<TsampleBuffer> fSpareSamples;  // given back by released layers
   Tstring fLastError;  // the reason alone
   Tstring fErrorName;  // the file it concerns

@@ -223,12 +223,12 @@ void TpsdLayer::readBlocks(TpsdStream& s, int64_t end, std::vector<uint32_t>& wa
   }
 }
 
-bool TpsdLayer::expandChannels() {
+bool TpsdLayer::expandChannels(unsigned threads) {
   if (!fPixels) return true;
   std::vector<Tchannel*> channels;
   for (auto& [id, ch] : fPixels->fChannels)
     if (ch) channels.push_back(ch.get());
-  expandInParallel(channels);
+  expandInParallel(channels, threads);
   return std::none_of(channels.begin(), channels.end(), [](const Tchannel* c) { return c->expandFailed(); });
 }
 

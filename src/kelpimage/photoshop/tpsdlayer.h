@@ -54,9 +54,9 @@ class KELP_API TpsdLayer {
   bool hasChannel(int16_t id) const;
   uint64_t channelBytes() const;  // the channel data the record announces
 
-  // Expands every channel read, on all cores; false when one of them is
-  // damaged.
-  bool expandChannels();
+  // Expands every channel read, on `threads` threads (0: one a core);
+  // false when one of them is damaged.
+  bool expandChannels(unsigned threads = 0);
   // Gives back the expanded samples; the file bytes stay.
   void releaseRaw();
   // This layer's pixels at its place on a canvas of width x height; what

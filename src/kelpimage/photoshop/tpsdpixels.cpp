@@ -307,7 +307,7 @@ bool TpsdFile::loadLayer(TpsdLayer& layer) {
     readChannelDataForLayer(s, layer);
   }
   lendSpareBuffers(layer.fPixels.get());
-  if (!layer.expandChannels()) {
+  if (!layer.expandChannels(fThreads)) {
     fail(Tstring("the pixels of layer \"") + layer.fName + Tstring("\" are damaged"));
     return false;
   }
@@ -371,6 +371,8 @@ void TpsdFile::lendSpareBuffers(TpixelData16* pixels) {
   }
 }
 
+unsigned TpsdFile::threads() const { return threadsFor(fThreads); }
+
 bool TpsdFile::expandLayerChannels() {
   return guarded(
       [&] {
@@ -379,7 +381,7 @@ bool TpsdFile::expandLayerChannels() {
           if (layer->fPixels)
             for (auto& [id, ch] : layer->fPixels->fChannels)
               if (ch) channels.push_back(ch.get());
-        expandInParallel(channels);
+        expandInParallel(channels, fThreads);
         for (const auto& layer : fLayers)
           if (layer->fPixels)
             for (auto& [id, ch] : layer->fPixels->fChannels)

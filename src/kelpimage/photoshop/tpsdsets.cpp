@@ -13,9 +13,9 @@ namespace zkPhotoshop {
 namespace {
 
 void blendOntoCanvas(const TpsdLayer& layer, TpixelData16& source, TpixelData16& canvas, uint32_t width,
-                     uint32_t height) {
+                     uint32_t height, unsigned threads) {
   TlRect c = layer.clamped(layer.fRect, width, height);
-  TpsdBlender().blend(source, canvas, layer.fBlendKey, c.top, c.left, c.bottom, c.right);
+  TpsdBlender(threads).blend(source, canvas, layer.fBlendKey, c.top, c.left, c.bottom, c.right);
 }
 
 // The scratch canvas of one layer: its pixels at their place, opaque where
@@ -43,7 +43,7 @@ void TpsdFile::blendLayersInSet(const std::vector<TpsdLayer*>& layers, uint32_t 
     drawLayer(layer, scratch, width, height, format);
     if (i + 1 < layers.size() && layers[i + 1]->fClipping) clipLayersInSet(layers, i, scratch, width, height, format);
     scratch.applyOpacity(layer.fOpacity);
-    blendOntoCanvas(layer, scratch, *canvas, width, height);
+    blendOntoCanvas(layer, scratch, *canvas, width, height, fThreads);
   }
 }
 
@@ -61,7 +61,7 @@ void TpsdFile::clipLayersInSet(const std::vector<TpsdLayer*>& layers, size_t bas
     if (clipped.isHidden()) continue;
     work.initialize(uint16_t(work.getMaxColor()), 0);
     drawLayer(clipped, work, width, height, format);
-    blendOntoCanvas(clipped, work, scratch, width, height);
+    blendOntoCanvas(clipped, work, scratch, width, height, fThreads);
     blendClippingInSet(int(i), scratch, baseImage);
   }
 }
@@ -157,7 +157,7 @@ bool TpsdFile::readLayerSetImage(const Tstring& name, TrgbaData*& out) {
         current->applyOpacity(layer.fOpacity);
       }
       if (top) {
-        if (current) TpsdBlender().blend(*current, *top, layer.fBlendKey, 0, 0, int32_t(h), int32_t(w));
+        if (current) TpsdBlender(fThreads).blend(*current, *top, layer.fBlendKey, 0, 0, int32_t(h), int32_t(w));
         current = std::move(top);
       }
     } else {
