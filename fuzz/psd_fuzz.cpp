@@ -1,10 +1,11 @@
 // Reads any bytes as a Photoshop document: header, resources, alpha names,
 // every layer record, each layer's pixels one by one and all at once, the
-// flattened image and the alpha channels.
+// flattened image, the alpha channels and every layer set's composite.
 #include <unistd.h>
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "kelpimage/photoshop/tpsdfile.h"
 #include "kelpimage/photoshop/tpsdwarning.h"
@@ -44,6 +45,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         touchAll(image->pixels16());
         delete image;
       }
+  }
+  {
+    TpsdFile doc;  // every layer set composited, nested ones too
+    doc.setThreads(1);
+    doc.open(TfilePath(name.c_str()), false);
+    doc.readAllLayerRecordInformation();
+    std::vector<Tstring> heads;
+    for (const auto& layer : doc.fLayers)
+      if (layer->isSetHead()) heads.push_back(layer->fName);
+    for (const Tstring& head : heads) {
+      TrgbaData* image = nullptr;
+      if (doc.getCompositeImageOfLayerSet(head, image)) touchAll(image->pixels16());
+    }
   }
   {
     TpsdFile doc;  // every layer's channels in one pass

@@ -43,6 +43,30 @@ plane = rgba._record.image_data.get_data(rgba._record.header)[3]
 same(Image.open(work + "/alpha.png").convert("L"), Image.frombytes("L", rgba.size, plane), "alpha 0")
 PY
 
+# Layer sets: the outermost listed, a set's composite as psd-tools makes it.
+[ "$("$kimg" psd "$data/clipping-mask.psd" --sets)" = "Group 2" ] || fail "--sets"
+"$kimg" psd "$data/clipping-mask.psd" --set "Group 1" -o "$work/set.png"
+"$kimg" convert "$data/semi-transparent-layers.psd" --set grp1 "$work/grp1.tif"
+$python - "$data" "$work" <<'PY'
+import sys
+import numpy as np
+from PIL import Image
+from psd_tools import PSDImage
+data, work = sys.argv[1], sys.argv[2]
+for doc, name, out in (("clipping-mask.psd", "Group 1", "set.png"), ("semi-transparent-layers.psd", "grp1", "grp1.tif")):
+    psd = PSDImage.open(data + "/" + doc)
+    group = next(l for l in psd.descendants() if l.is_group() and l.name == name)
+    theirs = np.asarray(group.composite(viewport=(0, 0, psd.width, psd.height)).convert("RGBA")).astype(int)
+    ours = np.asarray(Image.open(work + "/" + out).convert("RGBA")).astype(int)
+    seen = (ours[..., 3] > 0) & (theirs[..., 3] > 0)
+    worst = max(np.abs(ours[..., 3] - theirs[..., 3]).max(), np.abs(ours - theirs)[..., :3][seen].max())
+    if worst > 2:
+        sys.exit("FAIL: set %s of %s differs from psd-tools by %d" % (name, doc, worst))
+PY
+if "$kimg" psd "$data/group.psd" --set "Group 1" 2> /dev/null; then fail "--set without -o"; fi
+if "$kimg" psd "$data/group.psd" --set nothing -o "$work/x.png" 2> "$work/err"; then fail "absent set"; fi
+grep -q 'group.psd: has no layer set "nothing"' "$work/err" || fail "absent set message: $(cat "$work/err")"
+
 # Failures name the file and the reason.
 if "$kimg" convert "$data/2layers.psd" --layer nothing "$work/x.png" 2> "$work/err"; then fail "absent layer"; fi
 grep -q '2layers.psd: has no layer "nothing"' "$work/err" || fail "absent layer message: $(cat "$work/err")"
