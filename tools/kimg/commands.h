@@ -50,6 +50,10 @@ struct PsdOptions {
   bool sets = false;  // list the outermost layer sets
   std::string set;    // write this set's composite to `out`
   std::string out;
+  // Edits, applied in this order; the document is saved to `out`.
+  std::vector<int> newSize;  // W H of a new document
+  int depth = 8;
+  std::vector<std::string> addSets, addLayers, addToSets, addAlphas, blends, opacities, deleteLayers, deleteSets;
 };
 
 struct FindOptions {

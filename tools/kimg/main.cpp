@@ -88,10 +88,23 @@ int run(int argc, char** argv) {
 
   kimg::PsdOptions psdo;
   CLI::App* psd = app.add_subcommand("psd", "Print what a Photoshop document holds: header, resources, layer tree");
-  psd->add_option("file", psdo.file, "Photoshop document")->required();
+  psd->add_option("file", psdo.file, "Photoshop document (not with --new)");
+  psd->add_option("--new", psdo.newSize, "Start a new document of W H pixels, with a background")->expected(2);
+  psd->add_option("--depth", psdo.depth, "Bits a channel of a new document")->check(CLI::IsMember({8, 16}));
+  psd->add_option("--add-set", psdo.addSets, "Add a layer set NAME on top");
+  psd->add_option("--add-layer", psdo.addLayers, "NAME=PICTURE: add a layer of a picture (or put it into NAME)");
+  psd->add_option("--add-to-set", psdo.addToSets, "SET=LAYER: add an empty layer LAYER into SET");
+  psd->add_option("--add-alpha", psdo.addAlphas, "NAME=PICTURE: add an alpha channel of a grey picture");
+  psd->add_option("--blend", psdo.blends, "NAME=KEY: a layer's blend key (mul is \"mul \")");
+  psd->add_option("--opacity", psdo.opacities, "NAME=N: a layer's opacity, 0 to 255");
+  psd->add_option("--delete-layer", psdo.deleteLayers, "Delete an ordinary layer");
+  psd->add_option("--delete-set", psdo.deleteSets, "Delete a layer set with its layers");
   psd->add_flag("--sets", psdo.sets, "List the outermost layer sets");
   psd->add_option("--set", psdo.set, "Write this layer set's composite to -o OUT");
-  psd->add_option("-o,--out", psdo.out, "Output picture for --set (any format kimg writes)");
+  psd->add_option("-o,--out", psdo.out,
+                  "For --set: the output picture (any format kimg writes); for edits: the document written "
+                  "(may be FILE itself). Edits apply in the order new, add-set, add-layer, add-to-set, add-alpha, "
+                  "blend, opacity, delete-layer, delete-set");
 
   std::string depthIn, depthOut;
   CLI::App* depth = app.add_subcommand("depth", "Write the depth channel of an IFF picture as a grey IFF picture");
@@ -156,7 +169,10 @@ int run(int argc, char** argv) {
   if (*filters) return kimg::filters();
   if (*formats) return kimg::formats();
   if (*depth) return kimg::depth(depthIn, depthOut);
-  if (*psd) return kimg::psd(psdo);
+  if (*psd) {
+    if (psdo.file.empty() && psdo.newSize.empty()) return kimg::usage("kimg psd needs FILE or --new W H");
+    return kimg::psd(psdo);
+  }
   return kimg::create(opt);
 }
 

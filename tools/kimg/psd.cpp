@@ -110,6 +110,7 @@ int psdOpen(const std::string& path, TpsdFile& doc) {
 int psd(const PsdOptions& o) {
   const std::string& path = o.file;
   theWarnings().clear();
+  if (psdEditing(o) && o.set.empty()) return psdEdit(o);
   if (!o.set.empty()) {
     if (o.out.empty()) return usage("--set needs -o OUT");
     ConvertOptions c;

@@ -25,6 +25,11 @@ struct PsdPart {
 // The part's lines at its own size (a layer's rectangle), 1 or 2 bytes a
 // channel as the document has them. Null, with the reason, when it cannot
 // be read.
+// Whether the options change (or save) a document, and doing so.
+struct PsdOptions;
+bool psdEditing(const PsdOptions& options);
+int psdEdit(const PsdOptions& options);
+
 std::unique_ptr<Lines> psdLines(const std::string& path, const PsdPart& part, bool topdown, std::string& why);
 
 }  // namespace kimg

@@ -70,8 +70,10 @@ uint32_t TpsdStream::peek32() {
   return v;
 }
 
-void skipBlockPad(TpsdStream& s, int64_t end) {
-  for (int pad = 0; pad < 4 && end - s.tell() >= 4 && !isBlockSignature(s.peek32()); ++pad) s.skip(1);
+uint32_t skipBlockPad(TpsdStream& s, int64_t end) {
+  uint32_t pad = 0;
+  for (; pad < 4 && end - s.tell() >= 4 && !isBlockSignature(s.peek32()); ++pad) s.skip(1);
+  return pad;
 }
 
 }  // namespace zkPhotoshop

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -53,6 +54,42 @@ class TpsdStream {
 
 [[noreturn]] void damaged(const std::string& reason);
 
+// Big-endian writing into a file; the first failure is kept.
+class TpsdOut {
+ public:
+  explicit TpsdOut(std::FILE* f) : fFile(f) {}
+  void bytes(const void* p, size_t n) {
+    if (n && fOk && std::fwrite(p, 1, n, fFile) != n) fOk = false;
+  }
+  void bytes(const std::vector<uint8_t>& v, size_t n) { bytes(v.data(), std::min(n, v.size())); }
+  void u8(uint32_t v) {
+    uint8_t b = uint8_t(v);
+    bytes(&b, 1);
+  }
+  void u16(uint32_t v) {
+    uint8_t b[2] = {uint8_t(v >> 8), uint8_t(v)};
+    bytes(b, 2);
+  }
+  void u32(uint32_t v) {
+    uint8_t b[4] = {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)};
+    bytes(b, 4);
+  }
+  void zeros(uint64_t n) {
+    static const uint8_t none[64] = {};
+    while (n) {
+      size_t k = size_t(std::min<uint64_t>(n, sizeof none));
+      bytes(none, k);
+      n -= k;
+    }
+  }
+  bool ok() const { return fOk; }
+
+ private:
+  std::FILE* fFile;
+  bool fOk = true;
+};
+
+
 // Four characters as a big-endian value, as the file's keys are compared.
 constexpr uint32_t fourCC(const char (&s)[5]) {
   return uint32_t(uint8_t(s[0])) << 24 | uint32_t(uint8_t(s[1])) << 16 | uint32_t(uint8_t(s[2])) << 8 |
@@ -64,7 +101,7 @@ constexpr bool isBlockSignature(uint32_t v) { return v == fourCC("8BIM") || v ==
 
 // Writers pad block data to two or four bytes, some without counting the
 // pad in the length: the next signature is looked for over those bytes,
-// up to `end`.
-void skipBlockPad(TpsdStream& stream, int64_t end);
+// up to `end`. The number of bytes skipped.
+uint32_t skipBlockPad(TpsdStream& stream, int64_t end);
 
 }  // namespace zkPhotoshop

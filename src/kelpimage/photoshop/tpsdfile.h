@@ -18,6 +18,8 @@
 namespace zkPhotoshop {
 
 class TpsdStream;
+class TpsdOut;
+struct Buffer;
 
 class KELP_API TphotoshopFile {
  public:
@@ -147,6 +149,42 @@ class KELP_API TpsdFile : public TphotoshopFile {
   // shows something.
   bool checkForLayerVisibility(int index) const;
 
+  // Writing. Saves the document: in edit mode to `path`, else to the file
+  // it was made for; nothing when nothing needs saving. The file is
+  // written under a temporary name and renamed into place when whole, so a
+  // failed save (false, with lastError) leaves the target as it was.
+  bool savePsdFile(const TfilePath& path);
+  // A record's bytes as the section lengths count them; 0 for a deleted layer.
+  uint32_t layerSize(const TpsdLayer& layer) const;
+  // Resource 1026 (two bytes a layer) grows by one layer.
+  void updateImageResources();
+
+  // Editing.
+  uint32_t getLayerIdForNewLayer() const;
+  int getValidIndexOfNewChannel() const { return fAlphaNames.length() + 3; }
+  void initRecord(TpsdLayer& layer, const Tstring& name, int channels, TrgbaData* image, uint32_t layerId);
+  void initSetRecord(TpsdLayer& layer, const Tstring& name, int channels, bool isEnd, TrgbaData* image,
+                     uint32_t layerId);
+  void fillLayerCompression(TpsdLayer& layer);
+  void addCompositeImage(TrgbaData* image);
+  void addCompositeImageInfo(TrgbaData* image);
+  bool addBackGroundLayerInfo(TrgbaData* image, const char* name);
+  TpsdLayer* addBGLayer(TrgbaData* image, const char* name);
+  TpsdLayer* addNewLayerToList();
+  bool addNormalLayer(const Tstring& name, TrgbaData* image);
+  bool insertNewLayer(const Tstring& name, TrgbaData* image, int index);
+  void addEmptyLayer(const Tstring& name);
+  void addNewLayerSet(const Tstring& name);
+  bool addNewLayerToGivenSet(const Tstring& setName, const Tstring& layerName);
+  bool addImageToTheGivenLayer(const Tstring& name, TrgbaData* image, bool insertFlag, int index);
+  bool deleteLayer(const Tstring& name);
+  bool deleteLayerSet(const Tstring& name);
+  bool setBlendKey(const Tstring& name, uint32_t key);
+  bool setOpacity(const Tstring& name, uint32_t opacity);
+  bool addAlphaChannelToComposite(const Tstring& name, const uint8_t* pixels);
+  // A new document of this size and depth (8 or 16), to be saved at `path`.
+  int create(const TfilePath& path, unsigned short& width, unsigned short& height) override;
+
   // Threads that expansion and compositing use; 0, the default, for one a core.
   void setThreads(unsigned threads) { fThreads = threads; }
   unsigned threads() const;
@@ -198,6 +236,16 @@ class KELP_API TpsdFile : public TphotoshopFile {
   void readLayersAt(TpsdStream& stream, int64_t infoEnd);
   void readResourceData(TpsdStream& stream, TpsdResource& resource, int64_t end);
   void lendSpareBuffers(TpixelData16* pixels);
+  bool save(const TfilePath& path);
+  bool gatherForSaving();
+  void writeHeader(TpsdOut& out, uint32_t height, uint32_t width, uint16_t channels);
+  void writeColorModeData(TpsdOut& out);
+  void writeResources(TpsdOut& out);
+  void writeImageResourceString(Buffer& out, const std::string& text);
+  void writeRLEImageData(TpsdOut& out, int channels);
+  void writeRawImageData(TpsdOut& out, int channels);
+  TpsdResource* resource(uint16_t id);
+  void resizeResource(TpsdResource& r, int64_t change);
   // Reads a layer's channels when not read yet, and expands them.
   bool loadLayer(TpsdLayer& layer);
   void seekToImageData(TpsdStream& stream);
@@ -209,6 +257,8 @@ class KELP_API TpsdFile : public TphotoshopFile {
   bool readRawPlane(TpsdStream& stream, PHOTOSHOP_CHANNEL id, uint64_t plane);
 
   unsigned fThreads = 0;
+  uint32_t fLr16Pad = 0;              // zero bytes behind the "Lr16" block as read
+  std::vector<uint8_t> fSectionTail;  // bytes behind the global blocks, as read
   std::vector<TsampleBuffer> fSpareSamples;  // given back by released layers
   Tstring fLastError;  // the reason alone
   Tstring fErrorName;  // the file it concerns

@@ -218,8 +218,8 @@ void TpsdLayer::readBlocks(TpsdStream& s, int64_t end, std::vector<uint32_t>& wa
     }
     if (block.length != 0)
       if (uint32_t code = warningOf(block.key)) warnings.push_back(code);
+    block.pad = skipBlockPad(s, end);
     fBlocks.push_back(std::move(block));
-    skipBlockPad(s, end);
   }
 }
 

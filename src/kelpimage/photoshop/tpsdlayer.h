@@ -18,6 +18,10 @@ struct TpsdChannelInfo {
   int16_t id = 0;
   uint32_t length = 0;  // with the 2-byte compression word
   uint32_t compression = 0;
+  // The bytes of a channel the layer's pixels do not hold (an id the
+  // library does not use, or a channel of an empty rectangle), kept for
+  // writing back.
+  std::vector<uint8_t> data;
 };
 
 // An additional block: "8BIM", its key and its data as read.
@@ -26,6 +30,7 @@ struct TpsdBlock {
   uint32_t key = 0;
   uint32_t length = 0;
   std::vector<uint8_t> data;
+  uint32_t pad = 0;  // zero bytes behind the data that the length does not count
 };
 
 // fSectionType values: what a record is in the layer set structure.

@@ -105,17 +105,20 @@ void TpsdFile::readGlobalBlocks(TpsdStream& s, int64_t end) {
     if (key == fourCC("Lr16")) {
       fLayerInfoSize = length;
       readLayersAt(s, dataEnd);
+      s.seek(dataEnd);
+      fLr16Pad = skipBlockPad(s, end);
     } else {
       TpsdBlock block;
       block.signature = signature;
       block.key = key;
       block.length = length;
       block.data = s.bytes(length, 0, "a global block");
+      block.pad = skipBlockPad(s, end);
       fGlobalBlocks.push_back(std::move(block));
     }
-    s.seek(dataEnd);
-    skipBlockPad(s, end);
   }
+  // Whatever the section holds behind its blocks goes back out with them.
+  fSectionTail = s.bytes(uint64_t(std::max<int64_t>(end - s.tell(), 0)), 0, "the layer section's end");
 }
 
 bool TpsdFile::seekToEndOfChannelData(TpsdStream& s) {

@@ -247,19 +247,17 @@ void TpsdFile::readChannelDataForLayer(TpsdStream& s, TpsdLayer& layer) {
           if (!layer.fPixels) layer.fPixels = std::make_unique<TpixelData16>(fDataFormat);
           layer.fPixels->addChannel(info.id, uint32_t(w), uint32_t(h), fill);
         }
-        s.seek(next);
+        info.data = s.bytes(size, 0, "a layer channel");
         continue;
       }
       cw = int64_t(r.right) - r.left;
       ch = mh;
       checkSize(cw, ch, layer);
       fill = 0;
-    } else if (info.id < channelRealUserMask || info.id > channelBlue) {
-      s.seek(next);  // not a channel a layer keeps
-      continue;
     }
-    if (!cw || !ch) {
-      s.seek(next);
+    if (info.id < channelRealUserMask || info.id > channelBlue || !cw || !ch) {
+      // Not a channel the layer's pixels hold: its bytes are kept as they are.
+      info.data = s.bytes(size, 0, "a layer channel");
       continue;
     }
     if (!layer.fPixels) layer.fPixels = std::make_unique<TpixelData16>(fDataFormat);

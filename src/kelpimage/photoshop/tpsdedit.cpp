@@ -1,0 +1,353 @@
+// Changing a document in memory: new documents, layers, layer sets and
+// alpha channels, images into layers, deletions, blend keys and opacity.
+// Each call keeps the section lengths current by exact byte counts.
+#include <algorithm>
+
+#include "kelpimage/photoshop/psdguard.h"
+#include "kelpimage/photoshop/psdstream.h"
+#include "kelpimage/photoshop/tpsdfile.h"
+
+namespace zkPhotoshop {
+
+namespace {
+
+constexpr uint32_t kNoRange = 65535;  // a blending range that lets everything through
+
+int32_t change(const TpsdFile& doc, const TpsdLayer& layer) { return int32_t(doc.layerSize(layer)); }
+
+}  // namespace
+
+int TpsdFile::create(const TfilePath& path, unsigned short& width, unsigned short& height) {
+  TphotoshopFile::create(path, width, height);
+  setColorDepth(fDepth);
+  fSaveNeeded = true;
+  fEditMode = false;
+  fChannelCount = 3;
+  fColorMode = 3;
+  fImageCompression = 1;
+  return 0;
+}
+
+uint32_t TpsdFile::getLayerIdForNewLayer() const {
+  uint32_t largest = 0;
+  for (const auto& layer : fLayers) largest = std::max(largest, layer->fLayerId);
+  return largest + 1;
+}
+
+TpsdResource* TpsdFile::resource(uint16_t id) {
+  for (TpsdResource& r : fResources)
+    if (r.id == id) return &r;
+  return nullptr;
+}
+
+// A resource's data grows or shrinks by `change` bytes, all zero.
+void TpsdFile::resizeResource(TpsdResource& r, int64_t change) {
+  int64_t size = std::max<int64_t>(int64_t(r.size) + change, 0);
+  fResourcesSize = uint32_t(int64_t(fResourcesSize) + size - r.size);
+  r.size = uint32_t(size);
+  r.data.assign(r.size, 0);
+}
+
+void TpsdFile::updateImageResources() {
+  for (TpsdResource& r : fResources)
+    if (r.id == 1026 && r.size) {
+      r.data.resize(r.size + 2, 0);
+      r.size += 2;
+      fResourcesSize += 2;
+      return;
+    }
+}
+
+void TpsdFile::fillLayerCompression(TpsdLayer& layer) {
+  if (!layer.fPixels) return;
+  for (TpsdChannelInfo& info : layer.fChannels) {
+    Tchannel* ch = layer.fPixels->channel(info.id);
+    if (!ch) {
+      info.length = 2;
+      continue;
+    }
+    if (!ch->hasCompressed()) {
+      ch->fCompression = int32_t(info.compression);
+      ch->compress(false);
+    }
+    info.compression = uint32_t(ch->fCompression);
+    info.length = ch->fDataLength + 2;
+  }
+}
+
+void TpsdFile::initRecord(TpsdLayer& layer, const Tstring& name, int channels, TrgbaData* image, uint32_t layerId) {
+  layer.fBlocks.clear();
+  TpsdBlock id;
+  id.signature = fourCC("8BIM");
+  id.key = fourCC("lyid");
+  id.length = 4;
+  layer.fBlocks.push_back(id);
+  layer.fLayerId = layerId;
+  layer.fExtraSize = 16;
+  layer.fRect = TlRect{};
+  if (image) {
+    layer.fRect.bottom = int32_t(image->height());
+    layer.fRect.right = int32_t(image->width());
+  }
+  uint32_t compression = fDepth == 16 ? compressionZipPredict : compressionRLE;
+  layer.fChannels.clear();
+  for (int c = channels == 4 ? -1 : 0; c < 3; ++c) {
+    TpsdChannelInfo info;
+    info.id = int16_t(c);
+    info.length = 2;
+    info.compression = compression;
+    layer.fChannels.push_back(info);
+  }
+  layer.fChannelCount = uint16_t(layer.fChannels.size());
+  if (image) fillLayerCompression(layer);
+  layer.fSignature = fourCC("8BIM");
+  layer.fBlendKey = fourCC("norm");
+  layer.fOpacity = 255;
+  layer.fClipping = 0;
+  layer.fFiller = 0;
+  layer.fFlags = name == "Background" ? 41 : 40;
+  layer.fMaskSize = 0;
+  layer.fMaskRect = TlRect{};
+  layer.fMaskFlags = 0;
+  layer.fMaskData.clear();
+  layer.fRangesSize = 40;
+  layer.fGraySource = layer.fGrayDest = kNoRange;
+  layer.fRanges.assign(4, {kNoRange, kNoRange});
+  layer.fName = name;
+  layer.fPascalName = name.str().substr(0, 255);
+  layer.fSectionType = sectionLayer;
+  uint32_t nameBytes = uint32_t(std::min(name.length(), 255)) + 1;
+  layer.fExtraSize += (nameBytes + 3) / 4 * 4 + layer.fMaskSize + layer.fRangesSize + 8;
+}
+
+void TpsdFile::initSetRecord(TpsdLayer& layer, const Tstring& name, int channels, bool isEnd, TrgbaData* image,
+                             uint32_t layerId) {
+  initRecord(layer, name, channels, image, layerId);
+  TpsdBlock section;
+  section.signature = fourCC("8BIM");
+  section.key = fourCC("lsct");
+  section.length = isEnd ? 4 : 12;
+  layer.fBlocks.push_back(section);
+  layer.fSectionType = isEnd ? sectionSetEnd : sectionOpenSet;
+  if (!isEnd) {
+    layer.fSectionSignature = fourCC("8BIM");
+    layer.fSectionBlendKey = fourCC("pass");
+  }
+  layer.fExtraSize += 12 + section.length;
+}
+
+void TpsdFile::addCompositeImage(TrgbaData* image) {
+  if (fCompositePixels) return;
+  if (image && image->pixels16()) {
+    fCompositePixels = std::make_unique<TpixelData16>(*image->pixels16());
+  } else {
+    fCompositePixels = std::make_unique<TpixelData16>(fDataFormat, fImageWidth, fImageHeight, false);
+    fCompositePixels->initialize(0, 0);
+  }
+}
+
+void TpsdFile::addCompositeImageInfo(TrgbaData*) {
+  fLayerInfoSize = 0;
+  fLayerCount = 0;
+  addCompositeImage(nullptr);
+}
+
+bool TpsdFile::addBackGroundLayerInfo(TrgbaData* image, const char* name) {
+  if (!fCompositeAdded && !fEditMode) {
+    fLayerMaskSize = 8;
+    fLayerInfoSize = 0;
+    fLayerCount = 0;
+    fCompositeAdded = true;
+  }
+  addCompositeImage(nullptr);
+  if (!fBackgroundAdded && !fEditMode) {
+    addBGLayer(image, name);
+    fBackgroundAdded = true;
+  }
+  return true;
+}
+
+TpsdLayer* TpsdFile::addNewLayerToList() {
+  updateImageResources();
+  fLayers.push_back(std::make_unique<TpsdLayer>());
+  ++fLayerCount;
+  fLayers.back()->fState = 1;
+  return fLayers.back().get();
+}
+
+TpsdLayer* TpsdFile::addBGLayer(TrgbaData* image, const char* name) {
+  uint32_t id = getLayerIdForNewLayer();
+  TpsdLayer* layer = addNewLayerToList();
+  if (image && image->pixels16()) layer->fPixels = std::make_unique<TpixelData16>(*image->pixels16());
+  initRecord(*layer, Tstring(name ? name : "Background"), image ? 4 : 3, image, id);
+  fLayerInfoSize += uint32_t(change(*this, *layer));
+  fLayerMaskSize += change(*this, *layer);
+  return layer;
+}
+
+bool TpsdFile::insertNewLayer(const Tstring& name, TrgbaData* image, int index) {
+  return guarded(
+      [&] {
+        addBackGroundLayerInfo(nullptr, nullptr);
+        uint32_t id = getLayerIdForNewLayer();
+        TpsdLayer* layer = addNewLayerToList();
+        if (image && image->pixels16()) layer->fPixels = std::make_unique<TpixelData16>(*image->pixels16());
+        initRecord(*layer, name, 4, image, id);
+        fLayerInfoSize += uint32_t(change(*this, *layer));
+        fLayerMaskSize += change(*this, *layer);
+        if (index >= 0 && size_t(index) < fLayers.size() - 1) {
+          std::unique_ptr<TpsdLayer> moved = std::move(fLayers.back());
+          fLayers.pop_back();
+          fLayers.insert(fLayers.begin() + index, std::move(moved));
+        }
+        return true;
+      },
+      false);
+}
+
+bool TpsdFile::addNormalLayer(const Tstring& name, TrgbaData* image) { return insertNewLayer(name, image, -1); }
+
+void TpsdFile::addEmptyLayer(const Tstring& name) {
+  uint32_t id = getLayerIdForNewLayer();
+  TpsdLayer* layer = addNewLayerToList();
+  initSetRecord(*layer, name, 4, name == fSetEndName, nullptr, id);
+  fLayerInfoSize += uint32_t(change(*this, *layer));
+  fLayerMaskSize += change(*this, *layer);
+}
+
+void TpsdFile::addNewLayerSet(const Tstring& name) {
+  addBackGroundLayerInfo(nullptr, nullptr);
+  if (fSetEndName.isEmpty()) fSetEndName = Tstring("</Layer set>");
+  addEmptyLayer(fSetEndName);
+  addEmptyLayer(name);
+}
+
+bool TpsdFile::addNewLayerToGivenSet(const Tstring& setName, const Tstring& layerName) {
+  auto found = std::find_if(fLayers.begin(), fLayers.end(), [&](const auto& l) { return l->fName == setName; });
+  if (found == fLayers.end()) return false;
+  size_t at = size_t(found - fLayers.begin());
+  updateImageResources();
+  auto layer = std::make_unique<TpsdLayer>();
+  initRecord(*layer, layerName, 4, nullptr, getLayerIdForNewLayer());
+  layer->fState = 1;
+  fLayerInfoSize += uint32_t(change(*this, *layer));
+  fLayerMaskSize += change(*this, *layer);
+  fLayers.insert(fLayers.begin() + long(at), std::move(layer));
+  ++fLayerCount;
+  return true;
+}
+
+bool TpsdFile::addImageToTheGivenLayer(const Tstring& name, TrgbaData* image, bool insertFlag, int index) {
+  TpsdLayer* layer = getLayerObjFromName(name);
+  if (!layer || layer->fState == 2) return insertFlag ? insertNewLayer(name, image, index) : addNormalLayer(name, image);
+  return guarded(
+      [&] {
+        int32_t before = change(*this, *layer);
+        if (image && image->pixels16()) layer->fPixels = std::make_unique<TpixelData16>(*image->pixels16());
+        if (image) {
+          layer->fRect.right = layer->fRect.left + int32_t(image->width());
+          layer->fRect.bottom = layer->fRect.top + int32_t(image->height());
+        }
+        fillLayerCompression(*layer);
+        int32_t after = change(*this, *layer);
+        fLayerInfoSize = uint32_t(int64_t(fLayerInfoSize) + after - before);
+        fLayerMaskSize += after - before;
+        return true;
+      },
+      false);
+}
+
+bool TpsdFile::deleteLayer(const Tstring& name) {
+  TpsdLayer* layer = fLayers.empty() ? nullptr : getLayerObjFromName(name);
+  if (!layer || layer->isSetHead()) return false;
+  layer->fState = 2;
+  if (TpsdResource* groups = resource(1026)) resizeResource(*groups, -2);
+  return true;
+}
+
+bool TpsdFile::deleteLayerSet(const Tstring& name) {
+  if (fLayers.empty()) return false;
+  int head = -1, end = -1;
+  for (int i = int(fLayers.size()) - 1; i >= 0 && head < 0; --i)
+    if (fLayers[size_t(i)]->isSetHead() && fLayers[size_t(i)]->fName == name) head = i;
+  for (int i = head, depth = 0; i >= 0 && end < 0; --i) {
+    if (fLayers[size_t(i)]->isSetHead()) ++depth;
+    if (fLayers[size_t(i)]->isSetEnd() && --depth == 0) end = i;
+  }
+  int counted = 0;
+  TpsdResource* seed = resource(kResourceIdSeed);
+  if (head >= 0 && end >= 0)
+    for (int i = end; i <= head; ++i) {
+      TpsdLayer& l = *fLayers[size_t(i)];
+      if (l.fState == 2) continue;
+      fLayerInfoSize -= uint32_t(change(*this, l));
+      fLayerMaskSize -= change(*this, l);
+      l.fState = 2;
+      ++counted;
+      if (seed) --seed->value;
+    }
+  if (TpsdResource* groups = resource(1026)) resizeResource(*groups, -2 * int64_t(counted));
+  return true;
+}
+
+bool TpsdFile::setBlendKey(const Tstring& name, uint32_t key) {
+  if (fLayers.empty()) return false;
+  TpsdLayer* layer = getLayerObjFromName(name);
+  if (!layer) return true;
+  layer->fBlendKey = key;
+  if (layer->isSetHead())
+    for (TpsdBlock& b : layer->fBlocks)
+      if (b.key == fourCC("lsct")) {
+        b.length = 12;
+        layer->fSectionType = sectionOpenSet;
+        layer->fSectionSignature = fourCC("8BIM");
+        layer->fSectionBlendKey = key;
+      }
+  return true;
+}
+
+bool TpsdFile::setOpacity(const Tstring& name, uint32_t opacity) {
+  TpsdLayer* layer = getLayerObjFromName(name);
+  if (!layer) return false;
+  layer->fOpacity = uint8_t(opacity);
+  return true;
+}
+
+bool TpsdFile::addAlphaChannelToComposite(const Tstring& name, const uint8_t* pixels) {
+  if (!fCompositePixels) {
+    fCompositePixels = std::make_unique<TpixelData16>(fDataFormat, fImageWidth, fImageHeight, false);
+    fCompositeAdded = fBackgroundAdded = true;
+    fCompositePixels->initialize(uint16_t(fCompositePixels->getMaxColor()), 0);
+    for (auto& [id, ch] : fCompositePixels->fChannels)
+      if (ch && ch->fCompression == compressionUnset) ch->fCompression = compressionRLE;
+  }
+  int id = getValidIndexOfNewChannel();
+  if (id > 55) return false;
+  int32_t method = fCompositePixels->fChannels.empty() ? compressionRLE : fCompositePixels->compressionMethod(0);
+  fCompositePixels->addChannel(id, fImageWidth, fImageHeight, 0);
+  fCompositePixels->setCompressionMethod(id, method);
+  if (pixels) fCompositePixels->setChannelRawPixels(id, pixels);
+  fAlphaNames.addLast(name);
+  fAlphaIds.addLast(fAlphaIds.length() ? fAlphaIds[fAlphaIds.length() - 1] + 1 : 2);
+  ++fChannelCount;
+  for (uint16_t rid : {kResourceAlphaNames, kResourceAlphaIds})
+    if (!resource(rid)) {
+      TpsdResource r;
+      r.signature = fourCC("8BIM");
+      r.id = rid;
+      fResources.push_back(r);
+      fResourcesSize += 12;
+    }
+  // The sizes are those the writer makes of the names and ids.
+  uint32_t names = 0;
+  for (int i = 0; i < fAlphaNames.length(); ++i) names += uint32_t(std::min(fAlphaNames[i].length(), 255)) + 1;
+  TpsdResource* namesEntry = resource(kResourceAlphaNames);
+  fResourcesSize += (names + (names & 1)) - (namesEntry->size + (namesEntry->size & 1));
+  namesEntry->size = names;
+  TpsdResource* ids = resource(kResourceAlphaIds);
+  ids->size += 4;
+  fResourcesSize += 4;
+  return true;
+}
+
+}  // namespace zkPhotoshop
