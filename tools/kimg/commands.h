@@ -53,7 +53,7 @@ struct PsdOptions {
   // Edits, applied in this order; the document is saved to `out`.
   std::vector<int> newSize;  // W H of a new document
   int depth = 8;
-  std::vector<std::string> addSets, addLayers, addToSets, addAlphas, blends, opacities, deleteLayers, deleteSets;
+  std::vector<std::string> addSets, addToSets, addLayers, addAlphas, blends, opacities, deleteLayers, deleteSets;
 };
 
 struct FindOptions {

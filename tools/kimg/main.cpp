@@ -93,7 +93,7 @@ int run(int argc, char** argv) {
   psd->add_option("--depth", psdo.depth, "Bits a channel of a new document")->check(CLI::IsMember({8, 16}));
   psd->add_option("--add-set", psdo.addSets, "Add a layer set NAME on top");
   psd->add_option("--add-layer", psdo.addLayers, "NAME=PICTURE: add a layer of a picture (or put it into NAME)");
-  psd->add_option("--add-to-set", psdo.addToSets, "SET=LAYER: add an empty layer LAYER into SET");
+  psd->add_option("--add-to-set", psdo.addToSets, "SET=LAYER: add an empty layer LAYER into SET (--add-layer fills it)");
   psd->add_option("--add-alpha", psdo.addAlphas, "NAME=PICTURE: add an alpha channel of a grey picture");
   psd->add_option("--blend", psdo.blends, "NAME=KEY: a layer's blend key (mul is \"mul \")");
   psd->add_option("--opacity", psdo.opacities, "NAME=N: a layer's opacity, 0 to 255");
@@ -103,7 +103,7 @@ int run(int argc, char** argv) {
   psd->add_option("--set", psdo.set, "Write this layer set's composite to -o OUT");
   psd->add_option("-o,--out", psdo.out,
                   "For --set: the output picture (any format kimg writes); for edits: the document written "
-                  "(may be FILE itself). Edits apply in the order new, add-set, add-layer, add-to-set, add-alpha, "
+                  "(may be FILE itself). Edits apply in the order new, add-set, add-to-set, add-layer, add-alpha, "
                   "blend, opacity, delete-layer, delete-set");
 
   std::string depthIn, depthOut;

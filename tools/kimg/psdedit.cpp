@@ -62,17 +62,17 @@ uint32_t keyOf(std::string key) {
 int applyEdits(TpsdFile& doc, const PsdOptions& o, const std::string& file) {
   std::string name, value, why;
   for (const std::string& set : o.addSets) doc.addNewLayerSet(Tstring(set.c_str()));
+  for (const std::string& add : o.addToSets) {
+    if (!split(add, name, value)) return usage("--add-to-set takes SET=LAYER: " + add);
+    if (!doc.addNewLayerToGivenSet(Tstring(name.c_str()), Tstring(value.c_str())))
+      return fail(file, "has no layer set \"" + name + "\"");
+  }
   for (const std::string& add : o.addLayers) {
     if (!split(add, name, value)) return usage("--add-layer takes NAME=PICTURE: " + add);
     auto picture = pictureOf(value, doc.fDataFormat, why);
     if (!picture) return fail(value, why);
     if (!doc.addImageToTheGivenLayer(Tstring(name.c_str()), picture.get(), false, 0))
       return fail(file, doc.lastReason().str());
-  }
-  for (const std::string& add : o.addToSets) {
-    if (!split(add, name, value)) return usage("--add-to-set takes SET=LAYER: " + add);
-    if (!doc.addNewLayerToGivenSet(Tstring(name.c_str()), Tstring(value.c_str())))
-      return fail(file, "has no layer set \"" + name + "\"");
   }
   for (const std::string& add : o.addAlphas) {
     if (!split(add, name, value)) return usage("--add-alpha takes NAME=PICTURE: " + add);
