@@ -195,8 +195,10 @@ void Tchannel::assignRaw(const uint8_t* source) {
 void Tchannel::copyPixels(Tchannel& source) {
   if (source.fFormat != fFormat) throw kFormatMismatch;
   if (source.fPixelCount != fPixelCount) return;
-  ensureRaw();
-  if (source.hasRaw()) fRaw = source.fRaw;
+  if (source.hasRaw())
+    fRaw = source.fRaw;
+  else
+    ensureRaw();
 }
 
 void Tchannel::copySpan(uint32_t dstIndex, uint32_t count, uint32_t srcIndex, Tchannel& source) {
@@ -240,15 +242,19 @@ unsigned threadsFor(unsigned threads) {
   return std::clamp(threads, 1u, 8u);
 }
 
-void expandInParallel(const std::vector<Tchannel*>& channels, unsigned threadCount) {
+namespace {
+
+// Runs `work` on each channel on `threadCount` threads, the largest first.
+template <class Work>
+void eachInParallel(const std::vector<Tchannel*>& channels, unsigned threadCount, Work work) {
   std::vector<Tchannel*> jobs(channels);
   std::sort(jobs.begin(), jobs.end(), [](const Tchannel* a, const Tchannel* b) { return a->rawBytes() > b->rawBytes(); });
   std::atomic<size_t> next{0};
   std::atomic<bool> failed{false};
-  auto work = [&] {
+  auto run = [&] {
     for (size_t i; (i = next++) < jobs.size();) {
       try {
-        jobs[i]->rawPointer();
+        work(*jobs[i]);
       } catch (...) {
         failed = true;
       }
@@ -256,10 +262,20 @@ void expandInParallel(const std::vector<Tchannel*>& channels, unsigned threadCou
   };
   size_t threads = std::min<size_t>(threadsFor(threadCount), jobs.size());
   std::vector<std::thread> pool;
-  for (size_t t = 1; t < threads; ++t) pool.emplace_back(work);
-  work();
+  for (size_t t = 1; t < threads; ++t) pool.emplace_back(run);
+  run();
   for (std::thread& t : pool) t.join();
   if (failed) throw std::bad_alloc();
+}
+
+}  // namespace
+
+void compressInParallel(const std::vector<Tchannel*>& channels, unsigned threads) {
+  eachInParallel(channels, threads, [](Tchannel& ch) { ch.compress(false); });
+}
+
+void expandInParallel(const std::vector<Tchannel*>& channels, unsigned threads) {
+  eachInParallel(channels, threads, [](Tchannel& ch) { ch.rawPointer(); });
 }
 
 bool Tchannel::plausible() const {
@@ -395,9 +411,9 @@ bool Tchannel::compressRLE(bool separate) {
   size_t rowBytes = size_t(fWidth) * bytesPerSample();
   size_t worst = rowBytes + rowBytes / 64 + 2;
   if (worst > 0xFFFF) return false;  // a row length must fit its 16 bits
-  std::vector<uint8_t> row(rowBytes);
+  TsampleBuffer row(rowBytes);
   std::vector<uint8_t> table(size_t(fHeight) * 2);
-  std::vector<uint8_t> packed(size_t(fHeight) * worst + (separate ? 0 : table.size()));
+  TsampleBuffer packed(size_t(fHeight) * worst + (separate ? 0 : table.size()));
   size_t at = separate ? 0 : table.size();
   for (uint32_t y = 0; y < fHeight; ++y) {
     std::memcpy(row.data(), &fRaw[y * rowBytes], rowBytes);
@@ -407,19 +423,17 @@ bool Tchannel::compressRLE(bool separate) {
     table[2 * y + 1] = uint8_t(n);
     at += n;
   }
-  packed.resize(at);
   if (separate)
     fRowLengths = std::move(table);
   else
     std::copy(table.begin(), table.end(), packed.begin());
-  uint32_t length = uint32_t(at);
-  setCompressed(std::move(packed), length);
+  setCompressed(std::vector<uint8_t>(packed.begin(), packed.begin() + long(at)), uint32_t(at));
   return true;
 }
 
 bool Tchannel::compressZip(bool predict) {
   if (fRaw.empty() && fPixelCount) return false;
-  std::vector<uint8_t> samples(fRaw.begin(), fRaw.end());
+  TsampleBuffer samples(fRaw.begin(), fRaw.end());
   if (predict) {
     // Differences from the right end back, so each uses its original neighbour.
     for (uint32_t y = 0; y < fHeight; ++y) {
@@ -433,12 +447,20 @@ bool Tchannel::compressZip(bool predict) {
     }
   }
   if (fFormat == dataFormat16) swap16(samples.data(), fPixelCount);
-  uLongf size = compressBound(uLong(samples.size()));
-  std::vector<uint8_t> out(size);
-  if (::compress2(out.data(), &size, samples.data(), uLong(samples.size()), Z_DEFAULT_COMPRESSION) != Z_OK)
-    return false;
-  out.resize(size);
-  setCompressed(std::move(out), uint32_t(size));
+  // The fastest level: prediction has made the rows small numbers already,
+  // and deflate's higher levels cost many times the time for a few percent.
+  z_stream z{};
+  if (deflateInit2(&z, Z_BEST_SPEED, Z_DEFLATED, 15, 8, Z_DEFAULT_STRATEGY) != Z_OK) return false;
+  TsampleBuffer out(deflateBound(&z, uLong(samples.size())));
+  z.next_in = samples.data();
+  z.avail_in = uInt(samples.size());
+  z.next_out = out.data();
+  z.avail_out = uInt(out.size());
+  int rc = deflate(&z, Z_FINISH);
+  uLong size = z.total_out;
+  deflateEnd(&z);
+  if (rc != Z_STREAM_END) return false;
+  setCompressed(std::vector<uint8_t>(out.begin(), out.begin() + long(size)), uint32_t(size));
   return true;
 }
 

@@ -141,6 +141,8 @@ class KELP_API Tchannel {
 // first; a memory failure in any of them is thrown as std::bad_alloc once
 // all are done.
 KELP_API void expandInParallel(const std::vector<Tchannel*>& channels, unsigned threads = 0);
+// Packs the channels (their file form, row tables in front) the same way.
+KELP_API void compressInParallel(const std::vector<Tchannel*>& channels, unsigned threads = 0);
 // Threads to use for `threads` (0: one a core), at least 1 and at most 8.
 KELP_API unsigned threadsFor(unsigned threads);
 

@@ -17,8 +17,16 @@ int32_t change(const TpsdFile& doc, const TpsdLayer& layer) { return int32_t(doc
 
 }  // namespace
 
+// Edits of an opened document act on its layers and resources as read:
+// they are read first if they were not.
+void TpsdFile::ensureRead() {
+  if (!fCreated && !fPath.fullName().isEmpty() && fAfterGlobalInfo == 0 && !fCompositeAdded)
+    readAllLayerRecordInformation();
+}
+
 int TpsdFile::create(const TfilePath& path, unsigned short& width, unsigned short& height) {
   TphotoshopFile::create(path, width, height);
+  fCreated = true;  // whatever is at the path now is not read, only replaced
   setColorDepth(fDepth);
   fSaveNeeded = true;
   fEditMode = false;
@@ -58,20 +66,25 @@ void TpsdFile::updateImageResources() {
     }
 }
 
+// Packs the layer's channels, on all cores, by the methods of its record;
+// the expanded samples are given back (they come back on demand).
 void TpsdFile::fillLayerCompression(TpsdLayer& layer) {
   if (!layer.fPixels) return;
+  std::vector<Tchannel*> pack;
   for (TpsdChannelInfo& info : layer.fChannels) {
     Tchannel* ch = layer.fPixels->channel(info.id);
-    if (!ch) {
-      info.length = 2;
-      continue;
-    }
-    if (!ch->hasCompressed()) {
+    if (ch && !ch->hasCompressed()) {
       ch->fCompression = int32_t(info.compression);
-      ch->compress(false);
+      pack.push_back(ch);
     }
+  }
+  compressInParallel(pack, fThreads);
+  for (TpsdChannelInfo& info : layer.fChannels) {
+    Tchannel* ch = layer.fPixels->channel(info.id);
+    info.length = ch ? ch->fDataLength + 2 : 2;
+    if (!ch) continue;
     info.compression = uint32_t(ch->fCompression);
-    info.length = ch->fDataLength + 2;
+    ch->releaseRaw();
   }
 }
 
@@ -153,6 +166,7 @@ void TpsdFile::addCompositeImageInfo(TrgbaData*) {
 }
 
 bool TpsdFile::addBackGroundLayerInfo(TrgbaData* image, const char* name) {
+  ensureRead();
   if (!fCompositeAdded && !fEditMode) {
     fLayerMaskSize = 8;
     fLayerInfoSize = 0;
@@ -168,6 +182,7 @@ bool TpsdFile::addBackGroundLayerInfo(TrgbaData* image, const char* name) {
 }
 
 TpsdLayer* TpsdFile::addNewLayerToList() {
+  ensureRead();
   updateImageResources();
   fLayers.push_back(std::make_unique<TpsdLayer>());
   ++fLayerCount;
@@ -223,6 +238,7 @@ void TpsdFile::addNewLayerSet(const Tstring& name) {
 }
 
 bool TpsdFile::addNewLayerToGivenSet(const Tstring& setName, const Tstring& layerName) {
+  ensureRead();
   auto found = std::find_if(fLayers.begin(), fLayers.end(), [&](const auto& l) { return l->fName == setName; });
   if (found == fLayers.end()) return false;
   size_t at = size_t(found - fLayers.begin());
@@ -238,6 +254,7 @@ bool TpsdFile::addNewLayerToGivenSet(const Tstring& setName, const Tstring& laye
 }
 
 bool TpsdFile::addImageToTheGivenLayer(const Tstring& name, TrgbaData* image, bool insertFlag, int index) {
+  ensureRead();
   TpsdLayer* layer = getLayerObjFromName(name);
   if (!layer || layer->fState == 2) return insertFlag ? insertNewLayer(name, image, index) : addNormalLayer(name, image);
   return guarded(
@@ -258,6 +275,7 @@ bool TpsdFile::addImageToTheGivenLayer(const Tstring& name, TrgbaData* image, bo
 }
 
 bool TpsdFile::deleteLayer(const Tstring& name) {
+  ensureRead();
   TpsdLayer* layer = fLayers.empty() ? nullptr : getLayerObjFromName(name);
   if (!layer || layer->isSetHead()) return false;
   layer->fState = 2;
@@ -266,6 +284,7 @@ bool TpsdFile::deleteLayer(const Tstring& name) {
 }
 
 bool TpsdFile::deleteLayerSet(const Tstring& name) {
+  ensureRead();
   if (fLayers.empty()) return false;
   int head = -1, end = -1;
   for (int i = int(fLayers.size()) - 1; i >= 0 && head < 0; --i)
@@ -291,6 +310,7 @@ bool TpsdFile::deleteLayerSet(const Tstring& name) {
 }
 
 bool TpsdFile::setBlendKey(const Tstring& name, uint32_t key) {
+  ensureRead();
   if (fLayers.empty()) return false;
   TpsdLayer* layer = getLayerObjFromName(name);
   if (!layer) return true;
@@ -307,6 +327,7 @@ bool TpsdFile::setBlendKey(const Tstring& name, uint32_t key) {
 }
 
 bool TpsdFile::setOpacity(const Tstring& name, uint32_t opacity) {
+  ensureRead();
   TpsdLayer* layer = getLayerObjFromName(name);
   if (!layer) return false;
   layer->fOpacity = uint8_t(opacity);
@@ -314,6 +335,7 @@ bool TpsdFile::setOpacity(const Tstring& name, uint32_t opacity) {
 }
 
 bool TpsdFile::addAlphaChannelToComposite(const Tstring& name, const uint8_t* pixels) {
+  ensureRead();
   if (!fCompositePixels) {
     fCompositePixels = std::make_unique<TpixelData16>(fDataFormat, fImageWidth, fImageHeight, false);
     fCompositeAdded = fBackgroundAdded = true;

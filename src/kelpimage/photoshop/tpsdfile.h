@@ -237,6 +237,7 @@ class KELP_API TpsdFile : public TphotoshopFile {
   void readResourceData(TpsdStream& stream, TpsdResource& resource, int64_t end);
   void lendSpareBuffers(TpixelData16* pixels);
   bool save(const TfilePath& path);
+  void ensureRead();
   bool gatherForSaving();
   void writeHeader(TpsdOut& out, uint32_t height, uint32_t width, uint16_t channels);
   void writeColorModeData(TpsdOut& out);
@@ -257,6 +258,7 @@ class KELP_API TpsdFile : public TphotoshopFile {
   bool readRawPlane(TpsdStream& stream, PHOTOSHOP_CHANNEL id, uint64_t plane);
 
   unsigned fThreads = 0;
+  bool fCreated = false;  // made by create, not read from a file
   uint32_t fLr16Pad = 0;              // zero bytes behind the "Lr16" block as read
   std::vector<uint8_t> fSectionTail;  // bytes behind the global blocks, as read
   std::vector<TsampleBuffer> fSpareSamples;  // given back by released layers

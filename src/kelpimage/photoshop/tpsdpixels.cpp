@@ -278,6 +278,7 @@ bool TpsdFile::readAllChannelInformation() {
         if (fChannelDataOffset == 0) return false;
         s.seek(fChannelDataOffset);
         for (const auto& layer : fLayers) {
+          if (layer->fState == 1) continue;  // made by an edit: not in the file
           if (layer->fPixels) {
             s.skip(int64_t(layer->channelBytes()));
             continue;
@@ -299,7 +300,7 @@ bool TpsdFile::loadLayer(TpsdLayer& layer) {
     int64_t at = fChannelDataOffset;
     for (const auto& other : fLayers) {
       if (other.get() == &layer) break;
-      at += int64_t(other->channelBytes());
+      if (other->fState != 1) at += int64_t(other->channelBytes());
     }
     s.seek(at);
     readChannelDataForLayer(s, layer);

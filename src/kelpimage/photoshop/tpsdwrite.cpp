@@ -1,6 +1,7 @@
 // Writing a document: what was read goes out as the bytes it was, and what
 // the editing calls made is packed anew. The file is written under a
 // temporary name beside the target and renamed into place when whole.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -129,9 +130,7 @@ uint32_t TpsdFile::layerSize(const TpsdLayer& layer) const {
 // is written over: every layer's channels, the flattened image and the
 // alpha channels.
 bool TpsdFile::gatherForSaving() {
-  if (fPath.fullName().isEmpty() || fCompositeAdded) return true;
-  TpsdStream probe;
-  if (!probe.open(fPath.fullName())) return true;  // a new document
+  if (fCreated || fPath.fullName().isEmpty() || fCompositeAdded) return true;
   if (!readAllChannelInformation()) return false;
   if (!fCompositePixels) {
     TrgbaData* flat = nullptr;
@@ -233,6 +232,11 @@ bool TpsdFile::save(const TfilePath& path) {
     fail(Tstring("cannot be written: ") + Tstring(std::strerror(errno)));
     return false;
   }
+  // A normal file's permissions: the target's own when it exists.
+  struct stat old;
+  mode_t mask = umask(0);
+  umask(mask);
+  fchmod(fd, ::stat(final.c_str(), &old) == 0 ? old.st_mode & 07777 : 0666 & ~mask);
   std::FILE* f = fdopen(fd, "wb");
   if (!f) {
     ::close(fd);
