@@ -40,8 +40,11 @@ struct Channel {
 
 // Raw samples as a channel's file form.
 inline Channel rawChannel(int id, const std::vector<uint8_t>& samples) {
-  Channel c{id, {0, 0}};
-  c.data.insert(c.data.end(), samples.begin(), samples.end());
+  Channel c{id, {}};
+  c.data.reserve(samples.size() + 2);
+  c.data.push_back(0);  // the compression word: raw
+  c.data.push_back(0);
+  for (uint8_t v : samples) c.data.push_back(v);
   return c;
 }
 
