@@ -1,6 +1,7 @@
 // Reads any bytes as a Photoshop document: header, resources, alpha names,
 // every layer record, each layer's pixels one by one and all at once, the
-// flattened image, the alpha channels and every layer set's composite.
+// flattened image, the alpha channels and every layer set's composite; and
+// the document saved as read, then read again.
 #include <unistd.h>
 
 #include <cstdio>
@@ -64,6 +65,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     doc.open(TfilePath(name.c_str()), false);
     if (doc.readAllChannelInformation())
       for (const auto& layer : doc.fLayers) touchAll(layer->fPixels.get());
+  }
+  {
+    // Saved as it was read, and the saved document read again.
+    static std::string saved = "/dev/shm/kelp_psd_fuzz_saved_" + std::to_string(getpid()) + ".psd";
+    TpsdFile doc;
+    doc.setThreads(1);
+    doc.open(TfilePath(name.c_str()), true);
+    if (doc.readAllLayerRecordInformation() && doc.savePsdFile(TfilePath(saved.c_str()))) {
+      TpsdFile again;
+      again.open(TfilePath(saved.c_str()), false);
+      if (again.readAllChannelInformation())
+        for (const auto& layer : again.fLayers) touchAll(layer->fPixels.get());
+    }
   }
   return 0;
 }
