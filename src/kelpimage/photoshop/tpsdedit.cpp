@@ -287,15 +287,9 @@ bool TpsdFile::deleteLayerSet(const Tstring& name) {
   ensureRead();
   if (fLayers.empty()) return false;
   int head = -1, end = -1;
-  for (int i = int(fLayers.size()) - 1; i >= 0 && head < 0; --i)
-    if (fLayers[size_t(i)]->isSetHead() && fLayers[size_t(i)]->fName == name) head = i;
-  for (int i = head, depth = 0; i >= 0 && end < 0; --i) {
-    if (fLayers[size_t(i)]->isSetHead()) ++depth;
-    if (fLayers[size_t(i)]->isSetEnd() && --depth == 0) end = i;
-  }
   int counted = 0;
   TpsdResource* seed = resource(kResourceIdSeed);
-  if (head >= 0 && end >= 0)
+  if (findLayerSet(name, head, end))
     for (int i = end; i <= head; ++i) {
       TpsdLayer& l = *fLayers[size_t(i)];
       if (l.fState == 2) continue;

@@ -137,6 +137,9 @@ class KELP_API TpsdFile : public TphotoshopFile {
   void blendClippingInSet(int index, TpixelData16& destination, const TpixelData16& source);
   // A set head's mask, on its set's image.
   void applySetMask(uint32_t width, uint32_t height, TdataFormat format, TpsdLayer& layer, TpixelData16& canvas);
+  // The indexes in fLayers of the set's head (the first of that name from
+  // the top) and of its end; false when there is no such set.
+  bool findLayerSet(const Tstring& name, int& head, int& end) const;
   // Whether the set named `name` shows anything: its head is not hidden and
   // it holds an ordinary layer that is not hidden, inside nested sets that
   // are not hidden.
@@ -245,6 +248,9 @@ class KELP_API TpsdFile : public TphotoshopFile {
   void writeImageResourceString(Buffer& out, const std::string& text);
   void writeRLEImageData(TpsdOut& out, int channels);
   void writeRawImageData(TpsdOut& out, int channels);
+  // Channel `id` of the flattened image, packed by `method` unless it is
+  // packed already.
+  Tchannel* packedComposite(int id, int32_t method);
   TpsdResource* resource(uint16_t id);
   void resizeResource(TpsdResource& r, int64_t change);
   // Reads a layer's channels when not read yet, and expands them.

@@ -106,6 +106,18 @@ bool TpsdFile::isLayerSetVisible(const Tstring& name) const {
   return false;
 }
 
+bool TpsdFile::findLayerSet(const Tstring& name, int& head, int& end) const {
+  // The head, from the top; its end is where the nesting returns to 0.
+  head = end = -1;
+  for (int i = int(fLayers.size()) - 1; i >= 0 && head < 0; --i)
+    if (fLayers[size_t(i)]->isSetHead() && fLayers[size_t(i)]->fName == name) head = i;
+  for (int i = head, depth = 0; i >= 0 && end < 0; --i) {
+    if (fLayers[size_t(i)]->isSetHead()) ++depth;
+    if (fLayers[size_t(i)]->isSetEnd() && --depth == 0) end = i;
+  }
+  return head >= 0 && end >= 0;
+}
+
 bool TpsdFile::readLayerSetImage(const Tstring& name, TrgbaData*& out) {
   out = nullptr;
   TpsdStream s;
@@ -113,15 +125,8 @@ bool TpsdFile::readLayerSetImage(const Tstring& name, TrgbaData*& out) {
     if (fLastError.isEmpty()) fail("has no layers");
     return false;
   }
-  // The head, from the top; its end is where the nesting returns to 0.
   int head = -1, end = -1;
-  for (int i = int(fLayers.size()) - 1; i >= 0 && head < 0; --i)
-    if (fLayers[size_t(i)]->isSetHead() && fLayers[size_t(i)]->fName == name) head = i;
-  for (int i = head, depth = 0; i >= 0 && end < 0; --i) {
-    if (fLayers[size_t(i)]->isSetHead()) ++depth;
-    if (fLayers[size_t(i)]->isSetEnd() && --depth == 0) end = i;
-  }
-  if (head < 0 || end < 0) {
+  if (!findLayerSet(name, head, end)) {
     addWarningMessage(name, warnEmptyLayerSet);
     fail(Tstring("has no layer set \"") + name + Tstring("\""));
     return false;

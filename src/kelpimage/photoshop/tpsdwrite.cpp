@@ -357,29 +357,25 @@ void TpsdFile::writeResources(TpsdOut& o) {
   o.bytes(all.b, all.b.size());
 }
 
-void TpsdFile::writeRLEImageData(TpsdOut& o, int channels) {
+Tchannel* TpsdFile::packedComposite(int id, int32_t method) {
   TpixelData16* pixels = getCompositePixData(fDataFormat);
-  for (int id = 0; id < channels; ++id) {
-    Tchannel* ch = pixels->channel(id);
-    if (!ch) ch = pixels->addChannel(id, fImageWidth, fImageHeight, 0);
-    if (!ch->hasCompressed()) ch->fCompression = compressionRLE;
-    ch->compress(true);
-  }
-  size_t table = size_t(fImageHeight) * 2;
-  for (int id = 0; id < channels; ++id) o.bytes(pixels->channel(id)->fRowLengths, table);
-  for (int id = 0; id < channels; ++id) {
-    Tchannel* ch = pixels->channel(id);
-    o.bytes(ch->fCompressed, ch->fDataLength);
-  }
+  Tchannel* ch = pixels->channel(id);
+  if (!ch) ch = pixels->addChannel(id, fImageWidth, fImageHeight, 0);
+  if (!ch->hasCompressed()) ch->fCompression = method;
+  ch->compress(true);
+  return ch;
+}
+
+void TpsdFile::writeRLEImageData(TpsdOut& o, int channels) {
+  std::vector<Tchannel*> packed;
+  for (int id = 0; id < channels; ++id) packed.push_back(packedComposite(id, compressionRLE));
+  for (Tchannel* ch : packed) o.bytes(ch->fRowLengths, size_t(fImageHeight) * 2);
+  for (Tchannel* ch : packed) o.bytes(ch->fCompressed, ch->fDataLength);
 }
 
 void TpsdFile::writeRawImageData(TpsdOut& o, int channels) {
-  TpixelData16* pixels = getCompositePixData(fDataFormat);
   for (int id = 0; id < channels; ++id) {
-    Tchannel* ch = pixels->channel(id);
-    if (!ch) ch = pixels->addChannel(id, fImageWidth, fImageHeight, 0);
-    if (!ch->hasCompressed()) ch->fCompression = compressionRaw;
-    ch->compress(true);
+    Tchannel* ch = packedComposite(id, compressionRaw);
     o.bytes(ch->fCompressed, ch->fDataLength);
   }
 }
