@@ -57,6 +57,26 @@ bool inflateAll(const uint8_t* in, size_t inLength, uint8_t* out, size_t size) {
 
 }  // namespace
 
+namespace {
+
+// How many bytes from `i` on each differ from the byte behind them (the
+// last byte of the row counts as differing), eight at a time.
+size_t singles(const uint8_t* src, size_t i, size_t count) {
+  size_t j = i;
+  while (j + 9 <= count) {
+    uint64_t a, b;
+    std::memcpy(&a, src + j, 8);
+    std::memcpy(&b, src + j + 1, 8);
+    uint64_t x = a ^ b;
+    if ((x - 0x0101010101010101ull) & ~x & 0x8080808080808080ull) break;  // an equal pair among them
+    j += 8;
+  }
+  while (j + 1 < count && src[j] != src[j + 1]) ++j;
+  return j + 1 == count ? j + 1 - i : j - i;
+}
+
+}  // namespace
+
 // PackBits with four states, so that a run of two inside literal bytes is
 // folded back into the literal when that costs nothing.
 size_t packRow(uint8_t* dst, const uint8_t* src, size_t count) {
@@ -83,6 +103,20 @@ size_t packRow(uint8_t* dst, const uint8_t* src, size_t count) {
   };
   size_t i = 0;
   while (i < count) {
+    if (state == LITERAL) {
+      // A stretch of bytes that each differ from the next joins the open
+      // literal at once, as the byte-by-byte steps would add them.
+      size_t k = singles(src, i, count);
+      size_t m = std::min<size_t>(k, 127 - *literalCount);
+      if (m) {
+        std::memcpy(out, src + i, m);
+        out += m;
+        i += m;
+        *literalCount = uint8_t(*literalCount + m);
+        if (*literalCount == 127) state = BASE;
+        continue;
+      }
+    }
     uint8_t b = src[i];
     size_t n = 1;
     while (i + n < count && src[i + n] == b) ++n;
