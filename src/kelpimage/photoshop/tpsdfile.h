@@ -29,6 +29,14 @@ class KELP_API TphotoshopFile {
   virtual int close() { return 0; }
   // 8 or 16; throws "Invalid color depth" for anything else.
   void setColorDepth(int depth);
+  int colorDepth() const { return fDataFormat == dataFormat16 ? 16 : 8; }
+  bool saveNeeded() const { return fSaveNeeded; }
+  bool isFileEditMode() const { return fEditMode; }
+  void setIsFileEditMode(bool editMode) { fEditMode = editMode; }
+  const TfilePath& filePath() const { return fPath; }
+  void setSize(uint32_t width, uint32_t height) { fImageWidth = width, fImageHeight = height; }
+  uint32_t imageWidth() const { return fImageWidth; }
+  uint32_t imageHeight() const { return fImageHeight; }
 
   TfilePath fPath;
   uint32_t fImageWidth = 0;
