@@ -15,7 +15,7 @@
 #include "kelpimage/image/base/terrorhandler.h"
 #include "kelpimage/image/timagediskio.h"
 #include "kelpimage/image/timagefile.h"
-#include "kelpimage/photoshop/tpsdtexturefile.h"
+#include "kelpimage/image/tpsdtexturefile.h"
 #include "kelpimage/image/formatgateway.h"
 #include "kelpimage/image/imagebuffer.h"
 #include "kelpimage/sgi/sgi.h"

@@ -49,9 +49,14 @@ PY
   convert "new$depth.psd[1]" -depth 8 txt:- > inset.txt
   grep -q '^5,5: (0,200,0,65)' inset.txt || fail "ImageMagick's inset layer: $(sed -n 2p inset.txt)"
 done
+# A picture converted to a document: one background layer holding it.
+"$kimg" convert top.png layered.psd
 if command -v gimp-console > /dev/null; then
   gimp-console -i -d -f -b "(begin $(cat "$here/gimp_psd_report.scm")
-    (psd-report \"new8.psd\" \"gimp8.txt\") (psd-report \"new16.psd\" \"gimp16.txt\"))" -b '(gimp-quit 0)' > gimp.log 2>&1 || true
+    (psd-report \"new8.psd\" \"gimp8.txt\") (psd-report \"new16.psd\" \"gimp16.txt\")
+    (psd-report \"layered.psd\" \"gimp-layered.txt\"))" -b '(gimp-quit 0)' > gimp.log 2>&1 || true
+  printf 'layer 0 Background group=0 size=20x10 opacity=100.0 pixel=255,0,0\nchannels 0\n' > gimp-layered-want.txt
+  cmp -s gimp-layered-want.txt gimp-layered.txt || fail "GIMP reads layered.psd as: $(cat gimp-layered.txt)"
   cat > gimp-want.txt <<'TXT'
 layer 0 top group=0 size=20x10 opacity=100.0 pixel=255,0,0
 layer 0 S group=1 size=16x12 opacity=100.0

@@ -67,6 +67,51 @@ if "$kimg" psd "$data/group.psd" --set "Group 1" 2> /dev/null; then fail "--set 
 if "$kimg" psd "$data/group.psd" --set nothing -o "$work/x.png" 2> "$work/err"; then fail "absent set"; fi
 grep -q 'group.psd: has no layer set "nothing"' "$work/err" || fail "absent set message: $(cat "$work/err")"
 
+# Through the front door: every test document's flattened image as
+# psd-tools reads its planes (the first three channels as red, green and
+# blue, white where the document has fewer; 16-bit samples by their high
+# byte); and a picture written as a layered document.
+for doc in "$data"/*.psd; do
+  "$kimg" convert "$doc" "$work/front-$(basename "$doc" .psd).tif"
+done
+$python - "$data" "$work" <<'PY'
+import glob, os, sys
+import numpy as np
+from PIL import Image
+from psd_tools.psd import PSD
+data, work = sys.argv[1], sys.argv[2]
+for doc in sorted(glob.glob(data + "/*.psd")):
+    psd = PSD.read(open(doc, "rb"))
+    h = psd.header
+    planes = psd.image_data.get_data(h)
+    ours = np.asarray(Image.open(work + "/front-" + os.path.basename(doc)[:-4] + ".tif").convert("RGBA"))
+    for c in range(3):
+        if c < min(h.channels, 3):
+            want = np.frombuffer(planes[c], dtype=">u2" if h.depth == 16 else np.uint8).reshape(h.height, h.width)
+            want = (want >> 8) if h.depth == 16 else want
+        else:
+            want = np.full((h.height, h.width), 255)
+        if not np.array_equal(ours[..., c], want):
+            sys.exit("FAIL: %s channel %d through the front door" % (os.path.basename(doc), c))
+PY
+"$kimg" convert "$work/front-2layers.tif" "$work/layered.psd"
+$python - "$work" <<'PY'
+import sys
+import numpy as np
+from PIL import Image
+from psd_tools import PSDImage
+work = sys.argv[1]
+psd = PSDImage.open(work + "/layered.psd")
+layers = list(psd)
+picture = np.asarray(Image.open(work + "/front-2layers.tif").convert("RGB"))
+if [l.name for l in layers] != ["Background"] or not np.array_equal(np.asarray(layers[0].topil().convert("RGB")), picture):
+    sys.exit("FAIL: a picture written as a document: %s" % [l.name for l in layers])
+if not np.array_equal(np.asarray(psd.topil().convert("RGB")), picture):
+    sys.exit("FAIL: the written document's flattened image")
+PY
+identify "$work/layered.psd" | grep -q 'layered.psd\[1\] PSD 101x55' || fail "ImageMagick on a written document"
+"$kimg" formats | grep -q '^psd ' || fail "kimg formats lists no psd"
+
 # Failures name the file and the reason.
 if "$kimg" convert "$data/2layers.psd" --layer nothing "$work/x.png" 2> "$work/err"; then fail "absent layer"; fi
 grep -q '2layers.psd: has no layer "nothing"' "$work/err" || fail "absent layer message: $(cat "$work/err")"

@@ -12,6 +12,9 @@ int formats() {
   std::printf("%-6s %-20s %-5s %-6s %s\n", "key", "extensions", "does", "frames", "name: description");
   std::printf("%-6s %-20s %-5s %-6s %s\n", "iff", "iff", "rw", "images", "IFF: read and written by kimg itself");
   std::printf("%-6s %-20s %-5s %-6s %s\n", "sgi", "sgi;rgb;rgba;bw", "rw", "no", "SGI: read and written by kimg itself");
+  std::printf("%-6s %-20s %-5s %-6s %s\n", "psd", "psd", "rw", "no",
+              "Photoshop: read (the flattened image; kimg psd for layers and sets) and written (a background layer) "
+              "by the library itself");
   loadAllPXFPlugins();
   int count = 0;
   for (int i = 0; const PxfFormat* f = PXF_format(i); ++i, ++count) {

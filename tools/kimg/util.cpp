@@ -103,6 +103,7 @@ std::vector<std::pair<std::string, std::vector<std::string>>> writablePlugins() 
     }
     formats.emplace_back(f->key, extensions);
   }
+  formats.emplace_back("psd", std::vector<std::string>{"psd"});  // the library's own road, no plug-in
   return formats;
 }
 }  // namespace

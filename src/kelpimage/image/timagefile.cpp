@@ -13,7 +13,7 @@
 #include "kelpimage/image/base/terrorhandler.h"
 #include "kelpimage/image/base/tfile.h"
 #include "kelpimage/image/imagefilecommon.h"
-#include "kelpimage/photoshop/tpsdtexturefile.h"
+#include "kelpimage/image/tpsdtexturefile.h"
 #include "kelpimage/image/formatgateway.h"
 
 TmtCriticalSection TimageFile::fsCS;

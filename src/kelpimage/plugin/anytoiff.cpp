@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <memory>
 #include <cerrno>
 #include <cstring>
 #include <mutex>
@@ -12,6 +13,7 @@
 
 #include "kelpimage/image/formatgateway.h"
 #include "kelpimage/image/tiffimagefile.h"
+#include "kelpimage/image/tpsdtexturefile.h"
 #include "kelpimage/plugin/plugins.h"
 #include "kelpimage/plugin/pxf.h"
 #include "kelpimage/plugin/pxfinternal.h"
@@ -235,7 +237,32 @@ static std::mutex& inputLock() {
 }
 
 // Converts frame `frame` of `input` into an IFF file of `compression`.
+// Photoshop documents take their own road: the flattened image, at the
+// document's depth. A document that cannot be read is a failure here, not
+// at the caller's later open of an empty output.
+static int psdToIff(const char* input, const char* output, uint32_t compression) {
+  TpsdTextureFile psd;
+  if (psd.openWithoutCache(TfilePath(input), false) != 0) {
+    reportConversionError(std::string("anytoiff: ") + input + ": not a Photoshop document this library reads");
+    return -1;
+  }
+  uint8_t* pixels = nullptr;
+  int channels = 0, width = 0, height = 0, bytes = 1;
+  int rc = psd.readPixels(pixels, channels, width, height, bytes);
+  std::unique_ptr<uint8_t[]> owned(pixels);
+  if (rc != 0) {
+    auto* doc = dynamic_cast<zkPhotoshop::TpsdFile*>(psd.document());
+    reportConversionError(std::string("anytoiff: ") + (doc ? doc->lastError().str() : std::string(input)));
+  } else if (psd.writePixels(TfilePath(output), pixels, width, height, "kelp", bytes, compression) != 0) {
+    reportConversionError(std::string("anytoiff: ") + output + ": cannot be written");
+    rc = -1;
+  }
+  psd.close();
+  return rc;
+}
+
 static int anyToIff(const char* input, const char* output, const char* key, int frame, uint32_t compression) {
+  if (input && TpsdTextureFile::isFilePsd(Tstring(input))) return psdToIff(input, output, compression);
   std::lock_guard<std::mutex> hold(inputLock());
   if (gCurrentInput && (!input || std::strcmp(gCurrentInput->name, input) != 0 || !sameFile(input))) closeCurrent();
   if (!gCurrentInput) {

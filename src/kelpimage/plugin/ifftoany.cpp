@@ -17,6 +17,8 @@
 #include "kelpimage/image/base/terrorhandler.h"
 #include "kelpimage/image/formatgateway.h"
 #include "kelpimage/image/tiffimagefile.h"
+#include "kelpimage/image/timagefile.h"
+#include "kelpimage/image/tpsdtexturefile.h"
 #include "kelpimage/plugin/plugins.h"
 #include "kelpimage/plugin/pxf.h"
 #include "kelpimage/plugin/pxfinternal.h"
@@ -287,9 +289,33 @@ int ifftoanyInit(const char*, const char* key) {
   return 0;
 }
 
+// A layered document of the picture: its flattened image and a background
+// layer holding it. Any step that fails fails the conversion.
+static int iffToPsd(const char* input, const char* output) {
+  TimageFile in;
+  TpixelMap map;
+  if (in.identifyAndOpen(Tstring(input), false, 0) != 0 || in.readPixelMap(map) != 0) {
+    in.close();
+    reportConversionError(std::string("Failed to open input file: ") + input);
+    return -1;
+  }
+  in.close();
+  TpsdTextureFile psd;
+  bool ok = psd.create(TfilePath(output), uint16_t(map.width()), uint16_t(map.height())) == 0 &&
+            psd.setCompositeImage(map) == 0 && psd.saveBackgroundImage(map, nullptr) == 0;
+  auto* doc = dynamic_cast<zkPhotoshop::TpsdFile*>(psd.document());
+  std::string why = doc ? doc->lastError().str() : std::string();
+  if (psd.close() != 0 || !ok) {
+    reportConversionError(std::string("ifftoany: ") + (why.empty() ? std::string(output) + ": cannot be written" : why));
+    return -1;
+  }
+  return 0;
+}
+
 int pxfIffToAny(const char* input, const char* output, const char* key) {
   if (!input || !output || !key) return -1;
   if (std::strcmp(key, "gif") == 0) return ifftogif(input, output);
+  if (std::strcmp(key, "psd") == 0) return iffToPsd(input, output);
   return convertOut(input, output, key);
 }
 

@@ -1,0 +1,117 @@
+#include "kelpimage/image/tpsdtexturefile.h"
+
+#include <gtest/gtest.h>
+#include <utime.h>
+
+#include <filesystem>
+#include <memory>
+
+#include "kelpimage/photoshop/tpsdwarning.h"
+#include "testutil.h"
+
+namespace {
+
+std::string data(const char* name) { return std::string(KELP_TEST_SOURCE_DIR) + "/photoshop/data/" + name; }
+
+}  // namespace
+
+TEST(TpsdTextureFile, PixelReadersOrdersFillsAndDepths) {
+  TpsdTextureFile rgb;
+  ASSERT_EQ(rgb.openWithoutCache(TfilePath(data("2layers.psd").c_str()), false), 0);
+  EXPECT_EQ(rgb.resolutionX(), 256);  // set by open only
+  uint8_t* pixels = nullptr;
+  int channels = 0, w = 0, h = 0, bytes = 0;
+  ASSERT_EQ(rgb.readPixels(pixels, channels, w, h, bytes), 0);
+  std::unique_ptr<uint8_t[]> owned(pixels);
+  EXPECT_EQ(channels, 4);
+  EXPECT_EQ(w, 101);
+  EXPECT_EQ(bytes, 1);
+  for (int i = 0; i < w * h; ++i) ASSERT_EQ(pixels[i * 4 + 3], 255) << "a 3-channel document's alpha is the fill";
+  TpixelMap map;
+  ASSERT_EQ(rgb.readPixelMap(map), 0);
+  EXPECT_EQ(map.channels(), 4);
+  // The map keeps the bottom row first, blue, green, red, alpha.
+  const Tpixel32* bottomLeft = map.pixelPointer(0, 0);
+  const uint8_t* lastRow = pixels + size_t(h - 1) * size_t(w) * 4;
+  EXPECT_EQ(bottomLeft->fChannels.fRed, lastRow[0]);
+  EXPECT_EQ(bottomLeft->fChannels.fBlue, lastRow[2]);
+  // A layer: document-sized, its record's channel count.
+  ASSERT_EQ(rgb.readPixels8Layer("#nothing", pixels, channels, w, h), -1);
+  EXPECT_EQ(rgb.close(), 0);
+
+  // A 16-bit document: 8-bit readers give the high byte.
+  TpsdTextureFile deep;
+  ASSERT_EQ(deep.openWithoutCache(TfilePath(data("16bit5x5.psd").c_str()), false), 0);
+  uint16_t* wide = nullptr;
+  ASSERT_EQ(deep.readPixels16(Tstring(), wide, channels, w, h), 0);
+  std::unique_ptr<uint16_t[]> ownedWide(wide);
+  ASSERT_EQ(deep.readPixels8(Tstring(), pixels, channels, w, h), 0);
+  std::unique_ptr<uint8_t[]> narrow(pixels);
+  for (int i = 0; i < w * h * 4; ++i) ASSERT_EQ(narrow[size_t(i)], wide[i] >> 8);
+
+  // Alpha channels by index.
+  TpsdTextureFile alpha;
+  ASSERT_EQ(alpha.openWithoutCache(TfilePath(data("colormodes_4x4_8bit_rgba.psd").c_str()), false), 0);
+  ASSERT_EQ(alpha.readAlphaChannel8(0, pixels, w, h), 0);
+  std::unique_ptr<uint8_t[]> a(pixels);
+  EXPECT_EQ(w * h, 16);
+  EXPECT_EQ(alpha.readAlphaChannel8(1, pixels, w, h), -1);
+  TstringArray names;
+  ASSERT_EQ(alpha.alphaList(names), 0);
+  EXPECT_EQ(names[0], "Alpha 1");
+}
+
+TEST(TpsdTextureFile, TheCacheKeepsADocumentUntilItsFileChanges) {
+  kelptest::TempDir dir;
+  std::string copy = dir.file("doc.psd");
+  std::filesystem::copy_file(data("group.psd"), copy);
+  TpsdTextureFile first, second;
+  ASSERT_EQ(first.open(TfilePath(copy.c_str()), false), 0);
+  ASSERT_EQ(second.open(TfilePath(copy.c_str()), false), 0);
+  EXPECT_EQ(first.document(), second.document());
+  EXPECT_EQ(first.resolutionX(), 100);
+  first.close();
+  second.close();
+  struct utimbuf later {1000000000, 1000000000};
+  ASSERT_EQ(utime(copy.c_str(), &later), 0);
+  TpsdTextureFile third;
+  ASSERT_EQ(third.open(TfilePath(copy.c_str()), false), 0);
+  TpsdTextureFile fourth;
+  ASSERT_EQ(fourth.open(TfilePath(copy.c_str()), false), 0);
+  EXPECT_EQ(third.document(), fourth.document());
+  TstringArray sets;
+  ASSERT_EQ(third.layerSetNames(sets), 0);
+  EXPECT_EQ(sets[0], "Group 1");
+  uint8_t* pixels = nullptr;
+  int channels = 0, w = 0, h = 0, bytes = 0;
+  ASSERT_EQ(third.readPixels(Tstring("Group 1"), pixels, channels, w, h, bytes), 0);
+  delete[] pixels;
+  EXPECT_EQ(third.open(TfilePath(dir.file("missing.psd").c_str()), false), -1);
+  TpsdFileCache::theCache().clear();
+}
+
+TEST(TpsdTextureFile, WritesALayeredDocumentOfAPicture) {
+  kelptest::TempDir dir;
+  TpixelMap map(3, 2);
+  for (int y = 0; y < 2; ++y)
+    for (int x = 0; x < 3; ++x) map.pixelPointer(x, y)->fValue = 0xFF000000u | uint32_t(x * 40 + y * 7) << 16;
+  TpsdTextureFile out;
+  ASSERT_EQ(out.create(TfilePath(dir.file("out.psd").c_str()), 3, 2), 0);
+  ASSERT_EQ(out.setCompositeImage(map), 0);
+  ASSERT_EQ(out.saveBackgroundImage(map, nullptr), 0);
+  ASSERT_EQ(out.close(), 0);
+  TpsdTextureFile in;
+  ASSERT_EQ(in.openWithoutCache(TfilePath(dir.file("out.psd").c_str()), false), 0);
+  TpixelMap back;
+  ASSERT_EQ(in.readPixelMap(back), 0);
+  for (int y = 0; y < 2; ++y)
+    for (int x = 0; x < 3; ++x) EXPECT_EQ(back.pixelPointer(x, y)->fChannels.fRed, x * 40 + y * 7);
+  TstringArray names;
+  ASSERT_EQ(in.layerNames(names), 0);
+  EXPECT_EQ(names[0], "Background");
+  // A failed save is a failed close: the target's folder is missing.
+  TpsdTextureFile nowhere;
+  ASSERT_EQ(nowhere.create(TfilePath(dir.file("missing/out.psd").c_str()), 3, 2), 0);
+  nowhere.setCompositeImage(map);
+  EXPECT_EQ(nowhere.close(), -1);
+}
