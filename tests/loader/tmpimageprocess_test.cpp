@@ -152,6 +152,9 @@ TEST(TmpImageProcessConcurrency, PostTakeFlushAndShutDown) {
   });
   for (auto& t : posters) t.join();
   flusher.join();
+  // Some answers come before the taker stops, however busy the machine (a
+  // loaded sanitizer run can take long for the first).
+  for (int i = 0; i < 500 && taken.load() == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
   posting = false;
   taker.join();
