@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <memory>
 
+#include "kelpimage/image/timagefile.h"
 #include "kelpimage/photoshop/tpsdwarning.h"
 #include "testutil.h"
 
@@ -114,4 +115,36 @@ TEST(TpsdTextureFile, WritesALayeredDocumentOfAPicture) {
   ASSERT_EQ(nowhere.create(TfilePath(dir.file("missing/out.psd").c_str()), 3, 2), 0);
   nowhere.setCompositeImage(map);
   EXPECT_EQ(nowhere.close(), -1);
+}
+
+TEST(TpsdTextureFile, TheFrontDoorReadsTheFlattenedImage) {
+  for (const char* name : {"2layers.psd", "16bit5x5.psd", "colormodes_4x4_8bit_grayscale.psd", "mask.psd",
+                           "colormodes_4x4_8bit_rgba.psd"}) {
+    TimageFile file;
+    TpixelMap map;
+    ASSERT_EQ(file.identifyAndOpen(Tstring(data(name).c_str())), 0) << name;
+    ASSERT_EQ(file.readPixelMap(map), 0) << name;
+    file.close();
+    TpsdTextureFile psd;
+    ASSERT_EQ(psd.openWithoutCache(TfilePath(data(name).c_str()), false), 0);
+    uint8_t* pixels = nullptr;
+    int channels = 0, w = 0, h = 0;
+    ASSERT_EQ(psd.readPixels8(Tstring(), pixels, channels, w, h), 0);
+    std::unique_ptr<uint8_t[]> owned(pixels);
+    ASSERT_EQ(map.width(), w);
+    for (int y = 0; y < h; ++y)
+      for (int x = 0; x < w; ++x) {
+        const uint8_t* p = pixels + (size_t(y) * size_t(w) + size_t(x)) * 4;
+        const Tpixel32* q = map.pixelPointer(x, h - 1 - y);  // the map: the bottom row first
+        ASSERT_EQ(q->fChannels.fRed, p[0]) << name << " " << x << "," << y;
+        ASSERT_EQ(q->fChannels.fGreen, p[1]) << name;
+        ASSERT_EQ(q->fChannels.fBlue, p[2]) << name;
+      }
+  }
+  // The byte order switch frees what it replaces (the sanitizer build sees to that).
+  auto* rgba = new uint8_t[8]{1, 2, 3, 4, 5, 6, 7, 8};
+  TpsdTextureFile::rgbaSwitch(rgba, 8, 1);
+  EXPECT_EQ(rgba[0], 3);
+  EXPECT_EQ(rgba[6], 5);
+  delete[] rgba;
 }

@@ -421,6 +421,17 @@ int TpsdTextureFile::addAlphaToComposite(const Tstring& name, const uint8_t* pix
   return result(addAlphaImage(fPsd, name, topFirst.data()));
 }
 
+void TpsdTextureFile::rgbaSwitch(uint8_t*& pixels, size_t byteCount, int bytes) {
+  if (!pixels || (bytes != 1 && bytes != 2)) return;
+  auto* out = new uint8_t[byteCount];
+  std::memcpy(out, pixels, byteCount);
+  size_t group = size_t(bytes) * 4;
+  for (size_t i = 0; i + group <= byteCount; i += group)
+    for (size_t k = 0; k < size_t(bytes); ++k) std::swap(out[i + k], out[i + 2 * size_t(bytes) + k]);
+  delete[] pixels;
+  pixels = out;
+}
+
 int TpsdTextureFile::writePixels(const TfilePath& path, uint8_t* pixels, int width, int height, const char* format,
                                  int bytes, uint32_t compression) {
   if ((width == 0 && height == 0) || !pixels || width <= 0 || height <= 0 || width > 65535 || height > 65535)

@@ -111,6 +111,11 @@ class KELP_API TpsdTextureFile {
   int setCompositeImage(TpixelMap& map);
   // An alpha channel of the document's size, its rows the bottom first.
   int addAlphaToComposite(const Tstring& name, const uint8_t* pixels);
+  // Red, green, blue, alpha groups turned to blue, green, red, alpha (for
+  // `bytes` of 2, the first and third samples of each group swapped) into a
+  // new array that replaces `pixels`; the old one is freed. Other byte
+  // counts leave the pixels as they are.
+  static void rgbaSwitch(uint8_t*& pixels, size_t byteCount, int bytes);
   // Writes interleaved pixels (the top row first) as a picture of the
   // format `format` ("kelp" for IFF, at `bytes` bytes a sample).
   int writePixels(const TfilePath& path, uint8_t* pixels, int width, int height, const char* format, int bytes,
