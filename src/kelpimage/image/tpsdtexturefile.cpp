@@ -199,12 +199,19 @@ int TpsdTextureFile::interleave(TrgbaData* image, uint8_t fill, uint8_t*& pixels
   pixels = new uint8_t[count * size_t(bytes) * 4];
   std::memset(pixels, fill, count * size_t(bytes) * 4);
   const PHOTOSHOP_CHANNEL ids[4] = {channelRed, channelGreen, channelBlue, channelTransparency};
+  std::vector<Tchannel*> used;
+  for (int c = 0; c < std::min(channels, 4); ++c)
+    if (Tchannel* ch = data->channel(ids[c])) used.push_back(ch);
+  expandInParallel(used);
   for (int c = 0; c < std::min(channels, 4); ++c) {
     Tchannel* ch = data->channel(ids[c]);
     const uint8_t* samples = ch ? ch->rawPointer() : nullptr;
     if (!samples || ch->fPixelCount < count) continue;
-    for (size_t i = 0; i < count; ++i)
-      std::memcpy(pixels + (i * 4 + size_t(c)) * size_t(bytes), samples + i * size_t(bytes), size_t(bytes));
+    if (bytes == 1) {
+      for (size_t i = 0; i < count; ++i) pixels[i * 4 + size_t(c)] = samples[i];
+    } else {
+      for (size_t i = 0; i < count; ++i) std::memcpy(pixels + (i * 4 + size_t(c)) * 2, samples + i * 2, 2);
+    }
   }
   return 0;
 }
@@ -448,12 +455,20 @@ int TpsdTextureFile::writePixels(const TfilePath& path, uint8_t* pixels, int wid
     int rc = 0;
     for (int y = height - 1; y >= 0 && rc == 0; --y) {
       const uint8_t* src = pixels + size_t(y) * size_t(width) * 4 * size_t(bytes);
-      for (size_t x = 0; x < size_t(width); ++x)
-        for (int c = 0; c < 4; ++c) {
-          int from = c == 3 ? 3 : 2 - c;  // blue, green, red from red, green, blue
-          std::memcpy(&line[(x * 4 + size_t(c)) * size_t(bytes)], src + (x * 4 + size_t(from)) * size_t(bytes),
-                      size_t(bytes));
+      if (bytes == 1) {
+        for (size_t x = 0; x < size_t(width); ++x) {
+          line[x * 4] = src[x * 4 + 2];  // blue, green, red from red, green, blue
+          line[x * 4 + 1] = src[x * 4 + 1];
+          line[x * 4 + 2] = src[x * 4];
+          line[x * 4 + 3] = src[x * 4 + 3];
         }
+      } else {
+        for (size_t x = 0; x < size_t(width); ++x)
+          for (int c = 0; c < 4; ++c) {
+            int from = c == 3 ? 3 : 2 - c;
+            std::memcpy(&line[(x * 4 + size_t(c)) * 2], src + (x * 4 + size_t(from)) * 2, 2);
+          }
+      }
       rc = out.writeLine(line.data(), nullptr);
     }
     int closed = out.close();
