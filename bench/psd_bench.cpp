@@ -26,20 +26,27 @@ size_t expandAll(TpixelData16* pixels) {
   return bytes;
 }
 
-void BM_ReadEveryLayerAndTheFlattenedImage(benchmark::State& state) {
+// The document of KELP_PSD_BENCH_FILE opened, its channel bytes read;
+// false, with the benchmark skipped, when that cannot be.
+bool readDocument(benchmark::State& state, TpsdFile& doc) {
   const char* path = std::getenv("KELP_PSD_BENCH_FILE");
   if (!path) {
     state.SkipWithError("KELP_PSD_BENCH_FILE names no document");
-    return;
+    return false;
   }
+  doc.open(TfilePath(path), false);
+  if (!doc.readAllChannelInformation()) {
+    state.SkipWithError(doc.lastError().asChar());
+    return false;
+  }
+  return true;
+}
+
+void BM_ReadEveryLayerAndTheFlattenedImage(benchmark::State& state) {
   size_t bytes = 0;
   for (auto _ : state) {
     TpsdFile doc;
-    doc.open(TfilePath(path), false);
-    if (!doc.readAllChannelInformation()) {
-      state.SkipWithError(doc.lastError().asChar());
-      return;
-    }
+    if (!readDocument(state, doc)) return;
     if (!doc.expandLayerChannels()) {
       state.SkipWithError(doc.lastError().asChar());
       return;
@@ -60,19 +67,10 @@ BENCHMARK(BM_ReadEveryLayerAndTheFlattenedImage)->Unit(benchmark::kMillisecond)-
 // The same pixels the way a reader that works layer by layer takes them:
 // each layer expanded, used and given back before the next.
 void BM_ReadLayerByLayer(benchmark::State& state) {
-  const char* path = std::getenv("KELP_PSD_BENCH_FILE");
-  if (!path) {
-    state.SkipWithError("KELP_PSD_BENCH_FILE names no document");
-    return;
-  }
   size_t bytes = 0;
   for (auto _ : state) {
     TpsdFile doc;
-    doc.open(TfilePath(path), false);
-    if (!doc.readAllChannelInformation()) {
-      state.SkipWithError(doc.lastError().asChar());
-      return;
-    }
+    if (!readDocument(state, doc)) return;
     bytes = 0;
     for (const auto& layer : doc.fLayers) {
       if (!doc.layerPixels(*layer)) {

@@ -160,13 +160,17 @@ bool TpsdFile::save(const TfilePath& path) {
   std::vector<TpsdLayer*> live;
   std::vector<Buffer> extras;
   std::vector<std::vector<Payload>> payloads;
-  for (const auto& layer : fLayers) {
-    if (layer->fState == 2) continue;
-    live.push_back(layer.get());
-    payloads.push_back(payloadsOf(*layer));
-    extras.push_back(extraOf(*layer));
-    layer->fExtraSize = uint32_t(extras.back().b.size());
-  }
+  auto collect = [&] {
+    live.clear(), extras.clear(), payloads.clear();
+    for (const auto& layer : fLayers) {
+      if (layer->fState == 2) continue;
+      live.push_back(layer.get());
+      payloads.push_back(payloadsOf(*layer));
+      extras.push_back(extraOf(*layer));
+      layer->fExtraSize = uint32_t(extras.back().b.size());
+    }
+  };
+  collect();
   if (fEditMode) recomputeLayerSize();
   if (fEditMode || fLayers.empty()) {
     fCompositeAdded = fBackgroundAdded = true;
@@ -176,18 +180,9 @@ bool TpsdFile::save(const TfilePath& path) {
     fLayerInfoSize += 2;
     fLayerMaskSize += 2;
   }
+  size_t before = fLayers.size();
   addBackGroundLayerInfo(nullptr, nullptr);
-  // addBackGroundLayerInfo may have added the background layer.
-  if (live.size() != size_t(std::count_if(fLayers.begin(), fLayers.end(), [](const auto& l) { return l->fState != 2; }))) {
-    live.clear(), extras.clear(), payloads.clear();
-    for (const auto& layer : fLayers) {
-      if (layer->fState == 2) continue;
-      live.push_back(layer.get());
-      payloads.push_back(payloadsOf(*layer));
-      extras.push_back(extraOf(*layer));
-      layer->fExtraSize = uint32_t(extras.back().b.size());
-    }
-  }
+  if (fLayers.size() != before) collect();  // the background layer was added
 
   // The layer info: count, records, channel bytes.
   uint64_t info = live.empty() ? 0 : 2;
