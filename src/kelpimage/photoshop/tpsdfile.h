@@ -236,6 +236,10 @@ class KELP_API TpsdFile : public TphotoshopFile {
   std::unique_ptr<TrgbaData> fComposite;
   std::unique_ptr<TpixelData16> fCompositePixels;
 
+ protected:
+  void setChannels(uint16_t channels) { fChannelCount = channels; }
+  uint16_t channels() const { return fChannelCount; }
+
  private:
   // Opens the file and reads header, colour mode data and resources.
   // False (with lastError) when the file cannot be opened or is refused.
