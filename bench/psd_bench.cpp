@@ -42,6 +42,17 @@ bool readDocument(benchmark::State& state, TpsdFile& doc) {
   return true;
 }
 
+// The flattened image expanded, its bytes added to `bytes`.
+bool addFlattened(benchmark::State& state, TpsdFile& doc, size_t& bytes) {
+  TrgbaData* flat = nullptr;
+  if (!doc.getCompositeImage(flat)) {
+    state.SkipWithError(doc.lastError().asChar());
+    return false;
+  }
+  bytes += expandAll(flat->pixels16());
+  return true;
+}
+
 void BM_ReadEveryLayerAndTheFlattenedImage(benchmark::State& state) {
   size_t bytes = 0;
   for (auto _ : state) {
@@ -53,12 +64,7 @@ void BM_ReadEveryLayerAndTheFlattenedImage(benchmark::State& state) {
     }
     bytes = 0;
     for (const auto& layer : doc.fLayers) bytes += expandAll(layer->fPixels.get());
-    TrgbaData* flat = nullptr;
-    if (!doc.getCompositeImage(flat)) {
-      state.SkipWithError(doc.lastError().asChar());
-      return;
-    }
-    bytes += expandAll(flat->pixels16());
+    if (!addFlattened(state, doc, bytes)) return;
   }
   state.SetBytesProcessed(int64_t(bytes) * state.iterations());
 }
@@ -80,12 +86,7 @@ void BM_ReadLayerByLayer(benchmark::State& state) {
       bytes += expandAll(layer->fPixels.get());
       doc.releaseLayerPixels(*layer);
     }
-    TrgbaData* flat = nullptr;
-    if (!doc.getCompositeImage(flat)) {
-      state.SkipWithError(doc.lastError().asChar());
-      return;
-    }
-    bytes += expandAll(flat->pixels16());
+    if (!addFlattened(state, doc, bytes)) return;
   }
   state.SetBytesProcessed(int64_t(bytes) * state.iterations());
 }

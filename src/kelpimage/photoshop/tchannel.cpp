@@ -13,6 +13,7 @@ namespace zkPhotoshop {
 
 namespace {
 
+// The texts of the two plain throws, as callers catch and show them.
 const char* const kBadFormat = "Invalid format specification for pix format";
 const char* const kFormatMismatch = "Channel format mismatch in copy";
 

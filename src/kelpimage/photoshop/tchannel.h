@@ -71,7 +71,8 @@ class KELP_API Tchannel {
   Tchannel(uint32_t width, uint32_t height, TdataFormat format);
 
   // Allocates the samples, at the fill value, if they do not exist yet.
-  // Throws "Invalid format specification for pix format" for a bad format.
+  // Throws the channel's format error text (a plain char const *) for a
+  // format that is neither 8 nor 16 bits.
   void ensureRaw();
   bool hasRaw() const { return !fRaw.empty(); }
   void fill(uint16_t value);

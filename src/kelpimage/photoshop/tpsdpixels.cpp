@@ -322,10 +322,13 @@ bool TpsdFile::getLayerImage(const Tstring& name, TrgbaData*& out) {
   out = nullptr;
   return guarded(
       [&] {
-        TpsdStream probe;
-        if (!probe.open(fPath.fullName())) return true;
-        probe = TpsdStream();
-        if (!walkLayers(probe) || fChannelDataOffset == 0) return false;
+        TpsdStream s;
+        if (!walkLayers(s)) {
+          if (s.isOpen()) return false;
+          fLastError = Tstring();  // a file that cannot be opened gives no image, and true
+          return true;
+        }
+        if (fChannelDataOffset == 0) return false;
         TpsdLayer* layer = getLayerObjFromName(name);
         if (!layer) {
           fail(Tstring("has no layer \"") + name + Tstring("\""));

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <string>
 
+#include "kelpimage/image/base/tfilemode.h"
 #include "kelpimage/photoshop/psdguard.h"
 #include "kelpimage/photoshop/psdstream.h"
 #include "kelpimage/photoshop/tpsdfile.h"
@@ -229,9 +230,7 @@ bool TpsdFile::save(const TfilePath& path) {
   }
   // A normal file's permissions: the target's own when it exists.
   struct stat old;
-  mode_t mask = umask(0);
-  umask(mask);
-  fchmod(fd, ::stat(final.c_str(), &old) == 0 ? old.st_mode & 07777 : 0666 & ~mask);
+  fchmod(fd, ::stat(final.c_str(), &old) == 0 ? old.st_mode & 07777 : newFileMode());
   std::FILE* f = fdopen(fd, "wb");
   if (!f) {
     ::close(fd);

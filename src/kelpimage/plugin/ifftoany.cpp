@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "kelpimage/image/base/terrorhandler.h"
+#include "kelpimage/image/base/tfilemode.h"
 #include "kelpimage/image/formatgateway.h"
 #include "kelpimage/image/tiffimagefile.h"
 #include "kelpimage/image/timagefile.h"
@@ -324,20 +325,6 @@ ConversionOutput& conversionOutput(const std::string& target) {
   return outputs().records[target];
 }
 
-// The process's file creation mask, read without changing it (which would
-// race with other threads creating files); 022 when it cannot be read.
-static mode_t currentUmask() {
-  mode_t mask = 022;
-  if (FILE* status = std::fopen("/proc/self/status", "r")) {
-    char line[128];
-    unsigned value = 0;
-    while (std::fgets(line, sizeof line, status))
-      if (std::sscanf(line, "Umask: %o", &value) == 1) mask = mode_t(value);
-    std::fclose(status);
-  }
-  return mask;
-}
-
 std::string partialName(const std::string& target) {
   // The partial file keeps the target's extension: a plug-in may take its
   // variant of the format from it.
@@ -351,7 +338,7 @@ std::string partialName(const std::string& target) {
   if (fd < 0) return {};
   // The finished file gets the permissions any new file would get, not the
   // private ones of a temporary file.
-  fchmod(fd, 0666 & ~currentUmask());
+  fchmod(fd, newFileMode());
   ::close(fd);
   return name.data();
 }

@@ -1,9 +1,11 @@
 #include "kelpimage/image/base/tfile.h"
+#include "kelpimage/image/base/tfilemode.h"
 
 #include <dirent.h>
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 
 #include "kelpimage/il/chunk/fl.h"
@@ -68,4 +70,16 @@ void TdirIterator::next() {
 Tstring TtemporaryDirectory::getFullName() const {
   const char* dir = std::getenv("TMPDIR");
   return Tstring(dir && *dir ? dir : "/tmp");
+}
+
+mode_t newFileMode() {
+  mode_t mask = 022;  // when the mask cannot be read
+  if (FILE* status = std::fopen("/proc/self/status", "r")) {
+    char line[128];
+    unsigned value = 0;
+    while (std::fgets(line, sizeof line, status))
+      if (std::sscanf(line, "Umask: %o", &value) == 1) mask = mode_t(value);
+    std::fclose(status);
+  }
+  return 0666 & ~mask;
 }
