@@ -8,7 +8,8 @@ packages=(g++ cmake ninja-build pkg-config python3 libgtest-dev libgmock-dev lib
           libpng-dev libjpeg62-turbo-dev libtiff-dev libgif-dev libopenexr-dev libwebp-dev
           libstb-dev libnetpbm-dev openimageio-tools
           libcli11-dev zlib1g-dev libmuparser-dev gzip binutils-mips-linux-gnu
-          imagemagick netpbm python3-psd-tools gimp)
+          imagemagick netpbm python3-psd-tools gimp
+          libavformat-dev libavcodec-dev libavutil-dev libswscale-dev ffmpeg)
 if [ "${1:-}" = fuzz ]; then
   packages+=(clang libclang-rt-14-dev)
 fi

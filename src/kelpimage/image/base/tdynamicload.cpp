@@ -2,7 +2,7 @@
 
 #include <dlfcn.h>
 
-const char* const TdynamicLoad::kMovieLibraryName = "libkelpmovie.so";
+// kMovieLibraryName is defined beside the movie layer that binds it.
 
 TdynamicLoad::TdynamicLoad(const Tstring& name, int mode) {
   fHandle = ::dlopen(name.asChar(), (mode == kNow ? RTLD_NOW : RTLD_LAZY) | RTLD_LOCAL);
