@@ -7,6 +7,7 @@
 
 #include "commands.h"
 #include "files.h"
+#include "movie.h"
 #include "kelpimage/il/il.h"
 #include "kelpimage/image/timagefile.h"
 #include "kelpimage/plugin/pxf.h"
@@ -209,6 +210,7 @@ int info(const std::vector<std::string>& files, bool stats) {
     takeReport("");
     if (!input.error().empty()) one = fail(name, input.error());
     else if (isSgi(input.path())) one = infoSgi(name, input.path(), stats);
+    else if (isAvi(input.path())) one = infoMovie(name, input.path());
     else if (key.empty() || key == "kelp") one = infoIff(name, input.path(), stats);
     else one = infoPlugin(name, input.path(), key, stats);
     status = status ? status : one;

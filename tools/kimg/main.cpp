@@ -6,6 +6,7 @@
 #include <new>
 
 #include "commands.h"
+#include "movie.h"
 #include "sequence.h"
 #include "util.h"
 
@@ -130,6 +131,14 @@ int run(int argc, char** argv) {
   create->add_option("--field", opt.fields, "A text field, TAG=TEXT (TAG of four characters)");
   create->add_option("--images", opt.images, "Images in the file")->check(CLI::Range(1, 1000))->capture_default_str();
 
+  kimg::MovieOptions mov;
+  CLI::App* movie = app.add_subcommand("movie", "Make an AVI movie of pictures, or write a movie's frames out");
+  movie->add_option("movie", mov.movie, "The AVI movie made (\".AVI\" is added to another extension), or read")->required();
+  movie->add_option("frames", mov.frames, "Pictures of any format kimg reads, or frame patterns (name.####.ext)");
+  movie->add_option("--rate", mov.rate, "Frames a second (a whole number)")->capture_default_str();
+  movie->add_option("--codec", mov.codec, "DIB (uncompressed), MJPG, msvc, cvid or FFV1 (lossless, the default)");
+  movie->add_option("--extract", mov.extract, "Write the movie's frames to this pattern (frame.####.iff), from 1");
+
   if (argc < 2) {
     std::cout << app.help();
     return kimg::kUsage;
@@ -169,6 +178,7 @@ int run(int argc, char** argv) {
   if (*filters) return kimg::filters();
   if (*formats) return kimg::formats();
   if (*depth) return kimg::depth(depthIn, depthOut);
+  if (*movie) return kimg::movie(mov);
   if (*psd) {
     if (psdo.file.empty() && psdo.newSize.empty()) return kimg::usage("kimg psd needs FILE or --new W H");
     return kimg::psd(psdo);

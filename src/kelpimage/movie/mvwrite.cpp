@@ -380,3 +380,10 @@ int TmovieLayer::mvClose(TaviWrapper* handle) {
   setError("");
   return 0;
 }
+
+int TmovieLayer::mvAbandon(TaviWrapper* handle) {
+  Movie* movie = asMovie(handle);
+  if (!movie) return 1;
+  delete movie;  // its end removes the temporary file
+  return 0;
+}

@@ -57,6 +57,10 @@ class KELP_API TmovieLayer {
   // into place: 0 if that worked. When it does not, the temporary file goes
   // and the name keeps what it held. A movie opened for reading closes with 1.
   static int mvClose(TaviWrapper* movie);
+  // Closes a movie being written without finishing it: its temporary file
+  // goes and its name keeps what it held. For a movie opened for reading,
+  // the same as mvClose.
+  static int mvAbandon(TaviWrapper* movie);
 
   // Adds a video (0) or audio (1) track to a movie being written; `params`
   // is a block set by dmSetImageDefaults or dmSetAudioDefaults.
