@@ -88,6 +88,14 @@ int readPicture(const std::string& name, Picture& picture) {
   return ok ? 0 : fail(name, why);
 }
 
+// The layer's reason for the last failure, without the file name it starts
+// with when that is `path` (kimg says the name itself).
+std::string layerWhy(const std::string& path) {
+  std::string why = TmovieLayer::mvLastError();
+  if (why.compare(0, path.size() + 2, path + ": ") == 0) why.erase(0, path.size() + 2);
+  return why;
+}
+
 int startLayer(const std::string& name) {
   if (!TmovieLayer::initMovieLayer()) return fail(name, TmovieLayer::mvLastError());
   return 0;
@@ -116,14 +124,14 @@ int makeMovie(const MovieOptions& o) {
   if (int status = readPicture(files[0], picture)) return status;
   TaviWrapper *movie = nullptr, *track = nullptr;
   if (TmovieLayer::mvCreateFile(o.movie.c_str(), nullptr, nullptr, &movie) != 0)
-    return fail(o.movie, TmovieLayer::mvLastError());
+    return fail(o.movie, layerWhy(o.movie));
   unsigned char* params = nullptr;
   TmovieLayer::dmParamsCreate(&params);
   TmovieLayer::dmSetImageDefaults(params, picture.width, picture.height, 0);
   int rc = TmovieLayer::mvAddTrack(movie, TmovieLayer::kVideo, params, nullptr, &track);
   TmovieLayer::dmParamsDestroy(params);
   if (rc == 0) rc = TmovieLayer::mvSetImageRate(track, o.rate);
-  int status = rc ? fail(o.movie, TmovieLayer::mvLastError()) : 0;
+  int status = rc ? fail(o.movie, layerWhy(o.movie)) : 0;
   const int width = picture.width, height = picture.height;
   for (size_t i = 0; i < files.size() && !status; ++i) {
     if (i > 0 && (status = readPicture(files[i], picture)) != 0) break;
@@ -133,13 +141,13 @@ int makeMovie(const MovieOptions& o) {
       break;
     }
     if (TmovieLayer::mvInsertFrames(track, int(i), 1, 0, picture.pixels.data()) != 0)
-      status = fail(o.movie, TmovieLayer::mvLastError());
+      status = fail(o.movie, layerWhy(o.movie));
   }
   if (status) {
     TmovieLayer::mvAbandon(movie);
     return status;
   }
-  if (TmovieLayer::mvClose(movie) != 0) return fail(o.movie, TmovieLayer::mvLastError());
+  if (TmovieLayer::mvClose(movie) != 0) return fail(o.movie, layerWhy(o.movie));
   return 0;
 }
 
@@ -174,13 +182,12 @@ int extractFrames(const MovieOptions& o) {
   Input input(o.movie);
   if (!input.error().empty()) return fail(o.movie, input.error());
   TaviWrapper* handle = nullptr;
-  if (TmovieLayer::mvOpenFile(input.path().c_str(), 0, &handle) != 0)
-    return fail(o.movie, TmovieLayer::mvLastError());
+  if (TmovieLayer::mvOpenFile(input.path().c_str(), 0, &handle) != 0) return fail(o.movie, layerWhy(input.path()));
   Tmovie movie(handle);
   if (movie.imageTrackLength() == 0) return fail(o.movie, "has no video frames");
   TpixelMap map;
   for (int i = 0; i < movie.imageTrackLength(); ++i) {
-    if (!movie.readFrame(i, map)) return fail(o.movie, TmovieLayer::mvLastError());
+    if (!movie.readFrame(i, map)) return fail(o.movie, layerWhy(input.path()));
     if (int status = writeFrame(map, o.movie, pattern.name(i + 1))) return status;
   }
   return 0;
@@ -200,7 +207,7 @@ int infoMovie(const std::string& name, const std::string& path) {
   if (int status = startLayer(name)) return status;
   TmovieLayer layer;
   TaviWrapper* movie = nullptr;
-  if (TmovieLayer::mvOpenFile(path.c_str(), 0, &movie) != 0) return fail(name, TmovieLayer::mvLastError());
+  if (TmovieLayer::mvOpenFile(path.c_str(), 0, &movie) != 0) return fail(name, layerWhy(path));
   std::printf("%s\n  format       AVI movie\n", name.c_str());
   int tracks = TmovieLayer::mvGetNumTracks(movie);
   tagRECT rect;
