@@ -27,7 +27,7 @@ int run(int argc, char** argv) {
 
   std::vector<std::string> infoFiles;
   bool stats = false;
-  CLI::App* info = app.add_subcommand("info", "Print what the headers of IFF and SGI files say");
+  CLI::App* info = app.add_subcommand("info", "Print what the headers of pictures say (IFF, SGI, plug-in formats) and what AVI movies hold");
   info->add_option("files", infoFiles, "Picture files")->required();
   info->add_flag("--stats", stats, "Also read the pixels: minimum, maximum and mean of each channel");
   std::string infoFrames;

@@ -34,7 +34,9 @@ std::string libraryName(int library) {
 bool bindFfmpeg(std::unique_ptr<TdynamicLoad> (&handles)[4], std::string& why) {
   for (int i = 0; i < 4; ++i) {
     if (handles[i] && handles[i]->isLoaded()) continue;
-    handles[i] = std::make_unique<TdynamicLoad>(Tstring(libraryName(i).c_str()), TdynamicLoad::kNow);
+    // FFmpeg and the codec libraries it brings are not made to be unloaded
+    // (their start-up allocations would be lost): they stay once loaded.
+    handles[i] = std::make_unique<TdynamicLoad>(Tstring(libraryName(i).c_str()), TdynamicLoad::kNow | TdynamicLoad::kKeep);
     if (!handles[i]->isLoaded()) {
       why = "the FFmpeg libraries are not available: " + std::string(handles[i]->error().asChar());
       for (auto& h : handles) h.reset();

@@ -9,7 +9,9 @@ class KELP_API TdynamicLoad {
   // The library of the movie services, bound by name when movies are used.
   static const char* const kMovieLibraryName;
 
-  enum Mode { kLazy = 0, kNow = 1 };
+  // kKeep may be added to either: the library stays in the process after
+  // the handle closes (for libraries that cannot be unloaded cleanly).
+  enum Mode { kLazy = 0, kNow = 1, kKeep = 2 };
   TdynamicLoad(const Tstring& name, int mode = kLazy);
   ~TdynamicLoad();
   TdynamicLoad(const TdynamicLoad&) = delete;
