@@ -60,6 +60,14 @@ AVDictionary* fileOnly() {
   return options;
 }
 
+// A write that failed part way: the movie will not be moved into place.
+// Answers 1, with `why` (after the movie's name) as the reason if given.
+int spoiled(Movie& movie, const std::string& why = "") {
+  movie.failed = true;
+  if (!why.empty()) setError(movie.finalName + why);
+  return 1;
+}
+
 bool writeHeader(Movie& movie) {
   if (movie.headerWritten) return true;
   if (movie.file->nb_streams == 0) return (setError(movie.finalName + ": the movie has no track with a stream"), false);
@@ -308,7 +316,7 @@ int TmovieLayer::mvInsertFrames(TaviWrapper* handle, int start, int count, unsig
   if (!track->stream) return fail(movie.finalName + ": the video track's rate is not set");
   if (!data || count < 1 || start < track->nextFrame)
     return fail(movie.finalName + ": frames are written forward, from frame " + std::to_string(track->nextFrame));
-  if (!writeHeader(movie)) return movie.failed = true, 1;
+  if (!writeHeader(movie)) return spoiled(movie);
   if (track->medium == kAudio) {
     WaveFormat wave = readWaveFormat(track->format.data());
     int64_t bytes = int64_t(size) * wave.blockAlign;
@@ -323,7 +331,7 @@ int TmovieLayer::mvInsertFrames(TaviWrapper* handle, int start, int count, unsig
     ffmpeg().av_packet_rescale_ts(pkt, AVRational{1, wave.sampleRate}, track->stream->time_base);
     int rc = ffmpeg().av_write_frame(movie.file, pkt);
     ffmpeg().av_packet_unref(pkt);
-    if (rc < 0) return (movie.failed = true), fail(movie.finalName + ": cannot be written: " + errorText(rc));
+    if (rc < 0) return spoiled(movie, ": cannot be written: " + errorText(rc));
     track->nextFrame = int64_t(start) + size;
     setError("");
     return 0;
@@ -334,8 +342,8 @@ int TmovieLayer::mvInsertFrames(TaviWrapper* handle, int start, int count, unsig
   for (int i = 0; i < count; ++i) {
     frame->pts = int64_t(start) + i;
     int rc = ffmpeg().avcodec_send_frame(track->compressed.get(), frame);
-    if (rc < 0) return (movie.failed = true), fail(movie.finalName + ": the frame cannot be compressed: " + errorText(rc));
-    if (!drainEncoder(*track)) return movie.failed = true, 1;
+    if (rc < 0) return spoiled(movie, ": the frame cannot be compressed: " + errorText(rc));
+    if (!drainEncoder(*track)) return spoiled(movie);
   }
   track->nextFrame = int64_t(start) + count;
   setError("");
