@@ -42,3 +42,10 @@ head -n 12 "$out/chunks.txt"
 "$kimg" convert tests/photoshop/data/clipping-mask.psd "$out/clipping-mask.png"
 "$kimg" convert tests/photoshop/data/clipping-mask.psd --layer "Shape 4" "$out/shape-4.png"
 "$kimg" info "$out/clipping-mask.png" "$out/shape-4.png"
+# A movie of the sample pictures (and the pattern, resized to their size),
+# described and written back out as frames.
+"$kimg" convert "$out/pattern.iff" "$out/frame.0001.iff" --resize "$("$kimg" info samples/pattern-16bit.iff | awk '/size/ {print $2 "x" $4}')"
+"$kimg" movie "$out/samples.avi" samples/pattern-16bit.iff samples/pattern-rgba-depth.iff "$out/frame.0001.iff" --rate 2 --codec MJPG
+"$kimg" info "$out/samples.avi"
+"$kimg" movie "$out/samples.avi" --extract "$out/movie-frame.####.png"
+"$kimg" info "$out/movie-frame.0003.png"

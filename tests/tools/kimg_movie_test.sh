@@ -4,6 +4,7 @@
 # writes to the frames ffmpeg decodes.
 set -eu
 kimg=$1
+samples=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail() { echo "FAIL: $*"; exit 1; }
@@ -41,6 +42,17 @@ awk "BEGIN{exit !($p > 30)}" || fail "MJPEG PSNR $p"
 [ "$(probe rate.avi r_frame_rate)" = "29/1 " ] || fail "rate 29.97"
 # Another extension gets ".AVI".
 "$kimg" movie clip.mov src.0001.png && [ -f clip.mov.AVI ] || fail "the .AVI rule"
+
+# Frames of kimg's own formats, 8 and 16 bits a channel: a lossless movie
+# gives back what kimg converts them to (16-bit channels within rounding).
+"$kimg" movie own.avi "$samples/pattern-rgba-depth.iff" "$samples/pattern-16bit.iff"
+"$kimg" movie own.avi --extract 'own.####.png'
+"$kimg" convert "$samples/pattern-rgba-depth.iff" want.0001.png
+"$kimg" convert "$samples/pattern-16bit.iff" want16.png
+hashes 'want.%04d.png' > own.md5
+hashes own.0001.png | cmp -s - own.md5 || fail "8-bit IFF frame through a movie"
+p=$(psnr own.0002.png want16.png)
+awk "BEGIN{exit !($p > 45)}" || fail "16-bit IFF frame through a movie: PSNR $p"
 
 # What ffmpeg writes, read by kimg: the frames ffmpeg decodes, exactly for
 # the lossless codecs and for those that decode to RGB.

@@ -54,7 +54,15 @@ bool readIff(const std::string& path, Picture& picture, std::string& why) {
     why = FLstrerror(flerrno);
     return false;
   }
-  bool ok = readLines(*iffLines(im, false), picture, why);
+  bool ok = false;
+  if (!ILgetheader(im)) why = FLstrerror(flerrno);
+  else if (im->bytes == 4) why = "holds floating-point pixels, which a movie frame cannot";
+  else if (int rc = ILsetbpp(im, 1)) why = FLstrerror(rc);  // 16-bit channels as the library makes them 8
+  else {
+    std::unique_ptr<Lines> lines = iffLines(im, false);
+    lines->bytes = 1;
+    ok = readLines(*lines, picture, why);
+  }
   ILclose(im);
   return ok;
 }
