@@ -4,6 +4,8 @@
 
 #include <cstdio>
 #include <cstring>
+#include <deque>
+#include <future>
 #include <memory>
 
 #include "commands.h"
@@ -13,6 +15,7 @@
 #include "kelpimage/image/timagefile.h"
 #include "kelpimage/movie/tmovie.h"
 #include "kelpimage/plugin/plugins.h"
+#include "kelpimage/plugin/pxf.h"
 #include "kelpimage/sgi/sgi.h"
 #include "lines.h"
 #include "psd.h"
@@ -67,6 +70,43 @@ bool readIff(const std::string& path, Picture& picture, std::string& why) {
   return ok;
 }
 
+// A picture of a plug-in format of 8 or 16-bit integer samples and 1 to 3
+// colour channels, read row by row straight from its plug-in. False when
+// the picture is of another kind, for the road through an IFF file.
+bool readPluginRows(const std::string& key, const std::string& path, Picture& picture) {
+  PxfHandle* handle = openPluginPicture(key, path);
+  const PxfImageData* im = handle ? handle->image : nullptr;
+  bool simple = im && im->colorKind == PXF_INTEGER && (im->colorBits == 8 || im->colorBits == 16) &&
+                im->colorChannels >= 1 && im->colorChannels <= 3 && im->width() >= 1 && im->height() >= 1 &&
+                im->width() <= 32767 && im->height() <= 32767;
+  PxfChannels* channels = simple ? PXF_chan_alloc(im, im->width(), key.c_str(), nullptr) : nullptr;
+  bool ok = channels != nullptr;
+  if (ok) {
+    picture.width = im->width();
+    picture.height = im->height();
+    picture.pixels.assign(size_t(picture.width) * size_t(picture.height) * 4, 0);
+    size_t step = size_t(im->colorBits / 8);
+    int colours = im->colorChannels;
+    // Rows come in the order the file keeps them: from the top for most.
+    bool fromTop = im->orientation != PXF_BOTTOM_UP;
+    for (int32_t i = 0; i < picture.height && ok; ++i) {
+      int32_t row = fromTop ? picture.height - 1 - i : i;
+      ok = PXF_scan_read(handle, row, channels) == 0;
+      uint8_t* out = picture.pixels.data() + size_t(row) * size_t(picture.width) * 4;
+      // The high byte of each sample: red, green and blue channels, or grey.
+      auto high = [&](int c, int32_t x) { return static_cast<const uint8_t*>(channels->buffers[c])[size_t(x) * step + step - 1]; };
+      for (int32_t x = 0; ok && x < picture.width; ++x, out += 4) {
+        out[2] = high(0, x);
+        out[1] = colours >= 2 ? high(1, x) : out[2];
+        out[0] = colours == 3 ? high(2, x) : colours == 2 ? 0 : out[2];
+      }
+    }
+    PXF_chan_free(channels);
+  }
+  if (handle) PXF_close(handle);
+  return ok;
+}
+
 // Any picture the front door reads; 0, or the status after a message.
 int readPicture(const std::string& name, Picture& picture) {
   Input input(name);
@@ -86,10 +126,12 @@ int readPicture(const std::string& name, Picture& picture) {
     std::unique_ptr<Lines> lines = psdLines(input.path(), PsdPart{}, false, why);
     if (!lines) return why.empty() ? kFailed : fail(name, why);
     ok = readLines(*lines, picture, why);
+  } else if (readPluginRows(key.str(), input.path(), picture)) {
+    ok = true;
   } else {
     Scratch iff;
     if (!iff.error().empty()) return fail(name, iff.error());
-    if (anytoiff(input.path().c_str(), iff.path().c_str(), key.asChar(), 0) != 0)
+    if (anytoiffCompressed(input.path().c_str(), iff.path().c_str(), key.asChar(), 0, 0) != 0)
       return fail(name, takeReport("cannot be read"));
     ok = readIff(iff.path(), picture, why);
   }
@@ -128,28 +170,42 @@ int makeMovie(const MovieOptions& o) {
     if (code == 0 || TmovieLayer::mvSetMovieDefaults(nullptr, code) != 0)
       return usage("--codec takes DIB, MJPG, msvc, cvid or FFV1 (as this FFmpeg has their encoders): " + o.codec);
   }
-  Picture picture;
-  if (int status = readPicture(files[0], picture)) return status;
+  // The next picture is read while this one is compressed.
+  struct Loaded {
+    int status = 0;
+    Picture picture;
+  };
+  auto load = [&files](size_t i) {
+    Loaded loaded;
+    loaded.status = readPicture(files[i], loaded.picture);
+    return loaded;
+  };
+  Loaded current = load(0);
+  if (current.status) return current.status;
   TaviWrapper *movie = nullptr, *track = nullptr;
   if (TmovieLayer::mvCreateFile(o.movie.c_str(), nullptr, nullptr, &movie) != 0)
     return fail(o.movie, layerWhy(o.movie));
+  const int width = current.picture.width, height = current.picture.height;
   unsigned char* params = nullptr;
   TmovieLayer::dmParamsCreate(&params);
-  TmovieLayer::dmSetImageDefaults(params, picture.width, picture.height, 0);
+  TmovieLayer::dmSetImageDefaults(params, width, height, 0);
   int rc = TmovieLayer::mvAddTrack(movie, TmovieLayer::kVideo, params, nullptr, &track);
   TmovieLayer::dmParamsDestroy(params);
   if (rc == 0) rc = TmovieLayer::mvSetImageRate(track, o.rate);
   int status = rc ? fail(o.movie, layerWhy(o.movie)) : 0;
-  const int width = picture.width, height = picture.height;
   for (size_t i = 0; i < files.size() && !status; ++i) {
-    if (i > 0 && (status = readPicture(files[i], picture)) != 0) break;
-    if (picture.width != width || picture.height != height) {
+    std::future<Loaded> next;
+    if (i + 1 < files.size()) next = std::async(std::launch::async, load, i + 1);
+    const Picture& picture = current.picture;
+    if (current.status) {
+      status = current.status;
+    } else if (picture.width != width || picture.height != height) {
       status = fail(files[i], "is " + std::to_string(picture.width) + " x " + std::to_string(picture.height) +
                                   ", the movie's frames " + std::to_string(width) + " x " + std::to_string(height));
-      break;
-    }
-    if (TmovieLayer::mvInsertFrames(track, int(i), 1, 0, picture.pixels.data()) != 0)
+    } else if (TmovieLayer::mvInsertFrames(track, int(i), 1, 0, current.picture.pixels.data()) != 0) {
       status = fail(o.movie, layerWhy(o.movie));
+    }
+    if (next.valid()) current = next.get();
   }
   if (status) {
     TmovieLayer::mvAbandon(movie);
@@ -157,6 +213,44 @@ int makeMovie(const MovieOptions& o) {
   }
   if (TmovieLayer::mvClose(movie) != 0) return fail(o.movie, layerWhy(o.movie));
   return 0;
+}
+
+// A frame written straight through the plug-in of `key`, 8 bits a colour
+// channel, to `path`. 1 when the plug-in writes no 8-bit pictures (for the
+// road through an IFF file), -1 after a failure, 0 once written.
+int writePluginRows(const std::string& key, const std::string& path, const TpixelMap& map) {
+  const PxfFormat* format = PXF_find(key.c_str());
+  if (!format || !format->ops || !format->ops->canWrite || !(format->depths & (1u << 7))) return 1;
+  PxfImageData image;
+  image.windowRight = image.window2[1] = map.width() - 1;
+  image.windowTop = image.window2[3] = map.height() - 1;
+  image.dataKind = FMT_def_image_data();
+  image.colorChannels = 3;
+  image.colorBits = image.matteBits = 8;
+  image.orientation = (format->orientations & uint32_t(PXF_BOTTOM_UP)) ? PXF_BOTTOM_UP : PXF_TOP_DOWN;
+  std::string extension = path.substr(std::min(path.size(), path.rfind('.')));
+  PxfFileInfo info;
+  PXF_info_init(&info);
+  info.key = key.c_str();
+  info.name = info.name2 = path.c_str();
+  info.one = 1;
+  info.extension = extension.c_str();
+  info.imageCount = 1;
+  info.image = &image;
+  PxfHandle* handle = PXF_open(&info, "w");
+  if (!handle) return -1;
+  PxfChannels* channels = PXF_chan_alloc(&image, map.width(), key.c_str(), nullptr);
+  int rc = channels ? 0 : -1;
+  for (int32_t i = 0; i < map.height() && rc == 0; ++i) {
+    int32_t row = image.orientation == PXF_TOP_DOWN ? map.height() - 1 - i : i;
+    const auto* p = reinterpret_cast<const uint8_t*>(map.pixelPointer(0, row));
+    for (int32_t x = 0; x < map.width(); ++x, p += 4)
+      for (int c = 0; c < 3; ++c) static_cast<uint8_t*>(channels->buffers[c])[x] = p[2 - c];
+    rc = PXF_scan_write(handle, row, channels) == 0 ? 0 : -1;
+  }
+  if (channels) PXF_chan_free(channels);
+  int closed = PXF_close(handle);
+  return rc == 0 && closed == 0 ? 0 : -1;
 }
 
 // One frame written as `name`, in the format its extension says.
@@ -171,13 +265,19 @@ int writeFrame(const TpixelMap& map, const std::string& movie, const std::string
                                  : writeSgi(*lines, out.path(), false, movie, name);
     return status ? status : out.commit();
   }
+  Output out(name);
+  if (!out.error().empty()) return fail(name, out.error());
+  int direct = writePluginRows(format, out.path(), map);
+  if (direct < 0) return fail(name, std::string("cannot be written as ") + format + ": " + PXF_last_error());
+  if (direct == 0) return out.commit();
+  // Other formats: an IFF file, which the format's plug-in writes out.
   Scratch iff;
   if (!iff.error().empty()) return fail(name, iff.error());
   if (int status = writeIff(*mapLines(map, false), iff.path(), 0, 0, 0, movie, name)) return status;
-  ConvertOptions c;
-  c.in = iff.path();
-  c.out = name;
-  return convert(c);
+  int rc = ifftoany(iff.path().c_str(), out.path().c_str(), format.c_str());
+  int finished = ifftoanyFinish(out.path().c_str());
+  if (rc != 0 || finished != 0) return fail(name, takeReport("cannot be written as " + format));
+  return out.commit();
 }
 
 int extractFrames(const MovieOptions& o) {
@@ -193,12 +293,27 @@ int extractFrames(const MovieOptions& o) {
   if (TmovieLayer::mvOpenFile(input.path().c_str(), 0, &handle) != 0) return fail(o.movie, layerWhy(input.path()));
   Tmovie movie(handle);
   if (movie.imageTrackLength() == 0) return fail(o.movie, "has no video frames");
-  TpixelMap map;
-  for (int i = 0; i < movie.imageTrackLength(); ++i) {
-    if (!movie.readFrame(i, map)) return fail(o.movie, layerWhy(input.path()));
-    if (int status = writeFrame(map, o.movie, pattern.name(i + 1))) return status;
+  // Frames are written while the next ones are decoded, two at most in hand.
+  std::deque<std::future<int>> writing;
+  int status = 0;
+  auto finishOne = [&writing, &status] {
+    int one = writing.front().get();
+    writing.pop_front();
+    status = status ? status : one;
+  };
+  for (int i = 0; i < movie.imageTrackLength() && !status; ++i) {
+    auto map = std::make_shared<TpixelMap>();
+    if (!movie.readFrame(i, *map)) {
+      status = fail(o.movie, layerWhy(input.path()));
+      break;
+    }
+    if (writing.size() >= 2) finishOne();
+    writing.push_back(std::async(std::launch::async, [map, name = pattern.name(i + 1), &o] {
+      return writeFrame(*map, o.movie, name);
+    }));
   }
-  return 0;
+  while (!writing.empty()) finishOne();
+  return status;
 }
 
 }  // namespace
