@@ -151,17 +151,37 @@ int startLayer(const std::string& name) {
   return 0;
 }
 
-int makeMovie(const MovieOptions& o) {
-  std::vector<std::string> files;
-  for (const std::string& f : o.frames) {
+// The pictures named, frame patterns standing for their frames on disk.
+int gatherFiles(const std::vector<std::string>& names, std::vector<std::string>& files) {
+  for (const std::string& f : names) {
     FramePattern pattern;
-    if (FramePattern::parse(f, pattern)) {
-      if (int status = sequenceFiles(f, "", files)) return status;
-    } else {
-      files.push_back(f);
-    }
+    if (!FramePattern::parse(f, pattern)) files.push_back(f);
+    else if (int status = sequenceFiles(f, "", files)) return status;
   }
   if (files.empty()) return usage("kimg movie OUT.avi needs pictures, or a frame pattern that has frames on disk");
+  return 0;
+}
+
+// A new movie with one video track of this size and rate; 0, or the status
+// after a message (no movie then).
+int startMovie(const MovieOptions& o, int width, int height, TaviWrapper*& movie, TaviWrapper*& track) {
+  if (TmovieLayer::mvCreateFile(o.movie.c_str(), nullptr, nullptr, &movie) != 0)
+    return fail(o.movie, layerWhy(o.movie));
+  unsigned char* params = nullptr;
+  TmovieLayer::dmParamsCreate(&params);
+  TmovieLayer::dmSetImageDefaults(params, width, height, 0);
+  int rc = TmovieLayer::mvAddTrack(movie, TmovieLayer::kVideo, params, nullptr, &track);
+  TmovieLayer::dmParamsDestroy(params);
+  if (rc == 0) rc = TmovieLayer::mvSetImageRate(track, o.rate);
+  if (rc == 0) return 0;
+  int status = fail(o.movie, layerWhy(o.movie));
+  TmovieLayer::mvAbandon(movie);
+  return status;
+}
+
+int makeMovie(const MovieOptions& o) {
+  std::vector<std::string> files;
+  if (int status = gatherFiles(o.frames, files)) return status;
   if (!(o.rate >= 1)) return usage("--rate must be at least 1");
   if (int status = startLayer(o.movie)) return status;
   TmovieLayer layer;
@@ -182,17 +202,10 @@ int makeMovie(const MovieOptions& o) {
   };
   Loaded current = load(0);
   if (current.status) return current.status;
-  TaviWrapper *movie = nullptr, *track = nullptr;
-  if (TmovieLayer::mvCreateFile(o.movie.c_str(), nullptr, nullptr, &movie) != 0)
-    return fail(o.movie, layerWhy(o.movie));
   const int width = current.picture.width, height = current.picture.height;
-  unsigned char* params = nullptr;
-  TmovieLayer::dmParamsCreate(&params);
-  TmovieLayer::dmSetImageDefaults(params, width, height, 0);
-  int rc = TmovieLayer::mvAddTrack(movie, TmovieLayer::kVideo, params, nullptr, &track);
-  TmovieLayer::dmParamsDestroy(params);
-  if (rc == 0) rc = TmovieLayer::mvSetImageRate(track, o.rate);
-  int status = rc ? fail(o.movie, layerWhy(o.movie)) : 0;
+  TaviWrapper *movie = nullptr, *track = nullptr;
+  if (int status = startMovie(o, width, height, movie, track)) return status;
+  int status = 0;
   for (size_t i = 0; i < files.size() && !status; ++i) {
     std::future<Loaded> next;
     if (i + 1 < files.size()) next = std::async(std::launch::async, load, i + 1);
