@@ -7,6 +7,7 @@
 #            and from AVI to 4-byte pixels it throws away.
 #   tool:    kimg movie from the sequence, and --extract to a PPM sequence;
 #            ffmpeg the same.
+# Each figure is the median of three runs.
 # Usage: bench/movie_bench.sh [BUILD_DIR] (default build/bench).
 set -euo pipefail
 build="${1:-build/bench}"
@@ -21,17 +22,23 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 export PXF_PLUG_IN_PATH="$PWD/$build/plug-ins/image"
 kimg="$PWD/$build/tools/kimg/kimg"
+# The median of three timed runs of a command, in seconds.
 seconds() {
-  local s; s=$(date +%s.%N)
-  "$@" > /dev/null 2>&1 || { echo "failed: $*" >&2; exit 1; }
-  awk -v a="$s" -v b="$(date +%s.%N)" 'BEGIN { print b - a }'
+  local runs=() s
+  for _ in 1 2 3; do
+    s=$(date +%s.%N)
+    "$@" > /dev/null 2>&1 || { echo "failed: $*" >&2; exit 1; }
+    runs+=("$(awk -v a="$s" -v b="$(date +%s.%N)" 'BEGIN { print b - a }')")
+  done
+  printf '%s\n' "${runs[@]}" | sort -g | sed -n 2p
 }
 ff() { ffmpeg -nostdin -v error -y "$@"; }
 declare -A opts=([MJPG]="-c:v mjpeg -q:v 2 -pix_fmt yuvj444p -g 1" [FFV1]="-c:v ffv1 -pix_fmt bgr0 -g 1")
 
 echo "== library: kelp-image's track layer (frames in memory) =="
 KELP_MOVIE_BENCH_FRAMES="$frames/f.%04d.ppm" KELP_MOVIE_BENCH_COUNT=$count KELP_MOVIE_BENCH_DIR="$work" \
-  "$build/bench/kelp_bench_movie" --benchmark_format=console 2>/dev/null | grep -E '^(write|read)'
+  "$build/bench/kelp_bench_movie" --benchmark_repetitions=3 --benchmark_report_aggregates_only=true \
+  --benchmark_format=console 2>/dev/null | grep -E '^(write|read).*_median'
 echo "== ffmpeg, same frames (PPM sequence in, AVI out; AVI in, BGRA out) =="
 for c in MJPG FFV1; do
   w=$(seconds ff -i "$frames/f.%04d.ppm" ${opts[$c]} "$work/ff_$c.avi")

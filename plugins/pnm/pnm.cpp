@@ -214,8 +214,15 @@ int readRow(void* state, int32_t row, void* const* channels, char* error, size_t
   // Samples scaled from the file's maxval to the full 8 or 16 bits, rounded.
   sample maxval = s->pam.maxval, full = s->outBits == 16 ? 65535 : 255;
   auto put = [&](int channel, unsigned plane) {
-    for (int x = 0; x < s->pam.width; ++x) {
-      sample v = s->row[x][plane];
+    tuple* in = s->row;
+    int width = s->pam.width;
+    if (s->outBits == 8 && maxval == full) {  // the common case, without scaling
+      auto* out = static_cast<uint8_t*>(channels[channel]);
+      for (int x = 0; x < width; ++x) out[x] = uint8_t(in[x][plane]);
+      return;
+    }
+    for (int x = 0; x < width; ++x) {
+      sample v = in[x][plane];
       unsigned long scaled = maxval == full ? v : (v * full + maxval / 2) / maxval;
       if (s->outBits == 16) static_cast<uint16_t*>(channels[channel])[x] = uint16_t(scaled);
       else static_cast<uint8_t*>(channels[channel])[x] = uint8_t(scaled);

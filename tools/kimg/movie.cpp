@@ -70,6 +70,28 @@ bool readIff(const std::string& path, Picture& picture, std::string& why) {
   return ok;
 }
 
+// One row of a plug-in's channels (red, green, blue, or grey) of `step`
+// bytes a sample into 4-byte pixels, the high byte of each sample.
+void packRow(void* const* channels, int colours, size_t step, int32_t width, uint8_t* out) {
+  const auto* r = static_cast<const uint8_t*>(channels[0]) + step - 1;
+  const auto* g = colours >= 2 ? static_cast<const uint8_t*>(channels[1]) + step - 1 : r;
+  const auto* b = colours == 3 ? static_cast<const uint8_t*>(channels[2]) + step - 1 : r;
+  if (colours == 3 && step == 1) {
+    for (int32_t x = 0; x < width; ++x, out += 4) {
+      out[0] = b[x];
+      out[1] = g[x];
+      out[2] = r[x];
+    }
+    return;
+  }
+  for (int32_t x = 0; x < width; ++x, out += 4) {
+    size_t at = size_t(x) * step;
+    out[0] = colours == 2 ? 0 : b[at];
+    out[1] = g[at];
+    out[2] = r[at];
+  }
+}
+
 // A picture of a plug-in format of 8 or 16-bit integer samples and 1 to 3
 // colour channels, read row by row straight from its plug-in. False when
 // the picture is of another kind, for the road through an IFF file.
@@ -84,7 +106,7 @@ bool readPluginRows(const std::string& key, const std::string& path, Picture& pi
   if (ok) {
     picture.width = im->width();
     picture.height = im->height();
-    picture.pixels.assign(size_t(picture.width) * size_t(picture.height) * 4, 0);
+    picture.pixels.resize(size_t(picture.width) * size_t(picture.height) * 4);
     size_t step = size_t(im->colorBits / 8);
     int colours = im->colorChannels;
     // Rows come in the order the file keeps them: from the top for most.
@@ -92,14 +114,8 @@ bool readPluginRows(const std::string& key, const std::string& path, Picture& pi
     for (int32_t i = 0; i < picture.height && ok; ++i) {
       int32_t row = fromTop ? picture.height - 1 - i : i;
       ok = PXF_scan_read(handle, row, channels) == 0;
-      uint8_t* out = picture.pixels.data() + size_t(row) * size_t(picture.width) * 4;
-      // The high byte of each sample: red, green and blue channels, or grey.
-      auto high = [&](int c, int32_t x) { return static_cast<const uint8_t*>(channels->buffers[c])[size_t(x) * step + step - 1]; };
-      for (int32_t x = 0; ok && x < picture.width; ++x, out += 4) {
-        out[2] = high(0, x);
-        out[1] = colours >= 2 ? high(1, x) : out[2];
-        out[0] = colours == 3 ? high(2, x) : colours == 2 ? 0 : out[2];
-      }
+      if (ok) packRow(channels->buffers, colours, step, picture.width,
+                      picture.pixels.data() + size_t(row) * size_t(picture.width) * 4);
     }
     PXF_chan_free(channels);
   }
