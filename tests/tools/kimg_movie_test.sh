@@ -73,6 +73,12 @@ for case in "raw -c:v rawvideo -pix_fmt bgr24" "ffv1 -c:v ffv1" "cvid -c:v cinep
   fi
 done
 
+# A large 4:2:0 frame, which kimg converts in two bands at once.
+ff -f lavfi -i testsrc2=size=640x480 -frames:v 2 -c:v mjpeg -pix_fmt yuvj420p big420.avi
+"$kimg" movie big420.avi --extract 'big.####.png'
+p=$(psnr 'big.%04d.png' big420.avi)
+awk "BEGIN{exit !($p > 40)}" || fail "a large 4:2:0 frame against ffmpeg's decoding: PSNR $p"
+
 # Failures: each names the file and says why, leaves no output, and keeps
 # what a target held.
 echo old > keep.avi

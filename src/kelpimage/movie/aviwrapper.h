@@ -111,6 +111,7 @@ struct Track : TaviWrapper {
   FramePtr frame;
   PacketPtr packet;
   ScalePtr scale;
+  ScalePtr lowerScale;  // reading: the lower band of a frame converted beside the upper
   int64_t nextFrame = 0;
   bool palette = false;  // the 8-bit cube path
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <future>
 
 #include "kelpimage/movie/aviwrapper.h"
 #include "kelpimage/movie/movieframes.h"
@@ -171,6 +172,50 @@ bool movieSize(Track& track, int& width, int& height) {
   return true;
 }
 
+namespace {
+
+// Frames this large are converted in two bands at once.
+constexpr int64_t kBandedPixels = 1 << 18;
+
+// Rows [y0, y0 + rows) of the frame converted to 4-byte pixels at `dst`
+// (stepping `stride` bytes a row) through `scale`.
+bool convertRows(ScalePtr& scale, const AVFrame* f, const AVPixFmtDescriptor* desc, int y0, int rows, uint8_t* dst,
+                 int stride) {
+  scale.reset(ffmpeg().sws_getCachedContext(scale.release(), f->width, rows, AVPixelFormat(f->format), f->width, rows,
+                                            AV_PIX_FMT_BGRA, SWS_BICUBIC, nullptr, nullptr, nullptr));
+  if (!scale) return false;
+  const uint8_t* src[4] = {};
+  int srcStride[4] = {};
+  for (int p = 0; p < 4 && f->data[p]; ++p) {
+    int shift = (p == 1 || p == 2) ? desc->log2_chroma_h : 0;
+    src[p] = f->data[p] + ptrdiff_t(y0 >> shift) * f->linesize[p];
+    srcStride[p] = f->linesize[p];
+  }
+  uint8_t* dstPlanes[4] = {dst, nullptr, nullptr, nullptr};
+  int dstStride[4] = {stride, 0, 0, 0};
+  ffmpeg().sws_scale(scale.get(), src, srcStride, 0, rows, dstPlanes, dstStride);
+  return true;
+}
+
+// The whole frame into `out` from its last row back, so that the frame's
+// top row lands at the top; a large frame in two bands on two threads.
+bool convertFlipped(Track& track, const AVFrame* f, const AVPixFmtDescriptor* desc, uint8_t* out) {
+  int w = f->width, h = f->height;
+  int rowBytes = w * 4;
+  auto band = [&](ScalePtr& scale, int y0, int rows) {
+    return convertRows(scale, f, desc, y0, rows, out + size_t(h - 1 - y0) * size_t(rowBytes), -rowBytes);
+  };
+  // Bands start on a row every chroma row begins, for subsampled formats.
+  int align = 1 << desc->log2_chroma_h;
+  int split = int64_t(w) * h >= kBandedPixels ? h / 2 / align * align : 0;
+  if (split <= 0) return band(track.scale, 0, h);
+  auto lower = std::async(std::launch::async, [&] { return band(track.lowerScale, split, h - split); });
+  bool upper = band(track.scale, 0, split);
+  return lower.get() && upper;
+}
+
+}  // namespace
+
 bool copyFrame(Track& track, const AVFrame* frame, uint8_t* out, int width, int height) {
   int fw = frame->width, fh = frame->height;
   auto format = AVPixelFormat(frame->format);
@@ -192,17 +237,13 @@ bool copyFrame(Track& track, const AVFrame* frame, uint8_t* out, int width, int 
       }
     }
   } else {
-    track.scale.reset(ffmpeg().sws_getCachedContext(track.scale.release(), fw, fh, format, fw, fh, AV_PIX_FMT_BGRA,
-                                                    SWS_BICUBIC, nullptr, nullptr, nullptr));
-    if (!track.scale)
-      return (setError(track.movie->finalName + ": its frames (" + desc->name + ") cannot be converted"), false);
+    // A frame of another size than the movie goes through the buffer.
     bool whole = fw == width && fh == height;
     if (!whole) track.buffer.resize(size_t(fw) * fh * 4);
-    // Into the output from its last row back, so that the frame's top row
-    // lands at the top; a frame of another size goes through the buffer.
-    uint8_t* dst[4] = {whole ? out + size_t(height - 1) * rowBytes : track.buffer.data(), nullptr, nullptr, nullptr};
-    int stride[4] = {whole ? -int(rowBytes) : fw * 4, 0, 0, 0};
-    ffmpeg().sws_scale(track.scale.get(), frame->data, frame->linesize, 0, fh, dst, stride);
+    bool converted = whole ? convertFlipped(track, frame, desc, out)
+                           : convertRows(track.scale, frame, desc, 0, fh, track.buffer.data(), fw * 4);
+    if (!converted)
+      return (setError(track.movie->finalName + ": its frames (" + desc->name + ") cannot be converted"), false);
     if (!whole)
       for (int y = 0; y < rows; ++y)
         std::memcpy(out + size_t(y) * rowBytes, track.buffer.data() + size_t(fh - 1 - y) * fw * 4, size_t(cols) * 4);
