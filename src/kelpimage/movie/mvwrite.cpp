@@ -36,7 +36,7 @@ std::string makeTempBeside(const std::string& target) {
   std::string pattern = dir + "." + base + ".XXXXXX";
   std::vector<char> path(pattern.begin(), pattern.end());
   path.push_back('\0');
-  int fd = ::mkstemp(path.data());
+  int fd = ::mkostemp(path.data(), O_CLOEXEC);
   if (fd < 0) {
     setError(target + ": cannot be written: " + std::strerror(errno));
     return "";
