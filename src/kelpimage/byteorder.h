@@ -22,6 +22,11 @@ inline void putBE32(uint8_t* p, uint32_t v) {
   p[3] = uint8_t(v);
 }
 // Little-endian fields, for the formats of other platforms.
+inline uint16_t getLE16(const uint8_t* p) { return uint16_t(p[0] | (p[1] << 8)); }
+inline void putLE16(uint8_t* p, uint16_t v) {
+  p[0] = uint8_t(v);
+  p[1] = uint8_t(v >> 8);
+}
 inline uint32_t getLE32(const uint8_t* p) {
   return (uint32_t(p[3]) << 24) | (uint32_t(p[2]) << 16) | (uint32_t(p[1]) << 8) | p[0];
 }

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "kelpimage/byteorder.h"
 #include "kelpimage/movie/ffmpegapi.h"
 #include "kelpimage/movie/tmovielayer.h"
 
@@ -33,10 +34,6 @@ struct WaveFormat {
 };
 BitmapHeader readBitmapHeader(const uint8_t* bytes);
 WaveFormat readWaveFormat(const uint8_t* bytes);
-void putLe16(uint8_t* at, uint32_t v);
-void putLe32(uint8_t* at, uint32_t v);
-uint32_t le16(const uint8_t* at);
-uint32_t le32(const uint8_t* at);
 
 // The options of one medium. On disk (the settings store) they take 44
 // bytes: type, handler, key frame interval, quality, bytes a second, flags,
@@ -55,7 +52,7 @@ enum class Kind : uint32_t { kMovie = 0x4d4f5649, kTrack = 0x5452434b, kDead = 0
 
 struct Track;
 
-// One packet's worth of FFmpeg objects, freed with the record.
+// FFmpeg's objects, freed with the record that holds them.
 struct FrameDeleter {
   void operator()(AVFrame* f) const;
 };
@@ -103,15 +100,17 @@ struct Track : TaviWrapper {
   AVStream* stream = nullptr;
   CodecPtr compressed;  // the encoder of a written video track
   int index = 0;
-  std::vector<uint8_t> buffer;  // a frame in the encoder's terms
+  std::vector<uint8_t> buffer;  // reading: a frame of another size than the movie's, converted
   int medium = 0;
   std::vector<uint8_t> format;  // the track's bitmap header (+ palette) or wave format
 
-  // Writing video.
+  // Writing video: the frame handed to the encoder. Both ways: the packet,
+  // and the pixel conversion (reading: of the upper band of a large frame,
+  // the lower band having its own).
   FramePtr frame;
   PacketPtr packet;
   ScalePtr scale;
-  ScalePtr lowerScale;  // reading: the lower band of a frame converted beside the upper
+  ScalePtr lowerScale;
   int64_t nextFrame = 0;
   bool palette = false;  // the 8-bit cube path
 
@@ -130,9 +129,11 @@ struct Track : TaviWrapper {
 Movie* asMovie(TaviWrapper* handle);
 Track* asTrack(TaviWrapper* handle);
 
-// The reason of this thread's last failure.
+// The reason of this thread's last failure; fail() also answers 1 and
+// refuse() false, for the calls that return so.
 void setError(std::string why);
 int fail(std::string why);
+bool refuse(std::string why);
 
 // True once the layer has started; otherwise says so.
 bool layerReady();

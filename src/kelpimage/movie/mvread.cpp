@@ -42,13 +42,12 @@ bool openDecoder(Track& track) {
   const AVCodecParameters* par = track.stream->codecpar;
   const AVCodec* codec = ffmpeg().avcodec_find_decoder(par->codec_id);
   if (!codec)
-    return (setError(track.movie->finalName + ": this FFmpeg has no decoder for its " +
-                     ffmpeg().avcodec_get_name(par->codec_id) + " video"),
-            false);
+    return refuse(track.movie->finalName + ": this FFmpeg has no decoder for its " +
+                  ffmpeg().avcodec_get_name(par->codec_id) + " video");
   CodecPtr c(ffmpeg().avcodec_alloc_context3(codec));
   FramePtr decoded(ffmpeg().av_frame_alloc()), ahead(ffmpeg().av_frame_alloc());
   PacketPtr packet(ffmpeg().av_packet_alloc());
-  if (!c || !decoded || !ahead || !packet) return (setError("out of memory"), false);
+  if (!c || !decoded || !ahead || !packet) return refuse("out of memory");
   int rc = ffmpeg().avcodec_parameters_to_context(c.get(), par);
   if (rc >= 0) {
     c->thread_count = 0;
@@ -56,8 +55,7 @@ bool openDecoder(Track& track) {
     rc = ffmpeg().avcodec_open2(c.get(), codec, nullptr);
   }
   if (rc < 0)
-    return (setError(track.movie->finalName + ": its " + codec->name + " video cannot be decoded: " + errorText(rc)),
-            false);
+    return refuse(track.movie->finalName + ": its " + codec->name + " video cannot be decoded: " + errorText(rc));
   track.frameGetter = std::move(c);
   track.decoded = std::move(decoded);
   track.ahead = std::move(ahead);
@@ -166,9 +164,8 @@ bool movieSize(Track& track, int& width, int& height) {
   width = par->width;
   height = par->height;
   if (width < 1 || height < 1 || width > kMostSide || height > kMostSide || int64_t(width) * height > kMostPixels)
-    return (setError(track.movie->finalName + ": its frame size " + std::to_string(width) + " x " +
-                     std::to_string(height) + " is out of range"),
-            false);
+    return refuse(track.movie->finalName + ": its frame size " + std::to_string(width) + " x " +
+                  std::to_string(height) + " is out of range");
   return true;
 }
 
@@ -220,7 +217,7 @@ bool copyFrame(Track& track, const AVFrame* frame, uint8_t* out, int width, int 
   int fw = frame->width, fh = frame->height;
   auto format = AVPixelFormat(frame->format);
   const AVPixFmtDescriptor* desc = ffmpeg().av_pix_fmt_desc_get(format);
-  if (fw < 1 || fh < 1 || !desc) return (setError(track.movie->finalName + ": a decoded frame is empty"), false);
+  if (fw < 1 || fh < 1 || !desc) return refuse(track.movie->finalName + ": a decoded frame is empty");
   size_t rowBytes = size_t(width) * 4;
   int rows = std::min(fh, height), cols = std::min(fw, width);
   if (format == AV_PIX_FMT_PAL8) {
@@ -243,7 +240,7 @@ bool copyFrame(Track& track, const AVFrame* frame, uint8_t* out, int width, int 
     bool converted = whole ? convertFlipped(track, frame, desc, out)
                            : convertRows(track.scale, frame, desc, 0, fh, track.buffer.data(), fw * 4);
     if (!converted)
-      return (setError(track.movie->finalName + ": its frames (" + desc->name + ") cannot be converted"), false);
+      return refuse(track.movie->finalName + ": its frames (" + desc->name + ") cannot be converted");
     if (!whole)
       for (int y = 0; y < rows; ++y)
         std::memcpy(out + size_t(y) * rowBytes, track.buffer.data() + size_t(fh - 1 - y) * fw * 4, size_t(cols) * 4);

@@ -49,8 +49,8 @@ std::string makeTempBeside(const std::string& target) {
 bool targetWritable(const std::string& target) {
   struct stat st;
   if (::stat(target.c_str(), &st) != 0) return true;  // a new file; the folder is tried by the temporary one
-  if (!S_ISREG(st.st_mode)) return (setError(target + ": is not a regular file"), false);
-  if (::access(target.c_str(), W_OK) != 0) return (setError(target + ": cannot be written: " + std::strerror(errno)), false);
+  if (!S_ISREG(st.st_mode)) return refuse(target + ": is not a regular file");
+  if (::access(target.c_str(), W_OK) != 0) return refuse(target + ": cannot be written: " + std::strerror(errno));
   return true;
 }
 
@@ -70,9 +70,9 @@ int spoiled(Movie& movie, const std::string& why = "") {
 
 bool writeHeader(Movie& movie) {
   if (movie.headerWritten) return true;
-  if (movie.file->nb_streams == 0) return (setError(movie.finalName + ": the movie has no track with a stream"), false);
+  if (movie.file->nb_streams == 0) return refuse(movie.finalName + ": the movie has no track with a stream");
   int rc = ffmpeg().avformat_write_header(movie.file, nullptr);
-  if (rc < 0) return (setError(movie.finalName + ": cannot be written: " + errorText(rc)), false);
+  if (rc < 0) return refuse(movie.finalName + ": cannot be written: " + errorText(rc));
   movie.headerWritten = true;
   return true;
 }
@@ -83,14 +83,14 @@ bool drainEncoder(Track& track) {
   for (;;) {
     int rc = ffmpeg().avcodec_receive_packet(track.compressed.get(), track.packet.get());
     if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) return true;
-    if (rc < 0) return (setError(movie.finalName + ": the frame cannot be compressed: " + errorText(rc)), false);
+    if (rc < 0) return refuse(movie.finalName + ": the frame cannot be compressed: " + errorText(rc));
     AVPacket* pkt = track.packet.get();
     pkt->stream_index = track.stream->index;
     pkt->flags |= AV_PKT_FLAG_KEY;
     ffmpeg().av_packet_rescale_ts(pkt, track.compressed->time_base, track.stream->time_base);
     rc = ffmpeg().av_write_frame(movie.file, pkt);
     ffmpeg().av_packet_unref(pkt);
-    if (rc < 0) return (setError(movie.finalName + ": cannot be written: " + errorText(rc)), false);
+    if (rc < 0) return refuse(movie.finalName + ": cannot be written: " + errorText(rc));
   }
 }
 
@@ -127,7 +127,7 @@ bool convertFrame(Track& track, const uint8_t* data) {
   track.scale.reset(ffmpeg().sws_getCachedContext(track.scale.release(), w, h, AV_PIX_FMT_BGR0, w, h,
                                                   AVPixelFormat(frame->format), SWS_BICUBIC, nullptr, nullptr,
                                                   nullptr));
-  if (!track.scale) return (setError(track.movie->finalName + ": the frame cannot be converted for its codec"), false);
+  if (!track.scale) return refuse(track.movie->finalName + ": the frame cannot be converted for its codec");
   // The rows come bottom first: start at the last and step back.
   const uint8_t* source[4] = {data + size_t(h - 1) * size_t(w) * 4, nullptr, nullptr, nullptr};
   const int stride[4] = {-w * 4, 0, 0, 0};
@@ -166,7 +166,7 @@ CodecPtr openEncoder(const AVCodec* codec, const CompressOptions& options, AVPix
 
 int addAudioStream(Movie& movie, Track& track) {
   WaveFormat wave = readWaveFormat(track.format.data());
-  if (le16(track.format.data()) != 1 || wave.bits != 16 || wave.channels < 1 || wave.channels > 8 ||
+  if (kelp::getLE16(track.format.data()) != 1 || wave.bits != 16 || wave.channels < 1 || wave.channels > 8 ||
       wave.sampleRate < 1 || wave.sampleRate > 768000)
     return fail(movie.finalName + ": an audio track takes 16-bit PCM of 1 to 8 channels");
   AVStream* st = ffmpeg().avformat_new_stream(movie.file, nullptr);
@@ -280,8 +280,8 @@ int TmovieLayer::mvSetImageRate(TaviWrapper* handle, double rate) {
     if (input == AV_PIX_FMT_NONE)
       return fail(movie.finalName + ": the " + codec->name + " encoder takes neither 24-bit nor palette frames");
     track->format.resize(kBitmapHeaderSize + kPaletteSize);
-    putLe16(&track->format[14], 8);
-    putLe32(&track->format[32], 256);
+    kelp::putLE16(&track->format[14], 8);
+    kelp::putLE32(&track->format[32], 256);
     putCubePalette(&track->format[kBitmapHeaderSize]);
     movie.options[track->index].format = track->format;
     track->palette = true;
@@ -364,13 +364,13 @@ bool finishWriting(Movie& movie) {
   }
   if (!writeHeader(movie)) return false;
   int rc = ffmpeg().av_write_trailer(movie.file);
-  if (rc < 0) return (setError(movie.finalName + ": cannot be written: " + errorText(rc)), false);
+  if (rc < 0) return refuse(movie.finalName + ": cannot be written: " + errorText(rc));
   rc = ffmpeg().avio_closep(&movie.file->pb);
-  if (rc < 0) return (setError(movie.finalName + ": cannot be written: " + errorText(rc)), false);
+  if (rc < 0) return refuse(movie.finalName + ": cannot be written: " + errorText(rc));
   int fd = ::open(movie.tempName.c_str(), O_RDONLY | O_CLOEXEC);
   bool synced = fd >= 0 && ::fsync(fd) == 0;
   if (fd >= 0) ::close(fd);
-  if (!synced) return (setError(movie.finalName + ": cannot be written: " + std::strerror(errno)), false);
+  if (!synced) return refuse(movie.finalName + ": cannot be written: " + std::strerror(errno));
   return true;
 }
 

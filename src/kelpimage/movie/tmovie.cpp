@@ -37,7 +37,9 @@ bool Tmovie::readFrame(int frame, TpixelMap& map) {
   int width = 0, height = 0;
   const AVFrame* decoded = kelpmovie::movieSize(*track, width, height) ? kelpmovie::decodeFrame(*track, frame) : nullptr;
   if (!decoded) return false;
-  map.setSize(width, height);
+  // Every pixel is written below: a map already of this size is not
+  // cleared first, as reading frame after frame into one map would.
+  if (!map.ownsPixels() || map.width() != width || map.height() != height) map.setSize(width, height);
   if (map.width() != width || map.height() != height) return false;
   return kelpmovie::copyFrame(*track, decoded, reinterpret_cast<uint8_t*>(map.pixels()), width, height);
 }

@@ -28,29 +28,29 @@ constexpr uint32_t kMostOptionBytes = 1 << 16;
 
 void putBitmapHeader(std::vector<uint8_t>& format, int width, int height) {
   format.assign(kBitmapHeaderSize, 0);
-  putLe32(&format[0], kBitmapHeaderSize);
-  putLe32(&format[4], uint32_t(width));
-  putLe32(&format[8], uint32_t(height));
-  putLe16(&format[12], 1);
-  putLe16(&format[14], 24);
+  kelp::putLE32(&format[0], kBitmapHeaderSize);
+  kelp::putLE32(&format[4], uint32_t(width));
+  kelp::putLE32(&format[8], uint32_t(height));
+  kelp::putLE16(&format[12], 1);
+  kelp::putLE16(&format[14], 24);
 }
 
 void putWaveFormat(std::vector<uint8_t>& format, int channels, int rate, int bits) {
   format.assign(kWaveFormatSize, 0);
   int align = bits * channels / 8;
-  putLe16(&format[0], 1);
-  putLe16(&format[2], uint32_t(channels));
-  putLe32(&format[4], uint32_t(rate));
-  putLe32(&format[8], uint32_t(int64_t(bits) * rate * channels / 8));
-  putLe16(&format[12], uint32_t(align));
-  putLe16(&format[14], uint32_t(bits));
+  kelp::putLE16(&format[0], 1);
+  kelp::putLE16(&format[2], uint16_t(channels));
+  kelp::putLE32(&format[4], uint32_t(rate));
+  kelp::putLE32(&format[8], uint32_t(int64_t(bits) * rate * channels / 8));
+  kelp::putLE16(&format[12], uint16_t(align));
+  kelp::putLE16(&format[14], uint16_t(bits));
 }
 
 void packOptions(const CompressOptions& o, std::vector<uint8_t>& out) {
   uint8_t fixed[TmovieLayer::kOptionsSize] = {};
   const uint32_t fields[] = {o.type,  o.handler, o.keyFrameEvery, o.quality, o.bytesPerSecond, o.flags, 0,
                              uint32_t(o.format.size()), 0, uint32_t(o.parms.size()), o.interleaveEvery};
-  for (size_t i = 0; i < std::size(fields); ++i) putLe32(fixed + 4 * i, fields[i]);
+  for (size_t i = 0; i < std::size(fields); ++i) kelp::putLE32(fixed + 4 * i, fields[i]);
   out.insert(out.end(), fixed, fixed + sizeof fixed);
   out.insert(out.end(), o.format.begin(), o.format.end());
   out.insert(out.end(), o.parms.begin(), o.parms.end());
@@ -62,18 +62,18 @@ void packOptions(const CompressOptions& o, std::vector<uint8_t>& out) {
 bool unpackOptions(const std::vector<uint8_t>& value, size_t& at, CompressOptions& o) {
   if (value.size() - at < size_t(TmovieLayer::kOptionsSize)) return false;
   const uint8_t* p = value.data() + at;
-  uint32_t formatSize = le32(p + 28), parmSize = le32(p + 36);
+  uint32_t formatSize = kelp::getLE32(p + 28), parmSize = kelp::getLE32(p + 36);
   if (formatSize > kMostOptionBytes || parmSize > kMostOptionBytes) return false;
   size_t end = at + TmovieLayer::kOptionsSize + formatSize + parmSize;
   if (end > value.size()) return false;
   CompressOptions read;
-  read.type = le32(p);
-  read.handler = le32(p + 4);
-  read.keyFrameEvery = le32(p + 8);
-  read.quality = le32(p + 12);
-  read.bytesPerSecond = le32(p + 16);
-  read.flags = le32(p + 20);
-  read.interleaveEvery = le32(p + 40);
+  read.type = kelp::getLE32(p);
+  read.handler = kelp::getLE32(p + 4);
+  read.keyFrameEvery = kelp::getLE32(p + 8);
+  read.quality = kelp::getLE32(p + 12);
+  read.bytesPerSecond = kelp::getLE32(p + 16);
+  read.flags = kelp::getLE32(p + 20);
+  read.interleaveEvery = kelp::getLE32(p + 40);
   read.format.assign(p + TmovieLayer::kOptionsSize, p + TmovieLayer::kOptionsSize + formatSize);
   o = std::move(read);
   at = end;
@@ -113,24 +113,14 @@ void setOptionDefaults(uint32_t handler) {
 
 std::array<CompressOptions, 2>& compressOptions() { return gOptions; }
 
-void putLe16(uint8_t* at, uint32_t v) {
-  at[0] = uint8_t(v);
-  at[1] = uint8_t(v >> 8);
-}
-void putLe32(uint8_t* at, uint32_t v) {
-  putLe16(at, v);
-  putLe16(at + 2, v >> 16);
-}
-uint32_t le16(const uint8_t* at) { return uint32_t(at[0]) | uint32_t(at[1]) << 8; }
-uint32_t le32(const uint8_t* at) { return le16(at) | le16(at + 2) << 16; }
-
 BitmapHeader readBitmapHeader(const uint8_t* bytes) {
-  return BitmapHeader{int32_t(le32(bytes + 4)), int32_t(le32(bytes + 8)), int(le16(bytes + 14))};
+  return BitmapHeader{int32_t(kelp::getLE32(bytes + 4)), int32_t(kelp::getLE32(bytes + 8)),
+                      int(kelp::getLE16(bytes + 14))};
 }
 
 WaveFormat readWaveFormat(const uint8_t* bytes) {
-  return WaveFormat{int(le16(bytes + 2)), int(le32(bytes + 4)), int(le32(bytes + 8)), int(le16(bytes + 12)),
-                    int(le16(bytes + 14))};
+  return WaveFormat{int(kelp::getLE16(bytes + 2)), int(kelp::getLE32(bytes + 4)), int(kelp::getLE32(bytes + 8)),
+                    int(kelp::getLE16(bytes + 12)), int(kelp::getLE16(bytes + 14))};
 }
 
 void setError(std::string why) { tError = std::move(why); }
@@ -140,8 +130,13 @@ int fail(std::string why) {
   return 1;
 }
 
+bool refuse(std::string why) {
+  setError(std::move(why));
+  return false;
+}
+
 bool layerReady() {
-  return ffmpeg().avformat_open_input != nullptr || (setError("the movie layer is not started"), false);
+  return ffmpeg().avformat_open_input != nullptr || refuse("the movie layer is not started");
 }
 
 Movie* asMovie(TaviWrapper* handle) {
