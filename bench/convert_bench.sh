@@ -8,7 +8,6 @@
 set -euo pipefail
 build="${1:-build/bench}"
 kimg="$build/tools/kimg/kimg"
-export PXF_PLUG_IN_PATH="$PWD/$build/plug-ins/image"
 dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
 

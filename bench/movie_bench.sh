@@ -20,7 +20,6 @@ if [ ! -s "$frames/f.$(printf %04d $count).ppm" ]; then
 fi
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-export PXF_PLUG_IN_PATH="$PWD/$build/plug-ins/image"
 kimg="$PWD/$build/tools/kimg/kimg"
 # The median of three timed runs of a command, in seconds.
 seconds() {

@@ -7,7 +7,6 @@ set -euo pipefail
 build="${1:-build/bench}"
 doc="$PWD/$build/bench-10-layers.psd"
 [ -s "$doc" ] || bash bench/psd_bench.sh "$build" > /dev/null
-export PXF_PLUG_IN_PATH="$PWD/$build/plug-ins/image"
 kimg="$PWD/$build/tools/kimg/kimg"
 dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT

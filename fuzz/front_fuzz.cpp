@@ -9,7 +9,7 @@
 #include <string>
 
 #include "kelpimage/il/il.h"
-#include "kelpimage/image/base/terrorhandler.h"
+#include "kelpimage/base/terrorhandler.h"
 #include "kelpimage/image/timagefile.h"
 
 namespace {

@@ -12,8 +12,8 @@ import sys
 # Bottom first. The export macro stands at the root, below everything.
 RANKS = [
     ".",
+    "base",
     "il/chunk",
-    "image/base",
     "support",
     "il",
     "sgi",

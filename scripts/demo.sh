@@ -7,7 +7,6 @@ bash scripts/setup.sh
 cmake --preset default >/dev/null
 cmake --build --preset default
 kimg=build/default/tools/kimg/kimg
-export PXF_PLUG_IN_PATH="$PWD/build/default/plug-ins/image"  # the plug-ins of this build
 out=build/default/demo
 mkdir -p "$out"
 

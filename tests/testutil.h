@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "kelpimage/image/base/terrorhandler.h"
+#include "kelpimage/base/terrorhandler.h"
 
 namespace kelptest {
 

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <new>
 
-#include "kelpimage/image/base/tarray.h"
+#include "kelpimage/base/tarray.h"
 #include "kelpimage/image/tdataimage.h"
 #include "kelpimage/image/timage.h"
 #include "kelpimage/image/ttilelist.h"

@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "kelpimage/image/base/terrorhandler.h"
+#include "kelpimage/base/terrorhandler.h"
 #include "kelpimage/image/timagediskio.h"
 #include "kelpimage/image/formatgateway.h"
 #include "kelpimage/sgi/sgi.h"

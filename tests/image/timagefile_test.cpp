@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "kelpimage/image/base/terrorhandler.h"
+#include "kelpimage/base/terrorhandler.h"
 #include "kelpimage/image/timagediskio.h"
 #include "kelpimage/image/timagefile.h"
 #include "kelpimage/image/tpsdtexturefile.h"

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "kelpimage/il/il.h"
-#include "kelpimage/image/base/terrorhandler.h"
+#include "kelpimage/base/terrorhandler.h"
 #include "kelpimage/loader/tmpimageprocess.h"
 #include "testutil.h"
 

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <random>
 
-#include "kelpimage/image/base/tsettings.h"
+#include "kelpimage/base/tsettings.h"
 #include "kelpimage/movie/tmovie.h"
 #include "testutil.h"
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "kelpimage/il/il.h"
-#include "kelpimage/image/base/terrorhandler.h"
+#include "kelpimage/base/terrorhandler.h"
 #include "kelpimage/naming/tbatchglobals.h"
 #include "kelpimage/naming/timagefileio.h"
 #include "kelpimage/naming/tprojectmgr.h"

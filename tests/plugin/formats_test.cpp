@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "kelpimage/il/il.h"
-#include "kelpimage/image/base/terrorhandler.h"
+#include "kelpimage/base/terrorhandler.h"
 #include "kelpimage/image/formatgateway.h"
 #include "kelpimage/plugin/plugins.h"
 #include "kelpimage/plugin/pxf.h"

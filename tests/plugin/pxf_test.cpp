@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "kelpimage/il/il.h"
-#include "kelpimage/image/base/terrorhandler.h"
+#include "kelpimage/base/terrorhandler.h"
 #include "kelpimage/image/formatgateway.h"
 #include "kelpimage/image/timagefile.h"
 #include "kelpimage/plugin/plugins.h"

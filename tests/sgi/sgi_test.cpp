@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "kelpimage/image/base/terrorhandler.h"
+#include "kelpimage/base/terrorhandler.h"
 #include "kelpimage/sgi/sgi.h"
 #include "testutil.h"
 

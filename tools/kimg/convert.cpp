@@ -22,6 +22,15 @@
 namespace kimg {
 namespace {
 
+// A failure the library reported: under the file its reason names (the
+// output when a write failed), else under `first` (the input by default).
+int failEither(const ConvertOptions& o, const std::string& why, const std::string& first = {}) {
+  const std::string& file = first.empty() ? o.in : first;
+  if (why.rfind(o.out + ": ", 0) == 0) return fail(o.out, why);
+  if (why.rfind(o.in + ": ", 0) == 0) return fail(o.in, why);
+  return fail(file, why);
+}
+
 struct Plan {
   std::string format;  // "iff" or "sgi"
   uint32_t compression = 1;
@@ -202,7 +211,7 @@ int framesToIff(int frames, const ConvertOptions& o, const Plan& plan, const std
   if (!out) return failCode(o.out, flerrno);
   int status = 0, written = 0;
   for (int i = 0; i < frames && !status; ++i) {
-    Scratch one;
+    TscratchFile one;
     Plan framePlan = plan;
     framePlan.image = i;
     status = one.error().empty() ? into(framePlan, one.path()) : fail(o.out, one.error());
@@ -273,10 +282,10 @@ int fromPsd(const std::string& input, const ConvertOptions& o, const Plan& plan,
 // then read as any IFF picture is.
 int fromFrontDoor(const std::string& input, const std::string& key, const ConvertOptions& o, const Plan& plan,
                   const std::string& path) {
-  Scratch iff;
+  TscratchFile iff;
   if (!iff.error().empty()) return fail(o.out, iff.error());
   if (anytoiff(input.c_str(), iff.path().c_str(), key.c_str(), plan.image < 0 ? 0 : plan.image) != 0)
-    return fail(o.in, takeReport("cannot be read"));
+    return failEither(o, takeReport("cannot be read"));
   Plan whole = plan;
   whole.image = -1;
   if (!whole.compressionGiven) {
@@ -296,7 +305,8 @@ int convertPlanned(const ConvertOptions& o, Plan plan) {
   if (!input.error().empty()) return fail(o.in, input.error());
   Tstring key = TimageFile().getImageType(Tstring(input.path().c_str()));
   if (key.isEmpty()) return fail(o.in, takeReport("not a picture of a format kimg reads"));
-  Output output(o.out);
+  // The library writes plug-in formats and documents whole itself.
+  Output output(o.out, plan.format != "iff" && plan.format != "sgi" ? Output::kLibrary : Output::kNameless);
   if (!output.error().empty()) return fail(o.out, output.error());
   if ((!o.layer.empty() || o.alpha >= 0 || !o.set.empty()) && key != "psd")
     return usage("--layer, --alpha and --set are for Photoshop documents");
@@ -317,7 +327,7 @@ int convertPlanned(const ConvertOptions& o, Plan plan) {
     // One frame into IFF: the conversion writes the file itself, in one pass.
     if (anytoiffCompressed(input.path().c_str(), output.path().c_str(), key.asChar(), plan.image < 0 ? 0 : plan.image,
                            plan.compressionGiven ? plan.compression : 1) != 0)
-      status = fail(o.in, takeReport("cannot be converted"));
+      status = failEither(o, takeReport("cannot be converted"));
   } else if (plan.format == "iff" && key != "kelp" && plan.image < 0 && frames > 1) {
     status = framesToIff(frames, o, plan, output.path(), into);
   } else if (plan.format == "iff" || plan.format == "sgi") {
@@ -327,19 +337,19 @@ int convertPlanned(const ConvertOptions& o, Plan plan) {
     // every image of an IFF file becomes a frame where the format has frames.
     int images = plan.image < 0 && formatIsMultiframe(plan.format.c_str()) ? frames : 1;
     for (int i = 0; i < images && !status; ++i) {
-      Scratch iff;
+      TscratchFile iff;
       if (!iff.error().empty()) return fail(o.out, iff.error());
       Plan iffPlan = plan;
       iffPlan.format = "iff";
       if (plan.image < 0) iffPlan.image = i;
       status = into(iffPlan, iff.path());
       if (!status && ifftoany(iff.path().c_str(), output.path().c_str(), plan.format.c_str()) != 0)
-        status = fail(o.out, takeReport("cannot be written as " + plan.format));
+        status = failEither(o, takeReport("cannot be written as " + plan.format), o.out);
     }
     // Only this output is finished: other threads may be writing theirs.
     if (!status && ifftoanyFinish(output.path().c_str()) != 0)
       status = fail(o.out, takeReport("cannot be completed as " + plan.format));
-    if (status) ifftoanyFinish(output.path().c_str());  // into the temporary file, which goes
+    if (status) ifftoanyAbandon(output.path().c_str());  // the target stays as it was
   }
   return status ? status : output.commit();
 }

@@ -8,9 +8,8 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
+#include <algorithm>
 #include <cstring>
-#include <vector>
 
 #include "util.h"
 
@@ -19,37 +18,32 @@ namespace {
 
 bool isPipeName(const std::string& name) { return name.rfind("pipe:", 0) == 0; }
 
-std::string temporaryDirectory() {
-  const char* dir = std::getenv("TMPDIR");
-  return dir && *dir ? dir : "/tmp";
-}
-
-// A new empty file named after `pattern` (ending in XXXXXX), then `suffix`;
-// empty on failure.
-std::string makeTemporary(std::string pattern, std::string& error, const std::string& suffix = {}) {
-  pattern += suffix;
-  std::vector<char> name(pattern.begin(), pattern.end());
-  name.push_back('\0');
-  int fd = mkstemps(name.data(), int(suffix.size()));
-  if (fd < 0) {
-    error = std::strerror(errno);
-    return {};
+// Copies everything from the descriptor `from` to the stream `to`; false on
+// a read or write error, with errno saying why.
+bool copyInto(int from, FILE* to) {
+  char buffer[1 << 16];
+  for (;;) {
+    ssize_t n = ::read(from, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return false;
+    if (n == 0) break;
+    if (std::fwrite(buffer, 1, size_t(n), to) != size_t(n)) return false;
   }
-  // A file kimg makes gets the permissions any new file would get.
-  mode_t mask = umask(0);
-  umask(mask);
-  fchmod(fd, 0666 & ~mask);
-  ::close(fd);
-  return name.data();
+  return std::fflush(to) == 0 && !std::ferror(to);
 }
 
-// Copies everything from `from` to `to`; false on a read or write error.
-bool copyStream(FILE* from, FILE* to) {
+// Copies everything from the stream `from` to the descriptor `to`.
+bool copyFrom(FILE* from, int to) {
   char buffer[1 << 16];
   size_t n;
   while ((n = std::fread(buffer, 1, sizeof buffer, from)) > 0)
-    if (std::fwrite(buffer, 1, n, to) != n) return false;
-  return !std::ferror(from) && std::fflush(to) == 0 && !std::ferror(to);
+    for (size_t done = 0; done < n;) {
+      ssize_t w = ::write(to, buffer + done, n - done);
+      if (w < 0 && errno == EINTR) continue;
+      if (w < 0) return false;
+      done += size_t(w);
+    }
+  return !std::ferror(from);
 }
 
 std::string describeStatus(int status) {
@@ -69,100 +63,96 @@ std::string extensionOf(const std::string& name) {
   return ext;
 }
 
-Scratch::Scratch() { fPath = makeTemporary(temporaryDirectory() + "/kimg-XXXXXX", fError); }
-
-Scratch::~Scratch() {
-  if (!fPath.empty()) ::unlink(fPath.c_str());
-}
-
 Input::Input(const std::string& name) : fName(name), fPath(name) {
-  if (name != "-" && !isPipeName(name)) {
-    struct stat st;
-    if (::stat(name.c_str(), &st) != 0) fError = std::strerror(errno);
-    else if (S_ISDIR(st.st_mode)) fError = std::strerror(EISDIR);
-    else if (::access(name.c_str(), R_OK) != 0) fError = std::strerror(errno);
-    return;
-  }
-  fTemp = makeTemporary(temporaryDirectory() + "/kimg-in-XXXXXX", fError);
-  if (fTemp.empty()) return;
-  fPath = fTemp;
-  FILE* to = std::fopen(fTemp.c_str(), "wb");
-  FILE* from = name == "-" ? stdin : popen(name.substr(5).c_str(), "r");
-  if (!to || !from) {
-    fError = std::strerror(errno);
-  } else if (!copyStream(from, to)) {
-    fError = "cannot be read to its end";
-  }
-  if (from && from != stdin) {
-    int status = pclose(from);
-    if (fError.empty() && status != 0) fError = describeStatus(status);
-  }
-  if (to && std::fclose(to) != 0 && fError.empty()) fError = std::strerror(errno);
-}
-
-Input::~Input() {
-  if (!fTemp.empty()) ::unlink(fTemp.c_str());
-}
-
-Output::Output(const std::string& name) : fName(name) {
   if (name == "-" || isPipeName(name)) {
-    fTemp = makeTemporary(temporaryDirectory() + "/kimg-out-XXXXXX", fError);
+    copyOnce(isPipeName(name));
     return;
   }
   struct stat st;
-  if (::stat(name.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-    fError = std::strerror(EISDIR);
-    return;
-  }
-  if (::stat(name.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
-    // A device or a fifo is written as it is: it cannot be replaced, and
-    // what reaches it cannot be taken back anyway.
-    fTemp = name;
-    fDirect = true;
-    return;
-  }
-  // The temporary file lies in the target's own folder, so that the rename
-  // that puts it in place never crosses file systems.
-  size_t slash = name.rfind('/');
-  std::string dir = slash == std::string::npos ? std::string("./") : name.substr(0, slash + 1);
-  std::string base = slash == std::string::npos ? name : name.substr(slash + 1);
-  // It keeps the target's extension, which tells some formats their variant.
-  size_t dot = base.rfind('.');
-  std::string extension = dot == std::string::npos || dot == 0 ? std::string() : base.substr(dot);
-  fTemp = makeTemporary(dir + "." + base + ".kimg-XXXXXX", fError, extension);
+  if (::stat(name.c_str(), &st) != 0) fError = std::strerror(errno);
+  else if (S_ISDIR(st.st_mode)) fError = std::strerror(EISDIR);
+  else if (::access(name.c_str(), R_OK) != 0) fError = std::strerror(errno);
+  else if (!S_ISREG(st.st_mode) && !S_ISBLK(st.st_mode)) copyOnce(false);  // a stream: it is read once
 }
 
-Output::~Output() {
-  if (!fDone && !fDirect && !fTemp.empty()) ::unlink(fTemp.c_str());
+void Input::copyOnce(bool command) {
+  fScratch = std::make_unique<TscratchFile>();
+  if (!fScratch->isOpen()) {
+    fError = fScratch->error();
+    return;
+  }
+  fPath = fScratch->path();
+  FILE* from = command ? popen(fName.substr(5).c_str(), "r") : fName == "-" ? stdin : std::fopen(fName.c_str(), "rb");
+  if (!from) {
+    fError = std::strerror(errno);
+    return;
+  }
+  if (!copyFrom(from, fScratch->fd())) fError = std::string("cannot be read to its end: ") + std::strerror(errno);
+  if (command) {
+    int status = pclose(from);
+    if (fError.empty() && status != 0) fError = describeStatus(status);
+  } else if (from != stdin) {
+    std::fclose(from);
+  }
+}
+
+Output::Output(const std::string& name, Mode mode) : fName(name) {
+  if (name == "-" || isPipeName(name)) {
+    fScratch = std::make_unique<TscratchFile>();
+    if (fScratch->isOpen()) fPath = fScratch->path();
+    else fError = fScratch->error();
+    return;
+  }
+  if (mode == kLibrary) {
+    struct stat st;
+    if (::stat(name.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) fError = std::strerror(EISDIR);
+    fLibrary = true;
+    fPath = name;
+    return;
+  }
+  if (fFile.open(name, mode == kNamed ? TatomicFile::kNamed : 0)) {
+    fPath = fFile.path();
+  } else {
+    // The reason without the name, which kimg's message puts first.
+    const std::string& e = fFile.error();
+    size_t colon = e.rfind(": ");
+    fError = colon == std::string::npos ? e : e.substr(colon + 2);
+  }
 }
 
 int Output::commit() {
-  if (fDone || fDirect) return 0;
-  if (fName == "-" || isPipeName(fName)) {
-    FILE* from = std::fopen(fTemp.c_str(), "rb");
-    if (!from) return fail(fName, std::strerror(errno));
-    FILE* to = fName == "-" ? stdout : popen(fName.substr(5).c_str(), "w");
-    if (!to) {
-      std::fclose(from);
-      return fail(fName, std::strerror(errno));
-    }
-    bool ok = copyStream(from, to);
-    std::string why = ok ? "" : std::strerror(errno);
-    std::fclose(from);
-    if (to != stdout) {
-      int status = pclose(to);
-      if (ok && status != 0) {
-        ok = false;
-        why = describeStatus(status);
-      }
-    }
-    if (!ok) return fail(fName, "cannot be written: " + why);
-    ::unlink(fTemp.c_str());
-  } else if (std::rename(fTemp.c_str(), fName.c_str()) != 0) {
-    return fail(fName, std::string("cannot be put in place: ") + std::strerror(errno));
+  if (fLibrary) return 0;
+  if (!fScratch) {
+    if (fFile.commit()) return 0;
+    return fail(fName, fFile.error().substr(std::min(fFile.error().size(), fFile.target().size() + 2)));
   }
-  fDone = true;
-  return 0;
+  if (::lseek(fScratch->fd(), 0, SEEK_SET) != 0) return fail(fName, std::strerror(errno));
+  FILE* to = fName == "-" ? stdout : popen(fName.substr(5).c_str(), "w");
+  if (!to) return fail(fName, std::strerror(errno));
+  bool ok = copyInto(fScratch->fd(), to);
+  std::string why = ok ? "" : std::strerror(errno);
+  if (to != stdout) {
+    int status = pclose(to);
+    if (ok && status != 0) {
+      ok = false;
+      why = describeStatus(status);
+    }
+  }
+  fScratch.reset();
+  return ok ? 0 : fail(fName == "-" ? "standard output" : fName, "cannot be written: " + why);
+}
+
+int finishStandardOutput(bool quiet) {
+  errno = 0;
+  bool ok = std::fflush(stdout) == 0 && !std::ferror(stdout);
+  int why = errno;
+  if (std::fclose(stdout) != 0 && ok) {
+    ok = false;
+    why = errno;
+  }
+  if (ok) return 0;
+  if (!quiet) std::fprintf(stderr, "kimg: standard output: %s\n", why ? std::strerror(why) : "cannot be written");
+  return kFailed;
 }
 
 }  // namespace kimg

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "kelpimage/il/il.h"
-#include "kelpimage/image/base/tpixelmap.h"
+#include "kelpimage/base/tpixelmap.h"
 #include "kelpimage/sgi/sgi.h"
 
 namespace kimg {

@@ -6,6 +6,8 @@
 #include <new>
 
 #include "commands.h"
+#include "files.h"
+#include "kelpimage/base/ttemporaryfiles.h"
 #include "movie.h"
 #include "sequence.h"
 #include "util.h"
@@ -189,8 +191,12 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Stopped by a signal, a run leaves no temporary file behind.
+  TtemporaryFiles::removeOnSignals();
   try {
-    return run(argc, argv);
+    int status = run(argc, argv);
+    int written = kimg::finishStandardOutput(status != 0);
+    return status ? status : written;
   } catch (const std::bad_alloc&) {
     std::fprintf(stderr, "kimg: out of memory\n");
   } catch (const std::exception& e) {

@@ -145,7 +145,7 @@ int readPicture(const std::string& name, Picture& picture) {
   } else if (readPluginRows(key.str(), input.path(), picture)) {
     ok = true;
   } else {
-    Scratch iff;
+    TscratchFile iff;
     if (!iff.error().empty()) return fail(name, iff.error());
     if (anytoiffCompressed(input.path().c_str(), iff.path().c_str(), key.asChar(), 0, 0) != 0)
       return fail(name, takeReport("cannot be read"));
@@ -294,13 +294,13 @@ int writeFrame(const TpixelMap& map, const std::string& movie, const std::string
                                  : writeSgi(*lines, out.path(), false, movie, name);
     return status ? status : out.commit();
   }
-  Output out(name);
+  Output out(name, Output::kNamed);
   if (!out.error().empty()) return fail(name, out.error());
   int direct = writePluginRows(format, out.path(), map);
   if (direct < 0) return fail(name, std::string("cannot be written as ") + format + ": " + PXF_last_error());
   if (direct == 0) return out.commit();
   // Other formats: an IFF file, which the format's plug-in writes out.
-  Scratch iff;
+  TscratchFile iff;
   if (!iff.error().empty()) return fail(name, iff.error());
   if (int status = writeIff(*mapLines(map, false), iff.path(), 0, 0, 0, movie, name)) return status;
   int rc = ifftoany(iff.path().c_str(), out.path().c_str(), format.c_str());

@@ -7,7 +7,7 @@
 
 #include "files.h"
 #include "kelpimage/il/il.h"
-#include "kelpimage/image/base/terrorhandler.h"
+#include "kelpimage/base/terrorhandler.h"
 #include "kelpimage/image/formatgateway.h"
 #include "kelpimage/plugin/pxf.h"
 
@@ -31,7 +31,10 @@ Reporter gReporter;
 }  // namespace
 
 int fail(const std::string& file, const std::string& why) {
-  std::fprintf(stderr, "kimg: %s: %s\n", file.c_str(), why.c_str());
+  // The library's reasons often name the file already.
+  std::string reason = why.rfind(file + ": ", 0) == 0 ? why.substr(file.size() + 2) : why;
+  if (reason.empty()) reason = "the operation failed";
+  std::fprintf(stderr, "kimg: %s: %s\n", file.c_str(), reason.c_str());
   return kFailed;
 }
 

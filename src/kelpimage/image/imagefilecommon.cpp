@@ -6,9 +6,10 @@
 #include <vector>
 
 #include "kelpimage/il/il.h"
-#include "kelpimage/image/base/tarray.h"
-#include "kelpimage/image/base/terrorhandler.h"
-#include "kelpimage/image/base/tfile.h"
+#include "kelpimage/base/tarray.h"
+#include "kelpimage/base/terrorhandler.h"
+#include "kelpimage/base/tfile.h"
+#include "kelpimage/base/ttemporaryfiles.h"
 
 namespace imagefile {
 
@@ -23,7 +24,13 @@ void reportUnexpected(const char* why) noexcept {
 std::string temporaryName(const void* self) {
   char name[512];
   std::snprintf(name, sizeof name, "%s/kelp%d%p.iff", theTempDirectory.getFullName().asChar(), int(getpid()), self);
+  TtemporaryFiles::add(name);
   return name;
+}
+
+void removeTemporary(const std::string& name) {
+  ::unlink(name.c_str());
+  TtemporaryFiles::forget(name.c_str());
 }
 
 int readSGIRows(IMAGE* image, uint8_t* dest, int width, int y0, int y1, bool greyAlpha) {
@@ -109,7 +116,7 @@ bool directIff(ILimage* image, bool floats) {
 
 TemporaryGuard::~TemporaryGuard() {
   if (keep || name.empty()) return;
-  ::unlink(name.c_str());
+  removeTemporary(name);
   name.clear();
 }
 
@@ -126,7 +133,7 @@ int finishClose(int written, std::string& tempName, std::string& formatKey, bool
   if (written != 0) {
     formatKey.clear();
     report(637, name, FLstrerror(written));
-    if (!tempName.empty()) ::unlink(tempName.c_str());
+    if (!tempName.empty()) removeTemporary(tempName);
     tempName.clear();
     return -1;
   }
@@ -136,7 +143,7 @@ int finishClose(int written, std::string& tempName, std::string& formatKey, bool
     tempName.clear();  // the temporary file stays on disk
     return -1;
   }
-  if (!tempName.empty()) ::unlink(tempName.c_str());
+  if (!tempName.empty()) removeTemporary(tempName);
   tempName.clear();
   return 0;
 }

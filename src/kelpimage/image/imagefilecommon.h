@@ -7,9 +7,9 @@
 #include <string>
 
 #include "kelpimage/il/il.h"
-#include "kelpimage/image/base/tarray.h"
-#include "kelpimage/image/base/tpixelmap.h"
-#include "kelpimage/image/base/tstring.h"
+#include "kelpimage/base/tarray.h"
+#include "kelpimage/base/tpixelmap.h"
+#include "kelpimage/base/tstring.h"
 #include "kelpimage/image/tiffimagefile.h"
 #include "kelpimage/image/timage.h"
 #include "kelpimage/sgi/sgi.h"
@@ -45,8 +45,10 @@ struct TemporaryGuard {
   ~TemporaryGuard();
 };
 
-// "TMP/kelpPIDADDRESS.iff" for the object at `self`.
+// "TMP/kelpPIDADDRESS.iff" for the object at `self`, entered among the
+// process's temporary files until removeTemporary takes it away.
 std::string temporaryName(const void* self);
+void removeTemporary(const std::string& name);
 
 // Fills rows y0 up to y1 of an open SGI image into pixels of blue, green,
 // red, alpha. `width` pixels a row go out (those past the file's width are

@@ -3,7 +3,7 @@
 // their "%s".
 #include <iterator>
 
-#include "kelpimage/image/base/tstringtable.h"
+#include "kelpimage/base/tstringtable.h"
 
 namespace {
 const TstringMessage kMessages[] = {

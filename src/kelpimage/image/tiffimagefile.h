@@ -7,8 +7,8 @@
 #include <memory>
 
 #include "kelpimage/il/il.h"
-#include "kelpimage/image/base/tifffile.h"
-#include "kelpimage/image/base/tpixelmap.h"
+#include "kelpimage/il/chunk/tifffile.h"
+#include "kelpimage/base/tpixelmap.h"
 #include "kelpimage/kelpexport.h"
 
 class KELP_API TiffImageFile : public TiffFile {

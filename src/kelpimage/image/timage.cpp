@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "kelpimage/image/base/tarray.h"
+#include "kelpimage/base/tarray.h"
 
 namespace {
 int sizeOf(TpixelFormat f) {

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "kelpimage/image/base/tgeometry.h"
+#include "kelpimage/base/tgeometry.h"
 #include "kelpimage/kelpexport.h"
 
 // Pixel formats by channel layout.

@@ -6,8 +6,8 @@
 #include <cstring>
 #include <utility>
 
-#include "kelpimage/image/base/terrorhandler.h"
-#include "kelpimage/image/base/tfile.h"
+#include "kelpimage/base/terrorhandler.h"
+#include "kelpimage/base/tfile.h"
 #include "kelpimage/image/imagefilecommon.h"
 #include "kelpimage/image/formatgateway.h"
 
@@ -100,7 +100,7 @@ int TimageDiskIO::open(const Tstring& name, bool isIff, bool) {
       return 0;
     }
     report(619, Tstring(path));
-    if (path != name.str()) ::unlink(path.c_str());
+    if (path != name.str()) imagefile::removeTemporary(path);
     return -1;
   });
 }

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "kelpimage/image/base/tstring.h"
+#include "kelpimage/base/tstring.h"
 #include "kelpimage/image/timage.h"
 #include "kelpimage/image/tiffimagefile.h"
 #include "kelpimage/sgi/sgi.h"

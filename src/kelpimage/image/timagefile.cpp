@@ -10,8 +10,8 @@
 #include <strings.h>
 #include <thread>
 
-#include "kelpimage/image/base/terrorhandler.h"
-#include "kelpimage/image/base/tfile.h"
+#include "kelpimage/base/terrorhandler.h"
+#include "kelpimage/base/tfile.h"
 #include "kelpimage/image/imagefilecommon.h"
 #include "kelpimage/image/tpsdtexturefile.h"
 #include "kelpimage/image/formatgateway.h"
@@ -246,7 +246,7 @@ int TimageFile::open(const Tstring& name, bool isIff, bool, int frame) {
     }
     lock.release();
     report(619, Tstring(path));
-    if (path != name.str()) ::unlink(path.c_str());
+    if (path != name.str()) imagefile::removeTemporary(path);
     return -1;
   });
 }
@@ -255,15 +255,13 @@ int TimageFile::openMapped(const std::string& path) {
   int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
   if (fd < 0) {
     report(619, Tstring(path));
-    ::unlink(path.c_str());
-    return -1;
+    return -1;  // a temporary file goes with the open's guard; the caller's own file stays
   }
   size_t bytes = size_t(fMappedWidth) * fMappedHeight * 4;
   void* view = bytes ? mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
   ::close(fd);
   if (view == MAP_FAILED) {
     if (theErrorHandler && gReporting.load()) theErrorHandler->reportError("Failed to open memory mapped region.");
-    ::unlink(path.c_str());
     return -1;
   }
   fMappedView = view;

@@ -7,9 +7,9 @@
 
 #include <string>
 
-#include "kelpimage/image/base/tarray.h"
-#include "kelpimage/image/base/tstring.h"
-#include "kelpimage/image/base/tthread.h"
+#include "kelpimage/base/tarray.h"
+#include "kelpimage/base/tstring.h"
+#include "kelpimage/base/tthread.h"
 #include "kelpimage/image/timage.h"
 #include "kelpimage/image/tiffimagefile.h"
 #include "kelpimage/sgi/sgi.h"

@@ -8,10 +8,10 @@
 #include <map>
 #include <mutex>
 
-#include "kelpimage/image/base/tarray.h"
-#include "kelpimage/image/base/tfile.h"
-#include "kelpimage/image/base/tpixelmap.h"
-#include "kelpimage/image/base/tstring.h"
+#include "kelpimage/base/tarray.h"
+#include "kelpimage/base/tfile.h"
+#include "kelpimage/base/tpixelmap.h"
+#include "kelpimage/base/tstring.h"
 #include "kelpimage/kelpexport.h"
 #include "kelpimage/photoshop/tpsdfile.h"
 

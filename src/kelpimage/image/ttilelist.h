@@ -1,8 +1,8 @@
 // An array of rectangles, stored by value.
 #pragma once
 
-#include "kelpimage/image/base/tarray.h"
-#include "kelpimage/image/base/tgeometry.h"
+#include "kelpimage/base/tarray.h"
+#include "kelpimage/base/tgeometry.h"
 #include "kelpimage/kelpexport.h"
 
 class KELP_API TtileList : public Tarray {

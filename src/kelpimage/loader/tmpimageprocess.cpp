@@ -2,7 +2,7 @@
 
 #include <mutex>
 
-#include "kelpimage/image/base/terrorhandler.h"
+#include "kelpimage/base/terrorhandler.h"
 #include "kelpimage/image/timagefile.h"
 
 std::atomic<TmpImageProcess*> TmpImageProcess::fsImageProcess{nullptr};

@@ -11,10 +11,10 @@
 #include <cstdint>
 #include <deque>
 
-#include "kelpimage/image/base/tgeometry.h"
-#include "kelpimage/image/base/tpixelmap.h"
-#include "kelpimage/image/base/tstring.h"
-#include "kelpimage/image/base/tthread.h"
+#include "kelpimage/base/tgeometry.h"
+#include "kelpimage/base/tpixelmap.h"
+#include "kelpimage/base/tstring.h"
+#include "kelpimage/base/tthread.h"
 #include "kelpimage/kelpexport.h"
 
 // A file to load at the size of the rectangle (a side of 0: the file's own

@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "kelpimage/image/base/tdynamicload.h"
+#include "kelpimage/base/tdynamicload.h"
 
 // The libraries of the movie services: FFmpeg's container library first.
 const char* const TdynamicLoad::kMovieLibraryName = "libavformat.so." AV_STRINGIFY(LIBAVFORMAT_VERSION_MAJOR);

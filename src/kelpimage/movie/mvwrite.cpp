@@ -8,7 +8,7 @@
 #include <climits>
 #include <cstring>
 
-#include "kelpimage/image/base/tfilemode.h"
+#include "kelpimage/base/tfilemode.h"
 #include "kelpimage/movie/aviwrapper.h"
 #include "kelpimage/movie/codecs.h"
 

@@ -4,8 +4,8 @@
 
 #include <memory>
 
-#include "kelpimage/image/base/tgeometry.h"
-#include "kelpimage/image/base/tpixelmap.h"
+#include "kelpimage/base/tgeometry.h"
+#include "kelpimage/base/tpixelmap.h"
 #include "kelpimage/kelpexport.h"
 #include "kelpimage/movie/tmovielayer.h"
 

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "kelpimage/image/base/tsettings.h"
+#include "kelpimage/base/tsettings.h"
 #include "kelpimage/movie/aviwrapper.h"
 #include "kelpimage/movie/codecs.h"
 

@@ -18,7 +18,7 @@
 
 #include <cstdint>
 
-#include "kelpimage/image/base/tdynamicload.h"
+#include "kelpimage/base/tdynamicload.h"
 #include "kelpimage/kelpexport.h"
 
 // An open movie, and also an open track of one: the calls take each where

@@ -3,7 +3,7 @@
 // identifier of the build.
 #pragma once
 
-#include "kelpimage/image/base/tstring.h"
+#include "kelpimage/base/tstring.h"
 #include "kelpimage/kelpexport.h"
 
 class KELP_API TbatchGlobals {

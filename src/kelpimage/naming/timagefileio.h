@@ -8,8 +8,8 @@
 
 #include <cstdint>
 
-#include "kelpimage/image/base/tfile.h"
-#include "kelpimage/image/base/tstring.h"
+#include "kelpimage/base/tfile.h"
+#include "kelpimage/base/tstring.h"
 #include "kelpimage/image/timagefile.h"
 #include "kelpimage/kelpexport.h"
 

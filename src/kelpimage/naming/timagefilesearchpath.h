@@ -6,7 +6,7 @@
 // most 40 lookups for a name.
 #pragma once
 
-#include "kelpimage/image/base/tstring.h"
+#include "kelpimage/base/tstring.h"
 #include "kelpimage/kelpexport.h"
 
 struct TcameraTypes {

@@ -3,7 +3,7 @@
 // digits, "name.#.iff" unpadded) give the name of any other frame.
 #pragma once
 
-#include "kelpimage/image/base/tstring.h"
+#include "kelpimage/base/tstring.h"
 #include "kelpimage/kelpexport.h"
 
 class KELP_API TimageSequence {

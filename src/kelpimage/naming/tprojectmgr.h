@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "kelpimage/image/base/tstring.h"
+#include "kelpimage/base/tstring.h"
 #include "kelpimage/kelpexport.h"
 
 // The kinds of file object a lookup asks about.

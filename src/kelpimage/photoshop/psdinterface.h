@@ -3,9 +3,9 @@
 // lets an exception out.
 #pragma once
 
-#include "kelpimage/image/base/tarray.h"
-#include "kelpimage/image/base/tfile.h"
-#include "kelpimage/image/base/tstring.h"
+#include "kelpimage/base/tarray.h"
+#include "kelpimage/base/tfile.h"
+#include "kelpimage/base/tstring.h"
 #include "kelpimage/kelpexport.h"
 #include "kelpimage/photoshop/tpsdfile.h"
 

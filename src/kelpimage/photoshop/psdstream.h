@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "kelpimage/image/base/tstring.h"
+#include "kelpimage/base/tstring.h"
 
 namespace zkPhotoshop {
 

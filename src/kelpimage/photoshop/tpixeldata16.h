@@ -5,7 +5,7 @@
 #include <map>
 #include <memory>
 
-#include "kelpimage/image/base/tarray.h"
+#include "kelpimage/base/tarray.h"
 #include "kelpimage/kelpexport.h"
 #include "kelpimage/photoshop/tchannel.h"
 

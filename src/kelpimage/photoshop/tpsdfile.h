@@ -8,9 +8,9 @@
 #include <memory>
 #include <vector>
 
-#include "kelpimage/image/base/tarray.h"
-#include "kelpimage/image/base/tfile.h"
-#include "kelpimage/image/base/tstring.h"
+#include "kelpimage/base/tarray.h"
+#include "kelpimage/base/tfile.h"
+#include "kelpimage/base/tstring.h"
 #include "kelpimage/kelpexport.h"
 #include "kelpimage/photoshop/tpixeldata16.h"
 #include "kelpimage/photoshop/tpsdlayer.h"

@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "kelpimage/image/base/tstring.h"
+#include "kelpimage/base/tstring.h"
 #include "kelpimage/kelpexport.h"
 #include "kelpimage/photoshop/tpixeldata16.h"
 

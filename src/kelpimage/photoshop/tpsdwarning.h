@@ -6,8 +6,8 @@
 #include <mutex>
 #include <vector>
 
-#include "kelpimage/image/base/tarray.h"
-#include "kelpimage/image/base/tstring.h"
+#include "kelpimage/base/tarray.h"
+#include "kelpimage/base/tstring.h"
 #include "kelpimage/kelpexport.h"
 
 namespace zkPhotoshop {

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <string>
 
-#include "kelpimage/image/base/tfilemode.h"
+#include "kelpimage/base/tfilemode.h"
 #include "kelpimage/photoshop/psdguard.h"
 #include "kelpimage/photoshop/psdstream.h"
 #include "kelpimage/photoshop/tpsdfile.h"

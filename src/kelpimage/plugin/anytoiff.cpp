@@ -37,8 +37,7 @@ bool statInput(const char* input) {
   struct stat st;
   if (input && ::stat(input, &st) == 0) return true;
   std::string why = std::strerror(errno);
-  reportConversionError(std::string("Error in conversion of ") + (input ? input : "(null)") +
-                        ". Failed to stat the input file: " + why);
+  reportConversionError(std::string(input ? input : "(no name)") + ": " + why);
   return false;
 }
 
@@ -126,7 +125,7 @@ PxfHandle* openInput(const char* input, const char* key) {
   PXF_info_init(&info);
   if (key) {
     if (!PXF_find(key)) {
-      reportConversionError(std::string("ifftoany: unknown image type - ") + key + ".");
+      reportConversionError(std::string(input) + ": no plug-in reads the format \"" + key + "\"");
       return nullptr;
     }
     info.key = key;
@@ -134,7 +133,7 @@ PxfHandle* openInput(const char* input, const char* key) {
     uint8_t flag = 0;
     info.key = PXF_get_file_type(input, 0, &flag);
     if (!info.key) {
-      reportConversionError(std::string("PXF did not recognise image file ") + input + ".");
+      reportConversionError(std::string(input) + ": not a picture of a format any plug-in reads");
       return nullptr;
     }
   }
@@ -142,7 +141,7 @@ PxfHandle* openInput(const char* input, const char* key) {
   info.one = 1;
   info.comment = "Image converted using anytoiff";
   PxfHandle* handle = PXF_open(&info, "r");
-  if (!handle) reportConversionError(withReason(std::string("PXF did not recognise image file ") + input));
+  if (!handle) reportConversionError(withReason(std::string(input) + ": cannot be read as " + info.key));
   return handle;
 }
 
@@ -154,28 +153,28 @@ void closeCurrent() {
 int convert(PxfHandle* handle, const char* output, uint32_t compression) {
   PxfImageData* image = handle->image;
   if (!image) {
-    reportConversionError("anytoiff: Empty image.");
+    reportConversionError(std::string(handle->name) + ": the picture is empty");
     return -1;
   }
   const PxfImageData& im = *image;
   if (!im.dataKind || std::strcmp(im.dataKind, "rgb") != 0) {
-    reportConversionError("anytoiff: only converts rgb images, which this is not.");
+    reportConversionError(std::string(handle->name) + ": not a colour picture");
     return -1;
   }
   if (im.colorBits > 32) {
-    reportConversionError("anytoiff a maximum of 32 bits per pixel is supported.");
+    reportConversionError(std::string(handle->name) + ": more than 32 bits a sample");
     return -1;
   }
   int32_t width = im.width(), height = im.height();
   if (width < 1 || height < 1 || width > 32768 || height > 32768 ||
       uint64_t(width) * uint64_t(height) > ILmaxpixels(0)) {
-    reportConversionError("anytoiff: image size out of range: " + std::to_string(width) + " x " +
+    reportConversionError(std::string(handle->name) + ": a picture of " + std::to_string(width) + " x " +
                           std::to_string(height));
     return -1;
   }
   TiffImageFile out;
   if (!out.open(output, "w")) {
-    reportConversionError("Failed to open output file.");
+    reportConversionError(std::string(output) + ": " + FLstrerror(flerrno));
     return -1;
   }
   out.setSize(uint16_t(width), uint16_t(height));
@@ -192,7 +191,7 @@ int convert(PxfHandle* handle, const char* output, uint32_t compression) {
 
   PxfChannels* channels = PXF_chan_alloc(image, width, handle->format->key, nullptr);
   if (!channels) {
-    reportConversionError("Failed to allocate PXF scan line buffers.");
+    reportConversionError("out of memory");
     return -1;
   }
   // Rows go out as they come: from the bottom, or, for a file that stores
@@ -206,12 +205,12 @@ int convert(PxfHandle* handle, const char* output, uint32_t compression) {
   for (int32_t i = 0; i < height && rc == 0; ++i) {
     int32_t row = fromTop ? height - 1 - i : i;
     if (PXF_scan_read(handle, row, channels) != 0) {
-      reportConversionError(withReason(std::string("anytoiff: cannot read row ") + std::to_string(row)));
+      reportConversionError(withReason(std::string(handle->name) + ": row " + std::to_string(row) + " cannot be read"));
       rc = -1;
       break;
     }
     if (!fillLine(im, channels->buffers, pixels.data(), width, fast)) {
-      reportConversionError("Image has no colour channels.");
+      reportConversionError(std::string(handle->name) + ": the picture has no colour channels");
       rc = -1;
       break;
     }
@@ -221,7 +220,7 @@ int convert(PxfHandle* handle, const char* output, uint32_t compression) {
   PXF_chan_free(channels);
   int closed = out.close();
   if (rc == 0 && closed != 0) {
-    reportConversionError(std::string("anytoiff: cannot write ") + output + ": " + FLstrerror(closed));
+    reportConversionError(std::string(output) + ": cannot be written: " + FLstrerror(closed));
     rc = -1;
   }
   return rc;
@@ -243,7 +242,7 @@ static std::mutex& inputLock() {
 static int psdToIff(const char* input, const char* output, uint32_t compression) {
   TpsdTextureFile psd;
   if (psd.openWithoutCache(TfilePath(input), false) != 0) {
-    reportConversionError(std::string("anytoiff: ") + input + ": not a Photoshop document this library reads");
+    reportConversionError(std::string(input) + ": not a Photoshop document this library reads");
     return -1;
   }
   uint8_t* pixels = nullptr;
@@ -252,9 +251,9 @@ static int psdToIff(const char* input, const char* output, uint32_t compression)
   std::unique_ptr<uint8_t[]> owned(pixels);
   if (rc != 0) {
     auto* doc = dynamic_cast<zkPhotoshop::TpsdFile*>(psd.document());
-    reportConversionError(std::string("anytoiff: ") + (doc ? doc->lastError().str() : std::string(input)));
+    reportConversionError(doc && !doc->lastError().isEmpty() ? doc->lastError().str() : std::string(input) + ": cannot be read");
   } else if (psd.writePixels(TfilePath(output), pixels, width, height, "kelp", bytes, compression) != 0) {
-    reportConversionError(std::string("anytoiff: ") + output + ": cannot be written");
+    reportConversionError(std::string(output) + ": cannot be written");
     rc = -1;
   }
   psd.close();
@@ -273,7 +272,7 @@ static int anyToIff(const char* input, const char* output, const char* key, int 
   }
   bool multiframe = gCurrentInput->format->flags & PXF_MULTIFRAME;
   if (multiframe && PXF_set_frame(gCurrentInput, frame) != frame) {
-    reportConversionError(withReason(std::string("anytoiff: ") + input + " has no frame " + std::to_string(frame)));
+    reportConversionError(withReason(std::string(input) + ": has no frame " + std::to_string(frame)));
     return -1;
   }
   int rc = convert(gCurrentInput, output, compression);
@@ -290,7 +289,7 @@ int pxfAnyToIff(const char* input, const char* output, const char* key, int fram
 
 int anytoiffCompressed(const char* input, const char* output, const char* key, int frame, uint32_t compression) {
   if (compression > TiffImageFile::kQR4) {
-    reportConversionError("anytoiff: no IFF compression " + std::to_string(compression));
+    reportConversionError("no IFF compression " + std::to_string(compression));
     return -1;
   }
   return anyToIff(input, output, key, frame, compression);
@@ -302,7 +301,7 @@ int pxfGetResolution(const char* input, unsigned& width, unsigned& height) {
   if (!handle) return -1;
   int rc = 0;
   if (!handle->image) {
-    reportConversionError("anytoiff getResolution: Empty image.");
+    reportConversionError(std::string(input) + ": the picture is empty");
     rc = -1;
   } else {
     width = unsigned(handle->image->width());

@@ -14,8 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "kelpimage/image/base/terrorhandler.h"
-#include "kelpimage/image/base/tfilemode.h"
+#include "kelpimage/base/terrorhandler.h"
+#include "kelpimage/base/tfilemode.h"
 #include "kelpimage/image/formatgateway.h"
 #include "kelpimage/image/tiffimagefile.h"
 #include "kelpimage/image/timagefile.h"
@@ -121,7 +121,7 @@ bool readClipRange(TiffImageFile& in, float& low, float& high) {
 int convertOut(const char* input, const char* output, const char* key) {
   TiffImageFile in(input, "r");
   if (!in.isActive()) {
-    reportConversionError(std::string("Failed to open input file: ") + input);
+    reportConversionError(std::string(input) + ": " + FLstrerror(flerrno));
     return -1;
   }
   ConversionOutput& record = conversionOutput(output);
@@ -151,11 +151,11 @@ int convertOut(const char* input, const char* output, const char* key) {
 
   int32_t bytes = in.bytesPerPixel();
   if (bytes != 1 && bytes != 2)
-    reportConversionError("image has unsupported number of bytes per channel: " + std::to_string(bytes));
+    reportConversionError(std::string(input) + ": " + std::to_string(bytes) + " bytes a channel are read as 1");
   if (bytes == 2) in.modifyControlFlags(ILC_DEEP, 1);
   int32_t bits = outputBits(format, bytes * 8);
   if (bits == 0) {
-    reportConversionError("Output file cannot support any bits per pixel?!");
+    reportConversionError(std::string(output) + ": the " + key + " plug-in writes no sample size");
     return -1;
   }
   int32_t outBytes = bits <= 8 ? 1 : ((bits - 9) >> 3) + 2;
@@ -164,12 +164,12 @@ int convertOut(const char* input, const char* output, const char* key) {
   int colors = (type & ILT_COLOR) ? 3 : (type & ILT_BLACK) ? 1 : 0;
   bool depth = type & ILT_DEPTH;
   if (depth && format->depth == 0) {
-    reportConversionError("Output format does not support depth. Ignoring z-buffer");
+    reportConversionError(std::string(output) + ": the " + key + " format holds no depth: it is left out");
     depth = false;
   }
   bool floatDepth = format->flags & PXF_FLOAT_DEPTH;
   if (depth && !floatDepth && !(format->depthWidths & 0xC0000000u)) {
-    reportConversionError("Output format does not support 31 bit integer depth. Ignoring z-buffer");
+    reportConversionError(std::string(output) + ": the " + key + " format holds no depth as integers: it is left out");
     depth = false;
   }
   bool matte = (type & ILT_ALPHA) && format->matte != 0;
@@ -202,8 +202,7 @@ int convertOut(const char* input, const char* output, const char* key) {
   info.image = &image;
   bool adding = record.handle != nullptr;
   if (!openOutputFrame(output, record, info)) {
-    reportConversionError(withReason(std::string(adding ? "Failed to add a frame to " : "Failed to open output file: ") +
-                                     output));
+    reportConversionError(withReason(std::string(output) + (adding ? ": a frame cannot be added" : ": cannot be written")));
     return -1;
   }
   PxfImageData& opened = *record.handle->image;
@@ -213,7 +212,7 @@ int convertOut(const char* input, const char* output, const char* key) {
 
   PxfChannels* channels = PXF_chan_alloc(&image, width, key, nullptr);
   if (!channels) {
-    reportConversionError("Failed to allocate PXF scan line buffers.");
+    reportConversionError("out of memory");
     abandonOutput(record);
     return -1;
   }
@@ -229,7 +228,7 @@ int convertOut(const char* input, const char* output, const char* key) {
   int rc = 0;
   if (whole) {
     if (in.load(pixels.data(), depth ? zs.data() : nullptr) != 0) {
-      reportConversionError(std::string("Failed to read the pixels of ") + input + ": " + FLstrerror(flerrno));
+      reportConversionError(std::string(input) + ": " + FLstrerror(flerrno));
       rc = -1;
     } else if (depth && !floatDepth) {
       spread.clip = readClipRange(in, spread.low, spread.high);
@@ -243,17 +242,17 @@ int convertOut(const char* input, const char* output, const char* key) {
       line += size_t(row) * lineBytes;
       if (depth) z = zs.data() + size_t(row) * width;
     } else if (int code = in.readLine(pixels.data(), depth ? zs.data() : nullptr)) {
-      reportConversionError(std::string("error reading scan line: ") + FLstrerror(code));
+      reportConversionError(std::string(input) + ": " + FLstrerror(code));
       rc = -1;
       break;
     }
     spreadLine(spread, line, z, channels->buffers, width);
     int written = PXF_scan_write(record.handle, topdown ? height - row - 1 : row, channels);
     if (written == PXF_ENOSCAN) {
-      reportConversionError("Output type can not be written by scanlines");
+      reportConversionError(std::string(output) + ": the " + key + " plug-in cannot write by lines");
       rc = -1;
     } else if (written != 0) {
-      reportConversionError(withReason("scanline write failed"));
+      reportConversionError(withReason(std::string(output) + ": cannot be written"));
       rc = -1;
     }
   }
@@ -297,7 +296,7 @@ static int iffToPsd(const char* input, const char* output) {
   TpixelMap map;
   if (in.identifyAndOpen(Tstring(input), false, 0) != 0 || in.readPixelMap(map) != 0) {
     in.close();
-    reportConversionError(std::string("Failed to open input file: ") + input);
+    reportConversionError(std::string(input) + ": cannot be read");
     return -1;
   }
   in.close();
@@ -307,7 +306,7 @@ static int iffToPsd(const char* input, const char* output) {
   auto* doc = dynamic_cast<zkPhotoshop::TpsdFile*>(psd.document());
   std::string why = doc ? doc->lastError().str() : std::string();
   if (psd.close() != 0 || !ok) {
-    reportConversionError(std::string("ifftoany: ") + (why.empty() ? std::string(output) + ": cannot be written" : why));
+    reportConversionError(why.empty() ? std::string(output) + ": cannot be written" : why);
     return -1;
   }
   return 0;
@@ -325,36 +324,19 @@ ConversionOutput& conversionOutput(const std::string& target) {
   return outputs().records[target];
 }
 
-std::string partialName(const std::string& target) {
-  // The partial file keeps the target's extension: a plug-in may take its
-  // variant of the format from it.
-  size_t slash = target.rfind('/'), dot = target.rfind('.');
-  std::string extension;
-  if (dot != std::string::npos && (slash == std::string::npos || dot > slash + 1)) extension = target.substr(dot);
-  std::string pattern = target + ".partial-XXXXXX" + extension;
-  std::vector<char> name(pattern.begin(), pattern.end());
-  name.push_back('\0');
-  int fd = mkstemps(name.data(), int(extension.size()));
-  if (fd < 0) return {};
-  // The finished file gets the permissions any new file would get, not the
-  // private ones of a temporary file.
-  fchmod(fd, newFileMode());
-  ::close(fd);
-  return name.data();
-}
-
 int finishOutput(const std::string& target, ConversionOutput& out) {
   if (!out.handle) return 0;
   const char* key = out.format ? out.format->key : "";
   int rc = PXF_close(out.handle);
   out.handle = nullptr;
   out.format = nullptr;
-  if (rc == 0 && std::rename(out.partial.c_str(), target.c_str()) != 0) rc = -1;
   if (rc != 0) {
-    reportConversionError(withReason(std::string("close output file failed ") + key));
-    ::unlink(out.partial.c_str());
+    reportConversionError(withReason(target + ": cannot be written as " + key));
+    out.file.abandon();
+  } else if (!out.file.commit()) {
+    reportConversionError(out.file.error());
+    rc = -1;
   }
-  out.partial.clear();
   return rc;
 }
 
@@ -366,13 +348,16 @@ bool openOutputFrame(const std::string& target, ConversionOutput& out, PxfFileIn
       return true;
     }
   } else {
-    out.partial = partialName(target);
-    info.name = info.name2 = out.partial.c_str();
+    if (!out.file.open(target, TatomicFile::kNamed)) {
+      reportConversionError(out.file.error());
+      return false;
+    }
+    info.name = info.name2 = out.file.path().c_str();
     info.one = 1;
     info.comment = "Image converted using ifftoany";
     info.creator = "Kelp";
     info.imageCount = 1;
-    out.handle = out.partial.empty() ? nullptr : PXF_open(&info, "w");
+    out.handle = PXF_open(&info, "w");
     out.format = out.handle ? out.handle->format : nullptr;
     out.frame = 0;
     if (out.handle) return true;
@@ -383,10 +368,9 @@ bool openOutputFrame(const std::string& target, ConversionOutput& out, PxfFileIn
 
 void abandonOutput(ConversionOutput& out) {
   if (out.handle) PXF_close(out.handle);
-  if (!out.partial.empty()) ::unlink(out.partial.c_str());
+  out.file.abandon();
   out.handle = nullptr;
   out.format = nullptr;
-  out.partial.clear();
 }
 
 int pxfFinishOutput(const char* output) {
@@ -398,6 +382,16 @@ int pxfFinishOutput(const char* output) {
   }
   // Finished, the record leaves the map: a long run of outputs keeps none.
   return node.empty() ? 0 : finishOutput(node.key(), node.mapped());
+}
+
+void ifftoanyAbandon(const char* output) {
+  Outputs& all = outputs();
+  std::map<std::string, ConversionOutput>::node_type node;
+  {
+    std::lock_guard<std::mutex> hold(all.lock);
+    if (output) node = all.records.extract(output);
+  }
+  if (!node.empty()) abandonOutput(node.mapped());
 }
 
 int ifftoanyClose() {

@@ -54,26 +54,25 @@ int ifftogifQuantise(const uint8_t* bgr, int8_t error[3]) {
 int ifftogif(const char* input, const char* output) {
   TiffImageFile in(input, "r");
   if (!in.isActive()) {
-    fail(std::string("ifftogif: Failed to open input file ") + input + ".");
+    fail(std::string(input) + ": " + FLstrerror(flerrno));
     return -1;
   }
   unsigned short width = 0, height = 0;
   in.getSize(width, height);
   if (in.bytesPerPixel() != 1) {
-    fail(std::string("ifftogif: input image has an unsupported number of bytes per pixel channel - ") +
-         char('0' + in.bytesPerPixel()));
+    fail(std::string(input) + ": GIF pictures are made of 1 byte a channel, not " + std::to_string(in.bytesPerPixel()));
     return -1;
   }
   unsigned type = in.type();
   if (!(type & ILT_COLOR)) {
-    fail("ifftogif: image does not contain rgb data.");
+    fail(std::string(input) + ": not a colour picture");
     return -1;
   }
-  if (type & ILT_DEPTH) fail("ifftogif: ignoring z buffer.");
-  if (type & ILT_ALPHA) fail("ifftogif: ignoring alpha mask.");
+  if (type & ILT_DEPTH) fail(std::string(output) + ": GIF holds no depth: it is left out");
+  if (type & ILT_ALPHA) fail(std::string(output) + ": GIF holds no alpha: it is left out");
   std::vector<uint8_t> bitmap(size_t(width) * height * 4);
   if (in.load(bitmap.data(), nullptr) != 0) {
-    fail("ifftogif: failed to read in image bitmap.");
+    fail(std::string(input) + ": " + FLstrerror(flerrno));
     return -1;
   }
   PxfFormat* format = PXF_find("gif");
@@ -82,12 +81,12 @@ int ifftogif(const char* input, const char* output) {
     format = PXF_find("gif");
   }
   if (!format) {
-    fail("ifftogif: could not find gif plugin.");
+    fail(std::string(output) + ": no plug-in writes GIF");
     return -1;
   }
   PxfLut* lut = PXF_lut_alloc(256);
   if (!lut) {
-    fail("ifftogif: failed to allocate a lookuptable.");
+    fail("out of memory");
     return -1;
   }
   // Each byte widened as a signed byte: 153 becomes 0xFF99, 255 0xFFFF.
@@ -112,7 +111,7 @@ int ifftogif(const char* input, const char* output) {
   image.indexBits = 8;
   PxfChannels* channels = PXF_chan_alloc(&image, width, "gif", nullptr);
   if (!channels) {
-    fail("Failed to allocate PXF scan line buffers.");
+    fail("out of memory");
     PXF_lut_free(lut);
     return -1;
   }
@@ -141,13 +140,13 @@ int ifftogif(const char* input, const char* output) {
       }
     }
     int written = PXF_scan_write(handle, y, channels);
-    if (written == PXF_ENOSCAN) fail("ifftoany: Output type can not be written by scanlines.");
-    else if (written != 0) fail("ifftoany: scanline write failed.");
+    if (written == PXF_ENOSCAN) fail(std::string(output) + ": the gif plug-in cannot write by lines");
+    else if (written != 0) fail(withReason(std::string(output) + ": cannot be written"));
     rc = written == 0 ? 0 : -1;
   }
   PXF_chan_free(channels);
   PXF_lut_free(lut);
-  if (!handle) fail(std::string("ifftogif: cannot write ") + output);
+  if (!handle) fail(withReason(std::string(output) + ": cannot be written"));
   if (rc != 0) abandonOutput(record);
   return rc;
 }

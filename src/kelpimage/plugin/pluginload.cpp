@@ -21,8 +21,10 @@
 #include "kelpimage/plugin/pxf.h"
 #include "kelpimage/plugin/pxfinternal.h"
 
-#ifndef KELP_PLUGIN_DIR
-#define KELP_PLUGIN_DIR "/usr/local/lib/kelpimage/plug-ins/image/"
+// Where the plug-ins lie, from the folder of the library itself: the same
+// in the installed tree and in a build tree.
+#ifndef KELP_PLUGIN_SUBDIR
+#define KELP_PLUGIN_SUBDIR "kelpimage/plug-ins/image/"
 #endif
 
 namespace {
@@ -56,13 +58,22 @@ std::vector<std::string> splitPath(const char* text) {
   return dirs;
 }
 
-// The system directory: $KELP_LOCATION/bin/plug-ins/image/, or where the
-// plug-ins were installed. Never the current directory: loading whatever
+// The folder the library file itself was loaded from, with a trailing '/'.
+std::string libraryDirectory() {
+  Dl_info info{};
+  if (dladdr(reinterpret_cast<void*>(&loadImagePlugin), &info) == 0 || !info.dli_fname) return {};
+  std::string path = info.dli_fname;
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? std::string("./") : path.substr(0, slash + 1);
+}
+
+// The system directory: $KELP_LOCATION/bin/plug-ins/image/, or the plug-ins'
+// folder beside the library. Never the current directory: loading whatever
 // files a host happens to run among would let any of them run code.
 std::string systemDirectory() {
   const char* location = KelpGetEnv("KELP_LOCATION");
   if (location && *location) return std::string(location) + "/bin/plug-ins/image/";
-  return KELP_PLUGIN_DIR;
+  return libraryDirectory() + KELP_PLUGIN_SUBDIR;
 }
 
 bool endsWith(const std::string& text, const std::string& tail) {
@@ -136,8 +147,6 @@ int collectPluginFiles() {
   for (const std::string& dir : dirs) {
     DIR* d = opendir(dir.c_str());
     if (!d) {
-      // The installed directory may simply not exist in a build tree.
-      if (gFirstScan && dir != KELP_PLUGIN_DIR) std::fprintf(stderr, "PXF plugin path invalid:%s\n", dir.c_str());
       continue;
     }
     std::vector<std::string> names;

@@ -24,6 +24,9 @@ KELP_API int ifftoanyInit(const char* output, const char* key);
 KELP_API int anytoiffCompressed(const char* input, const char* output, const char* key, int frame, uint32_t compression);
 // Closes every multi-frame output left open by ifftoany; returns 0.
 KELP_API int ifftoanyClose();
+// Gives up one output that ifftoany keeps open, for a caller whose later
+// frames failed: nothing of it is written, and the target stays as it was.
+KELP_API void ifftoanyAbandon(const char* output);
 
 // Options of the writing plug-ins, by the name of a capability the format
 // offers ("Quality", "Compression"...), handed to every later ifftoany of

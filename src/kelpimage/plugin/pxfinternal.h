@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "kelpimage/base/tatomicfile.h"
+
 // The directory scan and its callback for PXF_init.
 int collectPluginFiles();
 bool nextPluginFile(void** handle, char** path);
@@ -19,7 +21,8 @@ int ifftogif(const char* input, const char* output);
 
 int pxfFinishOutput(const char* output);
 
-// An output of ifftoany: written under a partial name beside its target,
+// An output of ifftoany: written under a temporary name beside its target
+// that keeps the target's extension (or straight into a device or a FIFO),
 // open between the frames of a format of several frames.
 struct PxfFormat;
 struct PxfHandle;
@@ -27,22 +30,19 @@ struct ConversionOutput {
   PxfFormat* format = nullptr;
   PxfHandle* handle = nullptr;
   int frame = 0;
-  std::string partial;
+  TatomicFile file;
 };
 // The record of a target, made on first use.
 ConversionOutput& conversionOutput(const std::string& target);
-// A new empty file beside `target`, ending in its extension; empty when none
-// can be made.
-std::string partialName(const std::string& target);
-// Ends an open output: complete, it takes the target's name; otherwise the
-// partial file goes and the target stays as it was. 0 or -1.
+// Ends an open output: complete, it takes the target's place; otherwise the
+// temporary file goes and the target stays as it was. 0 or -1.
 int finishOutput(const std::string& target, ConversionOutput& out);
 // Opens the output of `target` with `info` (whose name it fills with the
 // partial file), or, when it is open already, moves it on to its next frame
 // with `info.image`. False after giving the output up.
 struct PxfFileInfo;
 bool openOutputFrame(const std::string& target, ConversionOutput& out, PxfFileInfo& info);
-// Gives an output up: the partial file goes.
+// Gives an output up: the temporary file goes.
 void abandonOutput(ConversionOutput& out);
 
 // `text`, then ": " and the reason the plug-in gave for the last failure.

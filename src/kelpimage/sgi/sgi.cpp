@@ -13,7 +13,7 @@
 
 #include "kelpimage/byteorder.h"
 #include "kelpimage/il/il.h"
-#include "kelpimage/image/base/terrorhandler.h"
+#include "kelpimage/base/terrorhandler.h"
 
 namespace {
 constexpr uint16_t kMagic = 474;

@@ -1,7 +1,7 @@
 // The statistics of a cached image, and how they are printed.
 #pragma once
 
-#include "kelpimage/image/base/tstring.h"
+#include "kelpimage/base/tstring.h"
 #include "kelpimage/kelpexport.h"
 
 class KELP_API TcachedImageBase {

@@ -8,8 +8,8 @@
 #include <new>
 #include <vector>
 
-#include "kelpimage/image/base/terrorhandler.h"
-#include "kelpimage/image/base/tstring.h"
+#include "kelpimage/base/terrorhandler.h"
+#include "kelpimage/base/tstring.h"
 #include "kelpimage/kelpexport.h"
 
 class Tmetaclass;

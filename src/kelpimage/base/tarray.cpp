@@ -1,4 +1,4 @@
-#include "kelpimage/image/base/tarray.h"
+#include "kelpimage/base/tarray.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -1,7 +1,7 @@
 // Shared libraries opened at run time.
 #pragma once
 
-#include "kelpimage/image/base/tstring.h"
+#include "kelpimage/base/tstring.h"
 #include "kelpimage/kelpexport.h"
 
 class KELP_API TdynamicLoad {

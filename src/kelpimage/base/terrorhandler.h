@@ -3,7 +3,7 @@
 
 #include <cstdio>
 
-#include "kelpimage/image/base/tstring.h"
+#include "kelpimage/base/tstring.h"
 #include "kelpimage/kelpexport.h"
 
 class KELP_API TerrorHandler {

@@ -1,4 +1,4 @@
-#include "kelpimage/image/base/tifffile.h"
+#include "kelpimage/il/chunk/tifffile.h"
 
 int TiffFile::beginPut(const TiffTag& tag, uint32_t) {
   return fFile ? FLbgnput(fFile, tag.value()) : -1;

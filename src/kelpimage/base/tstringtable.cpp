@@ -1,4 +1,4 @@
-#include "kelpimage/image/base/tstringtable.h"
+#include "kelpimage/base/tstringtable.h"
 
 #include <mutex>
 #include <vector>

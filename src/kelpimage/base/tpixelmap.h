@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "kelpimage/image/base/tgeometry.h"
+#include "kelpimage/base/tgeometry.h"
 #include "kelpimage/kelpexport.h"
 
 union Tpixel32 {

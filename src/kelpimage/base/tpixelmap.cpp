@@ -1,4 +1,4 @@
-#include "kelpimage/image/base/tpixelmap.h"
+#include "kelpimage/base/tpixelmap.h"
 
 #include <algorithm>
 #include <cstring>

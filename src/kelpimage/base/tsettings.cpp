@@ -1,4 +1,4 @@
-#include "kelpimage/image/base/tsettings.h"
+#include "kelpimage/base/tsettings.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -5,7 +5,7 @@
 
 #include <cstddef>
 
-#include "kelpimage/image/base/tstring.h"
+#include "kelpimage/base/tstring.h"
 #include "kelpimage/kelpexport.h"
 
 class KELP_API TKelpRegNT {

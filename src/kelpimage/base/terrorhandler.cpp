@@ -1,4 +1,4 @@
-#include "kelpimage/image/base/terrorhandler.h"
+#include "kelpimage/base/terrorhandler.h"
 
 #include <cstdarg>
 

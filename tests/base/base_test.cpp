@@ -7,15 +7,15 @@
 #include <thread>
 #include <vector>
 
-#include "kelpimage/image/base/tarray.h"
-#include "kelpimage/image/base/tdynamicload.h"
-#include "kelpimage/image/base/terrorhandler.h"
-#include "kelpimage/image/base/tfile.h"
-#include "kelpimage/image/base/tifffile.h"
-#include "kelpimage/image/base/tpixelmap.h"
-#include "kelpimage/image/base/tsettings.h"
-#include "kelpimage/image/base/tstring.h"
-#include "kelpimage/image/base/tthread.h"
+#include "kelpimage/base/tarray.h"
+#include "kelpimage/base/tdynamicload.h"
+#include "kelpimage/base/terrorhandler.h"
+#include "kelpimage/base/tfile.h"
+#include "kelpimage/il/chunk/tifffile.h"
+#include "kelpimage/base/tpixelmap.h"
+#include "kelpimage/base/tsettings.h"
+#include "kelpimage/base/tstring.h"
+#include "kelpimage/base/tthread.h"
 #include "testutil.h"
 
 using namespace kelptest;

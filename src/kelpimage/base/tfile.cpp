@@ -1,5 +1,5 @@
-#include "kelpimage/image/base/tfile.h"
-#include "kelpimage/image/base/tfilemode.h"
+#include "kelpimage/base/tfile.h"
+#include "kelpimage/base/tfilemode.h"
 
 #include <dirent.h>
 #include <sys/stat.h>
@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "kelpimage/il/chunk/fl.h"
 
 TtemporaryDirectory theTempDirectory;
 

@@ -1,4 +1,4 @@
-#include "kelpimage/image/base/tthread.h"
+#include "kelpimage/base/tthread.h"
 
 #include <new>
 

@@ -1,9 +1,9 @@
-#include "kelpimage/image/base/tstring.h"
+#include "kelpimage/base/tstring.h"
 
 #include <cstdarg>
 #include <cstring>
 
-#include "kelpimage/image/base/tstringtable.h"
+#include "kelpimage/base/tstringtable.h"
 
 const char* const Tstring::kNullStr = "";
 

@@ -1,4 +1,4 @@
-#include "kelpimage/image/base/tdynamicload.h"
+#include "kelpimage/base/tdynamicload.h"
 
 #include <dlfcn.h>
 

@@ -6,7 +6,7 @@
 #include <ctime>
 #include <memory>
 
-#include "kelpimage/image/base/tstring.h"
+#include "kelpimage/base/tstring.h"
 #include "kelpimage/kelpexport.h"
 
 // A time stamp with nanoseconds.

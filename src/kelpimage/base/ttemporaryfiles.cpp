@@ -1,0 +1,58 @@
+#include "kelpimage/base/ttemporaryfiles.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+// A fixed table of slots, so that the signal handler walks memory that is
+// never reallocated. A process holds few named temporary files at once;
+// past the table's size a file simply goes unlisted.
+constexpr int kSlots = 1024;
+std::atomic<char*> gSlots[kSlots];
+
+void onSignal(int signal) {
+  TtemporaryFiles::removeAllNow();
+  ::signal(signal, SIG_DFL);
+  ::raise(signal);
+}
+
+}  // namespace
+
+void TtemporaryFiles::add(const char* path) {
+  if (!path || !*path) return;
+  char* copy = ::strdup(path);
+  if (!copy) return;
+  for (auto& slot : gSlots) {
+    char* empty = nullptr;
+    if (slot.compare_exchange_strong(empty, copy)) return;
+  }
+  std::free(copy);
+}
+
+void TtemporaryFiles::forget(const char* path) {
+  if (!path) return;
+  for (auto& slot : gSlots) {
+    char* entry = slot.load();
+    if (entry && std::strcmp(entry, path) == 0 && slot.compare_exchange_strong(entry, nullptr)) {
+      std::free(entry);
+      return;
+    }
+  }
+}
+
+void TtemporaryFiles::removeAllNow() {
+  for (auto& slot : gSlots)
+    if (const char* entry = slot.load()) ::unlink(entry);
+}
+
+void TtemporaryFiles::removeOnSignals() {
+  struct sigaction action {};
+  action.sa_handler = onSignal;
+  sigemptyset(&action.sa_mask);
+  for (int signal : {SIGINT, SIGTERM}) ::sigaction(signal, &action, nullptr);
+}
