@@ -93,6 +93,7 @@ inline Bytes layerInfo(const std::vector<Layer>& layers, int16_t count) {
 struct Document {
   uint16_t version = 1, channels = 3, depth = 8, mode = 3;
   uint32_t width = 4, height = 2;
+  Bytes colourModeData;  // an indexed document's palette
   Bytes resources;
   std::vector<Layer> layers;
   int16_t layerCount = 0;  // 0: the number of layers
@@ -104,7 +105,7 @@ struct Document {
   std::vector<uint8_t> bytes() const {
     Bytes f;
     f.text("8BPS").u16(version).zeros(6).u16(channels).u32(height).u32(width).u16(depth).u16(mode);
-    f.u32(0);  // colour mode data
+    f.section(colourModeData);
     f.section(resources);
     Bytes section;
     if (!layers.empty()) {

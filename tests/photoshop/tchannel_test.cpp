@@ -13,7 +13,7 @@ using namespace zkPhotoshop;
 namespace {
 
 std::vector<uint8_t> pack(const std::vector<uint8_t>& row) {
-  std::vector<uint8_t> out(row.size() + row.size() / 64 + 2);
+  std::vector<uint8_t> out(row.size() + row.size() / 4 + 2);
   out.resize(packRow(out.data(), row.data(), row.size()));
   return out;
 }
@@ -49,8 +49,18 @@ TEST(PackRow, RunsLiteralsAndTheirMerging) {
   ASSERT_EQ(packed.size(), 132u);
   EXPECT_EQ(packed[0], 127);
   EXPECT_EQ(packed[129], 1);
+  // A run past 128 ends in a run of two that stays a run: folding it would
+  // move its bytes across the 128 before it.
+  std::vector<uint8_t> split{'a'};
+  split.insert(split.end(), 130, 'b');
+  split.push_back('c');
+  EXPECT_EQ(pack(split), (std::vector<uint8_t>{0, 'a', 129, 'b', 0xFF, 'b', 0, 'c'}));
+  // A single byte between runs of two grows the row by a fifth, the most.
+  std::vector<uint8_t> worst;
+  for (uint8_t v = 0; worst.size() < 500; v = uint8_t(v + 3)) worst.insert(worst.end(), {v, uint8_t(v + 1), uint8_t(v + 1), uint8_t(v + 2), uint8_t(v + 2)});
+  EXPECT_LE(pack(worst).size(), worst.size() + worst.size() / 4 + 2);
   // And every packing expands back.
-  for (const auto& row : {run, ramp, std::vector<uint8_t>{1, 1, 2, 3, 3, 4, 4, 4, 5}}) {
+  for (const auto& row : {run, ramp, split, worst, std::vector<uint8_t>{1, 1, 2, 3, 3, 4, 4, 4, 5}}) {
     std::vector<uint8_t> back(row.size());
     std::vector<uint8_t> p = pack(row);
     ASSERT_TRUE(unpackRow8(back.data(), p.data(), p.size(), back.size()));

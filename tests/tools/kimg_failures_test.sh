@@ -113,6 +113,6 @@ fails 1 "kimg: /dev/full: Write error" "$kimg" pattern /dev/full
 cp "$dir/keep.iff" "$dir/target.iff"
 fails 1 "cut.iff: " "$kimg" convert "$dir/cut.iff" "$dir/target.iff"
 cmp "$dir/keep.iff" "$dir/target.iff"
-fails 1 "no-such-dir/x.iff: No such file or directory" "$kimg" convert "$dir/p.iff" "$dir/no-such-dir/x.iff"
+fails 1 "no-such-dir/x.iff: cannot be written: No such file or directory" "$kimg" convert "$dir/p.iff" "$dir/no-such-dir/x.iff"
 nothing_left
 echo "kimg failures: all checks passed"

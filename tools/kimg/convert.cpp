@@ -311,7 +311,7 @@ int convertPlanned(const ConvertOptions& o, Plan plan) {
   if ((!o.layer.empty() || o.alpha >= 0 || !o.set.empty()) && key != "psd")
     return usage("--layer, --alpha and --set are for Photoshop documents");
   auto into = [&](const Plan& p, const std::string& path) {
-    if (key == "psd" && (!o.layer.empty() || o.alpha >= 0 || !o.set.empty())) return fromPsd(input.path(), o, p, path);
+    if (key == "psd") return fromPsd(input.path(), o, p, path);
     if (key == "kelp") return fromIff(input.path(), o, p, path);
     if (key == "sgi") return fromSgi(input.path(), o, p, path);
     return fromFrontDoor(input.path(), key.str(), o, p, path);
@@ -323,7 +323,15 @@ int convertPlanned(const ConvertOptions& o, Plan plan) {
   int status = 0;
   bool plain = plan.resizeW == 0 && plan.tileW == 0 && !o.topdown;
   bool part = !o.layer.empty() || o.alpha >= 0 || !o.set.empty();
-  if (plan.format == "iff" && key != "kelp" && key != "sgi" && !part && plain && (frames == 1 || plan.image >= 0)) {
+  if (key == "psd" && plan.format == "psd" && plain && !part) {
+    // A document to a document: its own writer keeps its layers.
+    PsdOptions copy;
+    copy.file = input.path();
+    copy.out = output.path();
+    return psdEdit(copy);
+  }
+  if (plan.format == "iff" && key != "kelp" && key != "sgi" && key != "psd" && !part && plain &&
+      (frames == 1 || plan.image >= 0)) {
     // One frame into IFF: the conversion writes the file itself, in one pass.
     if (anytoiffCompressed(input.path().c_str(), output.path().c_str(), key.asChar(), plan.image < 0 ? 0 : plan.image,
                            plan.compressionGiven ? plan.compression : 1) != 0)

@@ -113,10 +113,7 @@ Output::Output(const std::string& name, Mode mode) : fName(name) {
   if (fFile.open(name, mode == kNamed ? TatomicFile::kNamed : 0)) {
     fPath = fFile.path();
   } else {
-    // The reason without the name, which kimg's message puts first.
-    const std::string& e = fFile.error();
-    size_t colon = e.rfind(": ");
-    fError = colon == std::string::npos ? e : e.substr(colon + 2);
+    fError = fFile.reason();  // kimg's message puts the name first
   }
 }
 
@@ -124,7 +121,7 @@ int Output::commit() {
   if (fLibrary) return 0;
   if (!fScratch) {
     if (fFile.commit()) return 0;
-    return fail(fName, fFile.error().substr(std::min(fFile.error().size(), fFile.target().size() + 2)));
+    return fail(fName, fFile.reason());
   }
   if (::lseek(fScratch->fd(), 0, SEEK_SET) != 0) return fail(fName, std::strerror(errno));
   FILE* to = fName == "-" ? stdout : popen(fName.substr(5).c_str(), "w");

@@ -7,7 +7,9 @@
 
 #include "commands.h"
 #include "files.h"
+#include "lines.h"
 #include "movie.h"
+#include "psd.h"
 #include "kelpimage/il/il.h"
 #include "kelpimage/image/timagefile.h"
 #include "kelpimage/plugin/pxf.h"
@@ -64,6 +66,27 @@ struct Stat {
     sum += v;
   }
 };
+
+// Minimum, maximum and mean of each channel of a picture's lines.
+int printLineStats(Lines& lines, const std::string& file) {
+  std::vector<uint8_t> line(size_t(lines.width) * 4 * size_t(lines.bytes));
+  Stat channel[4];
+  for (int y = 0; y < lines.height; ++y) {
+    if (!lines.next(line.data())) return fail(file, lines.error);
+    for (int x = 0; x < lines.width; ++x)
+      for (int c = 0; c < 4; ++c) {
+        size_t at = (size_t(x) * 4 + size_t(c)) * size_t(lines.bytes);
+        channel[c].add(lines.bytes == 2 ? double(line[at] | line[at + 1] << 8) : double(line[at]));
+      }
+  }
+  double count = double(lines.width) * lines.height;
+  const char* names[] = {"blue", "green", "red", "alpha"};
+  for (int c : {2, 1, 0, 3})
+    if (c < 3 || lines.alpha)
+      std::printf("  %-6s       min %g  max %g  mean %.3f\n", names[c], channel[c].min, channel[c].max,
+                  channel[c].sum / count);
+  return 0;
+}
 
 // Reads every line and prints minimum, maximum and mean per channel.
 int printStats(ILimage* im, const std::string& file) {
@@ -191,6 +214,28 @@ int infoPlugin(const std::string& name, const std::string& path, const std::stri
   return 0;
 }
 
+// A Photoshop document: its header and layer count, and with --stats what
+// its flattened image holds (in RGB, as kimg converts it).
+int infoPsd(const std::string& name, const std::string& path, bool stats) {
+  zkPhotoshop::TpsdFile doc;
+  if (int status = psdOpen(path, doc)) return status;
+  if (!doc.readAllLayerRecordInformation() && !doc.lastReason().isEmpty()) return fail(name, doc.lastReason().str());
+  static const char* const modes[] = {"bitmap", "grey", "indexed", "RGB", "CMYK", "?", "?", "multichannel",
+                                      "duotone", "Lab"};
+  std::printf("%s\n", name.c_str());
+  std::printf("  format       Photoshop (psd)\n");
+  std::printf("  size         %u x %u\n", doc.fImageWidth, doc.fImageHeight);
+  std::printf("  colour       %s, %u channels%s\n", doc.fColorMode < 10 ? modes[doc.fColorMode] : "?", doc.fChannelCount,
+              doc.fMergedTransparency ? " (with transparency)" : "");
+  std::printf("  samples      %u-bit integers\n", doc.fDepth);
+  std::printf("  layers       %zu\n", doc.fLayers.size());
+  if (!stats) return 0;
+  std::string why;
+  std::unique_ptr<Lines> lines = psdLines(path, PsdPart{}, false, why);
+  if (!lines) return fail(name, why);
+  return printLineStats(*lines, name);
+}
+
 bool isSgi(const std::string& path) {
   std::FILE* f = std::fopen(path.c_str(), "rb");
   unsigned char b[2] = {};
@@ -212,6 +257,7 @@ int info(const std::vector<std::string>& files, bool stats) {
     else if (isSgi(input.path())) one = infoSgi(name, input.path(), stats);
     else if (isAvi(input.path())) one = infoMovie(name, input.path());
     else if (key.empty() || key == "kelp") one = infoIff(name, input.path(), stats);
+    else if (key == "psd") one = infoPsd(name, input.path(), stats);
     else one = infoPlugin(name, input.path(), key, stats);
     status = status ? status : one;
   }

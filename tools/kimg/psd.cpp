@@ -202,8 +202,10 @@ bool choosePart(PsdSource& src, const PsdPart& part, std::string& why) {
     if (!doc.getAlphaChannelMap(image, part.alpha)) return why = doc.lastReason().str(), false;
     src.owned.reset(image);
     src.grey = part.alpha + 3;
-  } else if (!doc.getCompositeImage(image)) {
-    return why = doc.lastReason().str(), false;
+  } else {
+    // The flattened image, in RGB whatever the document's colour mode.
+    if (!doc.readPicture(image)) return why = doc.lastReason().str(), false;
+    src.owned.reset(image);
   }
   src.pixels = image->pixels16();
   src.width = int(image->width());
@@ -234,8 +236,9 @@ std::unique_ptr<Lines> psdLines(const std::string& path, const PsdPart& part, bo
   lines->height = src->height;
   lines->bytes = src->doc.fDataFormat == dataFormat16 ? 2 : 1;
   lines->topdown = topdown;
-  lines->alpha = src->grey < 0 && src->pixels->hasChannel(channelTransparency) &&
-                 (!part.layer.empty() || !part.set.empty());
+  // Layers, sets and documents with transparency have alpha; alpha
+  // channels and opaque documents do not.
+  lines->alpha = src->grey < 0 && src->pixels->hasChannel(channelTransparency);
   bool alpha = lines->alpha;
   int bytes = lines->bytes;
   lines->next = [src, alpha, bytes, topdown](uint8_t* line) {

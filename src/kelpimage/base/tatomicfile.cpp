@@ -73,6 +73,7 @@ TatomicFile& TatomicFile::operator=(TatomicFile&& other) noexcept {
     fPath = std::move(other.fPath);
     fTemporary = std::move(other.fTemporary);
     fError = std::move(other.fError);
+    fReason = std::move(other.fReason);
     fFd = std::exchange(other.fFd, -1);
     fDirect = other.fDirect;
     fNameless = other.fNameless;
@@ -85,6 +86,7 @@ TatomicFile& TatomicFile::operator=(TatomicFile&& other) noexcept {
 }
 
 bool TatomicFile::fail(const std::string& why) {
+  fReason = why;
   fError = fTarget + ": " + why;
   return false;
 }
@@ -99,22 +101,23 @@ void TatomicFile::reset() {
 bool TatomicFile::open(const std::string& target, int flags) {
   abandon();
   fError.clear();
+  fReason.clear();
   fTarget = isDescriptorName(target) ? target : resolveLinks(target);
   if (fTarget.empty()) return fail("no file name");
   struct stat st;
   unsigned mode = newFileMode();
   if (::stat(fTarget.c_str(), &st) == 0) {
-    if (S_ISDIR(st.st_mode)) return fail(std::strerror(EISDIR));
+    if (S_ISDIR(st.st_mode)) return fail(std::string("cannot be written: ") + std::strerror(EISDIR));
     if (!S_ISREG(st.st_mode) || isDescriptorName(fTarget)) {
       // A device, a FIFO or an open descriptor cannot be replaced, and what
       // reaches it cannot be taken back: it is written as it is.
       fFd = ::open(fTarget.c_str(), O_WRONLY | O_CLOEXEC);
-      if (fFd < 0) return fail(std::strerror(errno));
+      if (fFd < 0) return fail(std::string("cannot be written: ") + std::strerror(errno));
       fDirect = true;
       fPath = fTarget;
       return true;
     }
-    if (::access(fTarget.c_str(), W_OK) != 0) return fail(std::strerror(errno));
+    if (::access(fTarget.c_str(), W_OK) != 0) return fail(std::string("cannot be written: ") + std::strerror(errno));
     mode = st.st_mode & 07777;
     fHadFile = true;
     fOwner = st.st_uid;
@@ -148,7 +151,7 @@ bool TatomicFile::openNamed(const std::string& folder, const std::string& base, 
   std::vector<char> name(pattern.begin(), pattern.end());
   name.push_back('\0');
   fFd = ::mkostemps(name.data(), int(extension.size()), O_CLOEXEC);
-  if (fFd < 0) return fail(std::strerror(errno));
+  if (fFd < 0) return fail(std::string("cannot be written: ") + std::strerror(errno));
   ::fchmod(fFd, mode);
   fTemporary = fPath = name.data();
   TtemporaryFiles::add(fTemporary.c_str());

@@ -44,8 +44,9 @@ class KELP_API TatomicFile {
   bool commit();
   // Gives the file up; the target is as it was.
   void abandon();
-  // "TARGET: reason" of the last failure, empty when none.
+  // "TARGET: reason" of the last failure, empty when none; reason() alone.
   const std::string& error() const { return fError; }
+  const std::string& reason() const { return fReason; }
 
   // The file a path names once its symbolic links are followed (the path
   // itself when it is not a link); a link to nothing gives what it points at.
@@ -59,7 +60,7 @@ class KELP_API TatomicFile {
   void keepOwner();
   void reset();
 
-  std::string fTarget, fPath, fTemporary, fError;
+  std::string fTarget, fPath, fTemporary, fError, fReason;
   int fFd = -1;
   bool fDirect = false;
   bool fNameless = false;

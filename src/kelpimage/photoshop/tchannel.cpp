@@ -144,7 +144,11 @@ size_t packRow(uint8_t* dst, const uint8_t* src, size_t count) {
           }
           break;
         case LITERAL_RUN:
-          if (n == 1 && *lastControl == 0xFF && *literalCount < 126) {
+          // A run of two folds back into the literal only when it follows
+          // the literal directly: a run of 130 is 128 and then 2, and
+          // folding that 2 would move bytes across the 128.
+          if (n == 1 && *lastControl == 0xFF && *literalCount < 126 &&
+              lastControl == literalCount + *literalCount + 2) {
             *literalCount = uint8_t(*literalCount + 2);
             state = *literalCount == 127 ? BASE : LITERAL;
             *lastControl = lastControl[1];
@@ -230,10 +234,14 @@ void Tchannel::assignRaw(const uint8_t* source) {
 void Tchannel::copyPixels(Tchannel& source) {
   if (source.fFormat != fFormat) throw kFormatMismatch;
   if (source.fPixelCount != fPixelCount) return;
-  if (source.hasRaw())
+  if (source.hasRaw()) {
     fRaw = source.fRaw;
-  else
+  } else {
+    // A source whose samples were never touched stands for its fill value.
+    fFillValue = source.fFillValue;
+    fRaw.clear();
     ensureRaw();
+  }
 }
 
 void Tchannel::copySpan(uint32_t dstIndex, uint32_t count, uint32_t srcIndex, Tchannel& source) {
@@ -444,7 +452,9 @@ bool Tchannel::compress(bool separateRowLengths) {
 bool Tchannel::compressRLE(bool separate) {
   if (fRaw.empty() && fPixelCount) return false;
   size_t rowBytes = size_t(fWidth) * bytesPerSample();
-  size_t worst = rowBytes + rowBytes / 64 + 2;
+  // The encoder grows a row by a fifth at the most (a single byte between
+  // runs of two: 5 bytes become 6).
+  size_t worst = rowBytes + rowBytes / 4 + 2;
   if (worst > 0xFFFF) return false;  // a row length must fit its 16 bits
   TsampleBuffer row(rowBytes);
   std::vector<uint8_t> table(size_t(fHeight) * 2);

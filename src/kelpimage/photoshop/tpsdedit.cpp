@@ -239,7 +239,7 @@ void TpsdFile::addNewLayerSet(const Tstring& name) {
 
 bool TpsdFile::addNewLayerToGivenSet(const Tstring& setName, const Tstring& layerName) {
   ensureRead();
-  auto found = std::find_if(fLayers.begin(), fLayers.end(), [&](const auto& l) { return l->fName == setName; });
+  auto found = std::find_if(fLayers.begin(), fLayers.end(), [&](const auto& l) { return l->isNamed(setName); });
   if (found == fLayers.end()) return false;
   size_t at = size_t(found - fLayers.begin());
   updateImageResources();

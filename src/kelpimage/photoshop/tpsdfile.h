@@ -104,6 +104,14 @@ class KELP_API TpsdFile : public TphotoshopFile {
   bool readFlattenedImage(TrgbaData*& out);
   // The flattened image, kept by the document.
   bool getCompositeImage(TrgbaData*& out);
+  // The flattened image as a picture, whatever the colour mode: red, green
+  // and blue (grey and duotone copied to all three, indexed through the
+  // palette, CMYK and Lab converted to sRGB, multichannel as its first
+  // channels), with the transparency channel when the document has one
+  // (fMergedTransparency, or a channel past the colour ones that no alpha
+  // name claims), colour then straight: the white the file flattens it over
+  // is taken out. A new value the caller owns.
+  bool readPicture(TrgbaData*& out);
   bool readAlpha(TrgbaData*& out, int index);
   // Alpha channel `index` (channel id index + 3), as a new value.
   bool getAlphaChannelMap(TrgbaData*& out, int index);
@@ -135,6 +143,11 @@ class KELP_API TpsdFile : public TphotoshopFile {
   bool getCompositeImageOfLayerSet(const Tstring& name, TrgbaData*& out);
   // The same, made afresh; the caller owns the result.
   bool readLayerSetImage(const Tstring& name, TrgbaData*& out);
+  // Every layer of the document blended as a set's are, onto a transparent
+  // canvas of the document's size: what the flattened image of a document
+  // whose layers this library honours should hold. A new value the caller
+  // owns, with transparency.
+  bool readDocumentImage(TrgbaData*& out);
   // Blends ordinary layers (bottom first) onto `canvas`, which is made
   // transparent when null.
   void blendLayersInSet(const std::vector<TpsdLayer*>& layers, uint32_t width, uint32_t height, TdataFormat format,
@@ -217,6 +230,9 @@ class KELP_API TpsdFile : public TphotoshopFile {
   TuInt32Array fAlphaIds;
   std::vector<TpsdResource> fResources;
   uint16_t fLayerCount = 0;
+  // The file's layer count was negative: the flattened image's first alpha
+  // channel is its transparency (documents with no background layer).
+  bool fMergedTransparency = false;
   bool fCompositeAdded = false;
   bool fBackgroundAdded = false;
   int32_t fColorModeSize = 0;
@@ -251,6 +267,9 @@ class KELP_API TpsdFile : public TphotoshopFile {
   void readLayersAt(TpsdStream& stream, int64_t infoEnd);
   void readResourceData(TpsdStream& stream, TpsdResource& resource, int64_t end);
   void lendSpareBuffers(TpixelData16* pixels);
+  // Every channel of the flattened image, colour and alpha alike, expanded;
+  // null (with lastError) when they cannot be read. Throws TpsdDamaged.
+  std::unique_ptr<TpixelData16> readAllImagePlanes();
   bool save(const TfilePath& path);
   void ensureRead();
   bool gatherForSaving();
@@ -267,6 +286,9 @@ class KELP_API TpsdFile : public TphotoshopFile {
   void resizeResource(TpsdResource& r, int64_t change);
   // Reads a layer's channels when not read yet, and expands them.
   bool loadLayer(TpsdLayer& layer);
+  // Blends fLayers[first] up to fLayers[last - 1], nested sets included,
+  // onto `current` (made when null).
+  bool compositeLayers(int first, int last, std::unique_ptr<TpixelData16>& current);
   void seekToImageData(TpsdStream& stream);
   // Runs `op` with every failure of a read turned into `failed`, the reason
   // kept and memory failures warned of.

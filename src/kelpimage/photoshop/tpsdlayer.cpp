@@ -43,11 +43,14 @@ TlRect readRect(TpsdStream& s) {
   return r;
 }
 
-// Sides far past what any document holds would overflow the arithmetic on them.
+// Sides far past what any document holds would overflow the arithmetic on
+// them. A rectangle turned inside out (Photoshop writes top 0, left 0,
+// bottom -1, right 0 for fill layers) holds no pixels, and is kept as it
+// was read.
 void checkRect(const TlRect& r, const char* what) {
   constexpr int32_t kFar = 1 << 29;
   auto far = [](int32_t v) { return v < -kFar || v > kFar; };
-  if (far(r.top) || far(r.left) || far(r.bottom) || far(r.right) || r.bottom < r.top || r.right < r.left)
+  if (far(r.top) || far(r.left) || far(r.bottom) || far(r.right))
     damaged(std::string(what) + " rectangle is impossible");
 }
 
@@ -248,7 +251,7 @@ TlRect TpsdLayer::clamped(const TlRect& r, uint32_t width, uint32_t height) cons
 }
 
 void TpsdLayer::copyToCanvas(uint32_t width, uint32_t height, TpixelData16& canvas) {
-  if (fRect.bottom == fRect.top || !fPixels) return;
+  if (isEmpty() || !fPixels) return;
   TlPoint point;
   point.x = fRect.left < 0 ? -fRect.left : 0;
   point.y = fRect.top < 0 ? -fRect.top : 0;

@@ -51,9 +51,16 @@ class KELP_API TpsdLayer {
   // "Invalid information read from file" for more than 56 channels.
   void readLayerRecord(TpsdStream& stream, uint32_t& runningSize, std::vector<uint32_t>& warnings);
 
-  int32_t width() const { return fRect.right - fRect.left; }
-  int32_t height() const { return fRect.bottom - fRect.top; }
+  // The rectangle's size; 0 for a rectangle turned inside out, which holds
+  // no pixels.
+  int32_t width() const { return fRect.right > fRect.left ? fRect.right - fRect.left : 0; }
+  int32_t height() const { return fRect.bottom > fRect.top ? fRect.bottom - fRect.top : 0; }
+  bool isEmpty() const { return width() == 0 || height() == 0; }
   bool isHidden() const { return (fFlags & 2) != 0; }
+  // Whether `name` names this layer: its full name (the Unicode block), or
+  // the name its record holds (cut at 31 bytes by Photoshop, with "?" for
+  // characters that name cannot hold).
+  bool isNamed(const Tstring& name) const { return fName == name || fPascalName == name.str(); }
   bool isSetHead() const { return fSectionType == sectionOpenSet || fSectionType == sectionClosedSet; }
   bool isSetEnd() const { return fSectionType == sectionSetEnd; }
   bool hasChannel(int16_t id) const;

@@ -41,7 +41,11 @@ void TpsdFile::readLayerSection(TpsdStream& s, int64_t sectionEnd) {
 
 void TpsdFile::readLayersAt(TpsdStream& s, int64_t infoEnd) {
   if (infoEnd - s.tell() < 2) damaged("the layer info has no layer count");
-  fLayerCount = uint16_t(std::abs(int(s.i16())));
+  int16_t count = s.i16();
+  // A negative count says the flattened image's first alpha channel is its
+  // transparency.
+  fMergedTransparency = count < 0;
+  fLayerCount = uint16_t(std::abs(int(count)));
   readAllLayerInfo(s);
   uint64_t data = 0;
   for (const auto& layer : fLayers) data += layer->channelBytes();
@@ -196,7 +200,7 @@ int TpsdFile::getLayerFromName(const Tstring& name, TpsdLayer*& layer) const {
 
 TpsdLayer* TpsdFile::getLayerObjFromName(const Tstring& name) const {
   for (const auto& layer : fLayers)
-    if (layer->fName == name) return layer.get();
+    if (layer->isNamed(name)) return layer.get();
   return nullptr;
 }
 

@@ -91,6 +91,43 @@ bool TpsdFile::readRLEImageData(TpsdStream& s) {
   return true;
 }
 
+std::unique_ptr<TpixelData16> TpsdFile::readAllImagePlanes() {
+  TpsdStream s;
+  if (!openAndReadStart(s)) return nullptr;
+  seekToImageData(s);
+  if (fImageWidth == 0 || fImageHeight == 0) {
+    fail("the document has no pixels");
+    return nullptr;
+  }
+  if (fImageCompression != compressionRaw && fImageCompression != compressionRLE) {
+    fail("the flattened image is stored with compression " + std::to_string(fImageCompression) +
+         ", which cannot be read");
+    return nullptr;
+  }
+  auto planes = std::make_unique<TpixelData16>(fDataFormat);
+  uint64_t plane = uint64_t(fImageWidth) * fImageHeight * bytesOf(fDataFormat);
+  uint64_t tableBytes = uint64_t(fImageHeight) * 2;
+  for (int id = 0; id < fChannelCount; ++id) {
+    Tchannel* ch = planes->addChannel(id, fImageWidth, fImageHeight, 0);
+    ch->fCompression = fImageCompression;
+    if (fImageCompression == compressionRLE) {
+      ch->fRowLengths = s.bytes(tableBytes, 1, "a row table");
+      ch->fDataLength = sumRows(ch->fRowLengths, fImageHeight);
+    } else {
+      ch->fDataLength = uint32_t(plane);
+    }
+  }
+  for (int id = 0; id < fChannelCount; ++id) {
+    Tchannel* ch = planes->channel(id);
+    uint32_t length = ch->fDataLength;
+    ch->setCompressed(s.bytes(length, 1, "a channel of the flattened image"), length);
+    checkPlausible(*ch, id, "flattened image");
+    ch->rawPointer();
+    if (ch->expandFailed()) damaged("channel " + std::to_string(id) + " of the flattened image is damaged");
+  }
+  return planes;
+}
+
 void TpsdFile::seekToImageData(TpsdStream& s) {
   fLayerMaskSize = s.i32();
   if (fLayerMaskSize < 0) damaged("the layer and mask section has a negative length");
@@ -217,8 +254,7 @@ bool TpsdFile::readRLEAlphaChannelData(TpsdStream& s, int index) {
 // keeps of them, so the next channel is always read from its own place.
 void TpsdFile::readChannelDataForLayer(TpsdStream& s, TpsdLayer& layer) {
   if (layer.fPixels) return;
-  int64_t w = int64_t(layer.fRect.right) - layer.fRect.left;
-  int64_t h = int64_t(layer.fRect.bottom) - layer.fRect.top;
+  int64_t w = layer.width(), h = layer.height();
   checkSize(w, h, layer);
   // Every channel a layer makes is at most as large as its rectangle, and
   // the rectangle no larger than its largest channel's bytes can expand to
@@ -275,7 +311,7 @@ bool TpsdFile::readAllChannelInformation() {
       [&] {
         TpsdStream s;
         if (!walkLayers(s)) return s.isOpen() && fLastError.isEmpty();
-        if (fChannelDataOffset == 0) return false;
+        if (fChannelDataOffset == 0) return fLayers.empty();  // a layer section with no layers
         s.seek(fChannelDataOffset);
         for (const auto& layer : fLayers) {
           if (layer->fState == 1) continue;  // made by an edit: not in the file
@@ -291,6 +327,7 @@ bool TpsdFile::readAllChannelInformation() {
 }
 
 bool TpsdFile::loadLayer(TpsdLayer& layer) {
+  if (!layer.fPixels && layer.fState == 1) return true;  // made by an edit with no pixels: nothing to read
   if (!layer.fPixels) {
     TpsdStream s;
     if (!walkLayers(s) || fChannelDataOffset == 0) {

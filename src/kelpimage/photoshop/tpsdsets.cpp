@@ -38,7 +38,7 @@ void TpsdFile::blendLayersInSet(const std::vector<TpsdLayer*>& layers, uint32_t 
   TpixelData16 scratch(format, width, height, true);
   for (size_t i = 0; i < layers.size(); ++i) {
     TpsdLayer& layer = *layers[i];
-    if (layer.fClipping || layer.fRect.bottom == layer.fRect.top || layer.isHidden()) continue;
+    if (layer.fClipping || layer.isEmpty() || layer.isHidden()) continue;
     scratch.initialize(0, 0);
     drawLayer(layer, scratch, width, height, format);
     if (i + 1 < layers.size() && layers[i + 1]->fClipping) clipLayersInSet(layers, i, scratch, width, height, format);
@@ -100,7 +100,7 @@ bool TpsdFile::isLayerSetVisible(const Tstring& name) const {
   if (fLayers.size() != fLayerCount) return false;
   for (int i = int(fLayers.size()) - 1; i >= 0; --i) {
     const TpsdLayer& l = *fLayers[size_t(i)];
-    if (l.fName != name) continue;
+    if (!l.isNamed(name)) continue;
     return !l.isHidden() && checkForLayerVisibility(i, 1, true);
   }
   return false;
@@ -110,7 +110,7 @@ bool TpsdFile::findLayerSet(const Tstring& name, int& head, int& end) const {
   // The head, from the top; its end is where the nesting returns to 0.
   head = end = -1;
   for (int i = int(fLayers.size()) - 1; i >= 0 && head < 0; --i)
-    if (fLayers[size_t(i)]->isSetHead() && fLayers[size_t(i)]->fName == name) head = i;
+    if (fLayers[size_t(i)]->isSetHead() && fLayers[size_t(i)]->isNamed(name)) head = i;
   for (int i = head, depth = 0; i >= 0 && end < 0; --i) {
     if (fLayers[size_t(i)]->isSetHead()) ++depth;
     if (fLayers[size_t(i)]->isSetEnd() && --depth == 0) end = i;
@@ -118,26 +118,13 @@ bool TpsdFile::findLayerSet(const Tstring& name, int& head, int& end) const {
   return head >= 0 && end >= 0;
 }
 
-bool TpsdFile::readLayerSetImage(const Tstring& name, TrgbaData*& out) {
-  out = nullptr;
-  TpsdStream s;
-  if (!walkLayers(s)) {
-    if (fLastError.isEmpty()) fail("has no layers");
-    return false;
-  }
-  int head = -1, end = -1;
-  if (!findLayerSet(name, head, end)) {
-    addWarningMessage(name, warnEmptyLayerSet);
-    fail(Tstring("has no layer set \"") + name + Tstring("\""));
-    return false;
-  }
+bool TpsdFile::compositeLayers(int first, int last, std::unique_ptr<TpixelData16>& current) {
   const uint32_t w = fImageWidth, h = fImageHeight;
-  if (head - end - 1 == 0 || !isLayerSetVisible(name)) addWarningMessage(name, warnEmptyLayerSet);
-  std::unique_ptr<TpixelData16> current;
   std::vector<TpsdLayer*> pending;
   std::vector<std::unique_ptr<TpixelData16>> stack;
-  for (int i = end + 1; i < head; ++i) {
+  for (int i = first; i < last; ++i) {
     TpsdLayer& layer = *fLayers[size_t(i)];
+    if (layer.fState == 2) continue;  // deleted
     if (!loadLayer(layer)) return false;
     if (layer.isSetEnd()) {
       if (!pending.empty()) blendLayersInSet(pending, w, h, fDataFormat, current);
@@ -170,6 +157,45 @@ bool TpsdFile::readLayerSetImage(const Tstring& name, TrgbaData*& out) {
     }
   }
   if (!pending.empty()) blendLayersInSet(pending, w, h, fDataFormat, current);
+  return true;
+}
+
+bool TpsdFile::readDocumentImage(TrgbaData*& out) {
+  out = nullptr;
+  return guarded(
+      [&] {
+        TpsdStream s;
+        if (!fCreated && !walkLayers(s) && !fLastError.isEmpty()) return false;
+        std::unique_ptr<TpixelData16> current;
+        if (!compositeLayers(0, int(fLayers.size()), current)) return false;
+        if (!current) {
+          current = std::make_unique<TpixelData16>(fDataFormat, fImageWidth, fImageHeight, true);
+          current->initialize(0, 0);
+          current->addChannel(channelTransparency, fImageWidth, fImageHeight, 0);
+        }
+        out = new TrgbaData(fImageWidth, fImageHeight, current.release(), 4, false);
+        return true;
+      },
+      false);
+}
+
+bool TpsdFile::readLayerSetImage(const Tstring& name, TrgbaData*& out) {
+  out = nullptr;
+  TpsdStream s;
+  if (!walkLayers(s)) {
+    if (fLastError.isEmpty()) fail("has no layers");
+    return false;
+  }
+  int head = -1, end = -1;
+  if (!findLayerSet(name, head, end)) {
+    addWarningMessage(name, warnEmptyLayerSet);
+    fail(Tstring("has no layer set \"") + name + Tstring("\""));
+    return false;
+  }
+  if (head - end - 1 == 0 || !isLayerSetVisible(name)) addWarningMessage(name, warnEmptyLayerSet);
+  std::unique_ptr<TpixelData16> current;
+  if (!compositeLayers(end + 1, head, current)) return false;
+  const uint32_t w = fImageWidth, h = fImageHeight;
   TpsdLayer& own = *fLayers[size_t(head)];
   if (!loadLayer(own)) return false;
   if (current) {

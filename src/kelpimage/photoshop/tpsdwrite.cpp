@@ -1,6 +1,6 @@
 // Writing a document: what was read goes out as the bytes it was, and what
-// the editing calls made is packed anew. The file is written under a
-// temporary name beside the target and renamed into place when whole.
+// the editing calls made is packed anew. The file is written with no name
+// and put in place when whole.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,7 +10,7 @@
 #include <cstring>
 #include <string>
 
-#include "kelpimage/base/tfilemode.h"
+#include "kelpimage/base/tatomicfile.h"
 #include "kelpimage/photoshop/psdguard.h"
 #include "kelpimage/photoshop/psdstream.h"
 #include "kelpimage/photoshop/tpsdfile.h"
@@ -220,22 +220,11 @@ bool TpsdFile::save(const TfilePath& path) {
   fLayerInfoSize = uint32_t(infoLength);
   fLayerMaskSize = int32_t(sectionLength);
 
-  // Under a temporary name beside the target, renamed when whole.
-  std::string final = target.str();
-  std::string temporary = final + ".tmp-XXXXXX";
-  int fd = mkstemp(temporary.data());
-  if (fd < 0) {
-    fail(Tstring("cannot be written: ") + Tstring(std::strerror(errno)));
-    return false;
-  }
-  // A normal file's permissions: the target's own when it exists.
-  struct stat old;
-  fchmod(fd, ::stat(final.c_str(), &old) == 0 ? old.st_mode & 07777 : newFileMode());
-  std::FILE* f = fdopen(fd, "wb");
+  // Written where no part of it shows, put in place when whole.
+  TatomicFile file(target.str());
+  std::FILE* f = file.isOpen() ? fdopen(::dup(file.fd()), "wb") : nullptr;
   if (!f) {
-    ::close(fd);
-    std::remove(temporary.c_str());
-    fail(Tstring("cannot be written"));
+    fail(file.isOpen() ? Tstring("cannot be written: ") + Tstring(std::strerror(errno)) : Tstring(file.reason()));
     return false;
   }
   TpsdOut o(f);
@@ -281,11 +270,14 @@ bool TpsdFile::save(const TfilePath& path) {
     writeRLEImageData(o, fChannelCount);
   else
     writeRawImageData(o, fChannelCount);
-  bool ok = o.ok() && std::fflush(f) == 0 && fsync(fd) == 0;
+  bool ok = o.ok() && std::fflush(f) == 0;
   ok = std::fclose(f) == 0 && ok;
-  if (!ok || std::rename(temporary.c_str(), final.c_str()) != 0) {
-    std::remove(temporary.c_str());
+  if (!ok) {
     fail(Tstring("cannot be written: ") + Tstring(std::strerror(errno ? errno : EIO)));
+    return false;  // the file goes with `file`; the target is as it was
+  }
+  if (!file.commit()) {
+    fail(Tstring(file.reason()));
     return false;
   }
   // Deleted layers are gone once written.
