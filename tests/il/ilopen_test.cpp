@@ -162,6 +162,17 @@ TEST(ILopen, InputFilterFromEnvironmentOrCall) {
   // Through a pipe as well: the parse gives back what it read ahead.
   EXPECT_EQ(widthOf("pipe:cat " + name + ".gz"), 77);
   EXPECT_EQ(ILinfilter(nullptr), nullptr);
+
+  // A filter that takes no file name filters the stream: it is never
+  // handed the name and "stdout" unless the default converter has been
+  // chosen (which no test before this one does in this process).
+  ASSERT_EQ(std::system(("gzip -dc " + name + ".gz | base64 > " + name + ".b64").c_str()), 0);
+  ASSERT_NE(ILinfilter("base64 -d"), nullptr);
+  EXPECT_EQ(widthOf(name + ".b64"), 77);
+  ILinfilter(nullptr);
+  setenv("ILICVT", "base64 -d", 1);
+  EXPECT_EQ(widthOf(name + ".b64"), 77);
+  unsetenv("ILICVT");
 }
 
 TEST(ILopen, OutputFilterAndPipes) {

@@ -23,6 +23,8 @@ struct Reporter : TerrorHandler {
     std::string text = message.str();
     while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
     if (text.empty()) return;
+    // A reason met again (a damaged file fails row after row) is said once.
+    if (tLast == text || tLast.find("; " + text) != std::string::npos || tLast.rfind(text + "; ", 0) == 0) return;
     tLast = tLast.empty() ? text : tLast + "; " + text;
   }
 };

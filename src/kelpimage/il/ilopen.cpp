@@ -136,8 +136,11 @@ bool onPath(const std::string& program) {
 
 // The input converter for a file that is not in the format: the caller's
 // text, else ILICVT, else the default converter when it is installed. Empty
-// when there is none.
-std::string chooseInFilter() {
+// when there is none. `byName` says whether it runs as a command given the
+// file's name ("CONVERTER NAME stdout"), which is the default converter's
+// way, and every converter's once the default has been chosen; otherwise it
+// filters the stream.
+std::string chooseInFilter(bool& byName) {
   Filters& fs = filters();
   std::lock_guard<std::mutex> guard(fs.lock);
   std::string text;
@@ -151,6 +154,7 @@ std::string chooseInFilter() {
     fs.defaultChosen = true;
   }
   fs.inUse = text;
+  byName = fs.defaultChosen;
   return text;
 }
 
@@ -176,7 +180,8 @@ ILimage* openForReading(ILimage* image, const char* mode) {
     ILfail(reported ? IL_EPARSE : IL_ENOIMAGE);
     return nullptr;
   }
-  std::string command = chooseInFilter();
+  bool byName = false;
+  std::string command = chooseInFilter(byName);
   if (command.empty()) {
     // Nothing can convert it: say what the bytes are not.
     closeImage(image);
@@ -184,7 +189,7 @@ ILimage* openForReading(ILimage* image, const char* mode) {
     return nullptr;
   }
   FLquietchildren quiet;
-  if (!(image->flags & (FL_PIPE | FL_STDIO | FL_FILTERED)) && !isPipe(image->name)) {
+  if (byName && !(image->flags & (FL_PIPE | FL_STDIO | FL_FILTERED)) && !isPipe(image->name)) {
     // The file can be opened again by name: the converter reads it itself.
     std::string pipe = "pipe:" + command + " " + shellQuote(image->name) + " stdout";
     if (!FLreopen(pipe.c_str(), mode, image)) {
@@ -192,8 +197,8 @@ ILimage* openForReading(ILimage* image, const char* mode) {
       return nullptr;
     }
   } else {
-    // Already streaming: only the name's extension can tell the default
-    // converter the format ("-s" becomes "-sf EXT").
+    // A filter of the stream. The default converter, already streaming,
+    // learns the format only from the name's extension ("-s" becomes "-sf EXT").
     if (const char* dot = std::strchr(image->name, '.'); dot && dot[1] && command == kDefaultInFilter)
       command += "f " + std::string(dot + 1);
     giveBackReadAhead(image);
