@@ -344,8 +344,10 @@ Imf::Compression compressionOf(float value, bool& known) {
 
 // The header of a file for `w`'s picture.
 Imf::Header headerFor(const Writer& w, const PxfImageData* image, Imf::Compression compression, float dpi) {
+  // The conversion out of IFF gives an aspect ratio of exactly 1 for square
+  // pixels, and the picture's shape times the pixels' otherwise.
   float pixelAspect = 1.0f;
-  if (image->aspectRatio > 0.0f && image->aspectWidth > 0 && image->aspectHeight > 0)
+  if (image->aspectRatio > 0.0f && image->aspectRatio != 1.0f && image->aspectWidth > 0 && image->aspectHeight > 0)
     pixelAspect = image->aspectRatio * float(image->aspectHeight) / float(image->aspectWidth);
   Imf::Header header(w.width, w.height, pixelAspect);
   header.compression() = compression;

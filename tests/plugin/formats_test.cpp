@@ -95,6 +95,7 @@ TEST(ExrPlugin, DepthSurvivesAndIsADistance) {
     Imf::InputFile file(dir.file("out.exr").c_str());
     const Imf::Header& header = file.header();
     EXPECT_EQ(header.lineOrder(), Imf::DECREASING_Y);
+    EXPECT_EQ(header.pixelAspectRatio(), 1.0f);  // square pixels, whatever the picture's shape
     EXPECT_EQ(header.channels().findChannel("R")->type, Imf::HALF);
     EXPECT_EQ(header.channels().findChannel("A")->type, Imf::HALF);
     ASSERT_NE(header.channels().findChannel("Z"), nullptr);
@@ -115,6 +116,11 @@ TEST(ExrPlugin, DepthSurvivesAndIsADistance) {
       }
 
     ASSERT_EQ(anytoiff(dir.file("out.exr").c_str(), dir.file("back.iff").c_str(), "exr", 0), 0);
+    ILimage* again = ILopen(dir.file("back.iff").c_str(), "r");
+    ASSERT_NE(again, nullptr);
+    ILgetheader(again);
+    EXPECT_EQ(again->prnum, again->prden);  // and square they come back
+    ILclose(again);
     Picture back = readIff(dir.file("back.iff"));
     ASSERT_EQ(back.z.size(), in.z.size());
     EXPECT_EQ(back.px, in.px);
