@@ -64,4 +64,7 @@ cp base.iff shots/take.e.0012
 [ "$("$kimg" find shots/grain.iff)" = shots/grain.iff.Z ]
 if "$kimg" find shots/plate.iff --frame 12 -v 2> err.txt; then exit 1; fi
 [ "$(grep -c '^tried ' err.txt)" = 20 ]
+# A name the search asks about twice is listed once.
+if "$kimg" find shots/none -v 2> err.txt; then exit 1; fi
+[ -z "$(grep '^tried ' err.txt | sort | uniq -d)" ] || { echo "FAIL: find -v repeats names"; exit 1; }
 echo "kimg sequences: all checks passed"

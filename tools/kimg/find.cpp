@@ -1,4 +1,5 @@
 // kimg find: the file a loose image name stands for, as a renderer finds it.
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -16,7 +17,8 @@ struct Noting : TdiskProjectMgr {
   std::vector<std::string> asked;
   bool findFile(const Tstring& name, TfileObjectTypeName::Trule rule, TfileObjectTypeName::Tlocation location,
                 int flag, Tstring& resolved) override {
-    asked.push_back(name.str());
+    // The search may ask about a name again: it is listed once.
+    if (std::find(asked.begin(), asked.end(), name.str()) == asked.end()) asked.push_back(name.str());
     return TdiskProjectMgr::findFile(name, rule, location, flag, resolved);
   }
 };
