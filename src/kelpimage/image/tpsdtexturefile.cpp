@@ -124,6 +124,8 @@ int TpsdTextureFile::create(const TfilePath& path) {
 int TpsdTextureFile::close() {
   if (!fPsd) return 0;
   bool ok = closePsdFile(fPsd);
+  auto* doc = dynamic_cast<zkPhotoshop::TpsdFile*>(fPsd);
+  fLastError = !ok && doc ? doc->lastError() : Tstring();
   if (!fCreated && fUseCache)
     fPsd = nullptr;  // it stays alive in the cache
   else {

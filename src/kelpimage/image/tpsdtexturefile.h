@@ -58,8 +58,10 @@ class KELP_API TpsdTextureFile {
   int openWithoutCache(const TfilePath& path, bool editMode);
   int create(const TfilePath& path, unsigned short width, unsigned short height);
   int create(const TfilePath& path);
-  // Saves a new or changed document that is not in edit mode; -1 when that fails.
+  // Saves a new or changed document that is not in edit mode; -1 when that
+  // fails, with the reason in lastError().
   int close();
+  const Tstring& lastError() const { return fLastError; }
   int saveAs(const TfilePath& path);
   void setResolutionX(unsigned short x) { fResolutionX = x; }
   void setResolutionY(unsigned short y) { fResolutionY = y; }
@@ -131,4 +133,5 @@ class KELP_API TpsdTextureFile {
   unsigned short fResolutionY = 256;
   bool fUseCache = false;
   bool fCreated = false;
+  Tstring fLastError;  // why the last close failed
 };

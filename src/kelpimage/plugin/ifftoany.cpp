@@ -305,7 +305,9 @@ static int iffToPsd(const char* input, const char* output) {
             psd.setCompositeImage(map) == 0 && psd.saveBackgroundImage(map, nullptr) == 0;
   auto* doc = dynamic_cast<zkPhotoshop::TpsdFile*>(psd.document());
   std::string why = doc ? doc->lastError().str() : std::string();
-  if (psd.close() != 0 || !ok) {
+  bool closed = psd.close() == 0;  // the document is saved here
+  if (why.empty()) why = psd.lastError().str();
+  if (!closed || !ok) {
     reportConversionError(why.empty() ? std::string(output) + ": cannot be written" : why);
     return -1;
   }
