@@ -139,9 +139,10 @@ KELP_API void ILconfig(uint32_t bits, int on);
 KELP_API uint32_t ILctrl(ILimage* image, uint32_t bits, int on);
 // The most pixels (width x height) a file's header may declare: larger
 // images are refused with IL_ERANGE before anything is allocated for them,
-// and so are images too large for the bytes the file holds. The default is
-// 2^30, or the KELP_MAX_PIXELS environment variable; `pixels` above 0 sets
-// it for the process. Returns the limit in force.
+// and so are images too large for the bytes the file holds. It is the
+// library's one pixel limit (TpixelLimit): 2^27 pixels by default, or the
+// KELP_MAX_PIXELS environment variable; `pixels` above 0 sets it for the
+// process. Returns the limit in force.
 KELP_API uint64_t ILmaxpixels(uint64_t pixels);
 KELP_API const char* ILinfilter(const char* text);
 KELP_API const char* ILoutfilter(const char* text);

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <string>
 
+#include "kelpimage/base/tlimits.h"
 #include "kelpimage/il/chunk/flio.h"
 #include "kelpimage/il/ilinternal.h"
 
@@ -232,23 +233,10 @@ int ILsetcompress(ILimage* image, uint32_t number) {
   return 0;
 }
 
-namespace {
-uint64_t pixelLimitFromEnvironment() {
-  const char* text = KelpGetEnv("KELP_MAX_PIXELS");
-  char* end = nullptr;
-  unsigned long long value = text ? std::strtoull(text, &end, 10) : 0;
-  return value > 0 && end && *end == '\0' ? uint64_t(value) : uint64_t(1) << 30;
-}
-
-std::atomic<uint64_t>& pixelLimit() {
-  static std::atomic<uint64_t> limit{pixelLimitFromEnvironment()};
-  return limit;
-}
-}  // namespace
-
 uint64_t ILmaxpixels(uint64_t pixels) {
-  if (pixels > 0) pixelLimit().store(pixels);
-  return pixelLimit().load();
+  // The library's one pixel limit.
+  if (pixels > 0) TpixelLimit::set(pixels);
+  return TpixelLimit::get();
 }
 
 int ILsetlookups(ILimage* image, uint8_t** lookups) {
