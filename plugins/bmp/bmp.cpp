@@ -14,7 +14,7 @@ namespace {
 
 struct State {
   pxfplugin::StbPicture picture;
-  FILE* file = nullptr;
+  PxfStream* out = nullptr;
   bool writing = false;
   int32_t width = 0, height = 0;
   int colors = 0;
@@ -30,51 +30,42 @@ int recognise(const uint8_t* b, size_t n) {
 }
 
 // What the file's header says stb cannot decode, or empty.
-std::string unsupported(const char* name) {
-  uint8_t b[34] = {};
-  FILE* f = std::fopen(name, "rb");
-  if (!f) return {};
-  size_t n = std::fread(b, 1, sizeof b, f);
-  std::fclose(f);
-  if (n < sizeof b || kelp::getLE32(b + 14) < 40) return {};
-  uint32_t compression = kelp::getLE32(b + 30);
+std::string unsupported(const std::vector<uint8_t>& b) {
+  if (b.size() < 34 || kelp::getLE32(b.data() + 14) < 40) return {};
+  uint32_t compression = kelp::getLE32(b.data() + 30);
   if (compression == 1 || compression == 2) return "run-length compressed BMP files are not read";
   if (compression == 4 || compression == 5) return "BMP files holding JPEG or PNG data are not read";
   return {};
 }
 
 // The horizontal resolution of a file's header, in dots an inch; 0 for none.
-float headerDpi(const char* name) {
-  uint8_t b[46] = {};
-  FILE* f = std::fopen(name, "rb");
-  if (!f) return 0.0f;
-  size_t n = std::fread(b, 1, sizeof b, f);
-  std::fclose(f);
-  if (n < sizeof b || kelp::getLE32(b + 14) < 40) return 0.0f;
-  int32_t perMetre = int32_t(kelp::getLE32(b + 38));
+float headerDpi(const std::vector<uint8_t>& b) {
+  if (b.size() < 46 || kelp::getLE32(b.data() + 14) < 40) return 0.0f;
+  int32_t perMetre = int32_t(kelp::getLE32(b.data() + 38));
   return perMetre > 0 ? float(double(perMetre) * 0.0254) : 0.0f;
 }
 
-void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* error, size_t size) {
-  auto* s = new State;
-  std::string why = unsupported(name);
+// Without run-length data, a byte holds at most 8 pixels (1 bit each).
+void* openRead(PxfStream* in, PxfImageData* image, int32_t* frames, char* error, size_t size) {
+  auto s = std::make_unique<State>();
+  bool read = pxfplugin::stbHeader(in, false, 8, s->picture, error, size);
+  // The file's bytes are there either way: a kind stb refuses says so.
+  std::string why = unsupported(s->picture.file);
   if (!why.empty()) fail(error, size, "%s", why.c_str());
-  if (!why.empty() || !pxfplugin::stbDecode(name, false, s->picture, error, size)) {
-    delete s;
-    return nullptr;
-  }
+  if (!read || !why.empty()) return nullptr;
   int n = s->picture.channels;
   pxfplugin::describePicture(image, s->picture.width, s->picture.height, PXF_TOP_DOWN, n >= 3 ? 3 : 1,
                              n == 2 || n == 4, 8);
-  float dpi = headerDpi(name);
+  image->compression = "none";
+  float dpi = headerDpi(s->picture.file);
   // 72 dots an inch is what a file says when it says nothing.
   if (dpi >= 1.0f && std::abs(dpi - 72.0f) > 0.05f) image->dpi = dpi;
   *frames = 1;
-  return s;
+  return s.release();
 }
 
-int readRow(void* state, int32_t row, void* const* channels, char* error, size_t size) {
-  return pxfplugin::stbRow(static_cast<State*>(state)->picture, row, channels, error, size);
+int readRow(void* state, int32_t row, void* const* channels, int64_t stride, char* error, size_t size) {
+  return pxfplugin::stbRow(static_cast<State*>(state)->picture, row, channels, stride, error, size);
 }
 
 // The file and information headers: 14 bytes, then 40 (24 bits) or 108
@@ -109,48 +100,41 @@ std::vector<uint8_t> headers(int32_t width, int32_t height, bool alpha, float dp
   return h;
 }
 
-void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*,
+void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*,
                 char* error, size_t size) {
   if (image->colorChannels == 0 || image->width() < 1 || image->height() < 1) {
     fail(error, size, "BMP pictures need colour channels and a size");
     return nullptr;
   }
-  auto* s = new State;
+  auto s = std::make_unique<State>();
   s->writing = true;
+  s->out = out;
   s->width = image->width();
   s->height = image->height();
   s->colors = image->colorChannels >= 3 ? 3 : 1;
   s->matte = image->matteChannels > 0;
   s->line.assign((size_t(s->width) * (s->matte ? 4 : 3) + 3) & ~size_t(3), 0);
-  s->file = std::fopen(name, "wb");
-  if (!s->file) {
-    fail(error, size, "%s", std::strerror(errno));
-    delete s;
-    return nullptr;
-  }
   std::vector<uint8_t> h = headers(s->width, s->height, s->matte, pxfplugin::setting(settings, pxfplugin::kDpiCode, 0.0f));
-  if (std::fwrite(h.data(), 1, h.size(), s->file) != h.size()) {
-    fail(error, size, "%s", std::strerror(errno));
-    std::fclose(s->file);
-    delete s;
+  if (out->write(out->user, h.data(), int64_t(h.size())) < 0) {
+    fail(error, size, "%s", pxfplugin::streamError(out, "cannot be written"));
     return nullptr;
   }
-  return s;
+  return s.release();
 }
 
-int writeRow(void* state, int32_t row, const void* const* channels, char* error, size_t size) {
+int writeRow(void* state, int32_t row, const void* const* channels, int64_t stride, char* error, size_t size) {
   auto* s = static_cast<State*>(state);
   if (row != s->next) return fail(error, size, "rows are written from the bottom up only");
   int step = s->matte ? 4 : 3;
-  auto sample = [&](int c, int32_t x) { return static_cast<const uint8_t*>(channels[c])[x]; };
+  auto sample = [&](int c, int32_t x) { return pxfplugin::sampleOf<uint8_t>(channels[c], stride, x); };
   for (int32_t x = 0; x < s->width; ++x) {
     uint8_t* p = s->line.data() + size_t(x) * size_t(step);
     uint8_t r = sample(0, x), g = s->colors == 3 ? sample(1, x) : r, b = s->colors == 3 ? sample(2, x) : r;
     p[0] = b, p[1] = g, p[2] = r;
     if (s->matte) p[3] = sample(s->colors, x);
   }
-  if (std::fwrite(s->line.data(), 1, s->line.size(), s->file) != s->line.size())
-    return fail(error, size, "%s", std::strerror(errno));
+  if (s->out->write(s->out->user, s->line.data(), int64_t(s->line.size())) < 0)
+    return fail(error, size, "%s", pxfplugin::streamError(s->out, "cannot be written"));
   s->next++;
   return 0;
 }
@@ -158,12 +142,12 @@ int writeRow(void* state, int32_t row, const void* const* channels, char* error,
 int closeFile(void* state, char* error, size_t size) {
   auto* s = static_cast<State*>(state);
   int rc = 0;
-  if (s->writing) rc = pxfplugin::finishWritten(s->file, s->next, s->height, error, size);
+  if (s->writing && s->next != s->height) rc = fail(error, size, "only %d of %d rows were written", s->next, s->height);
   delete s;
   return rc;
 }
 
-const PxfCapability kCapabilities[] = {{pxfplugin::kDpiCode, "DPI Resolution", 1, 2}};
+const PxfCapability kCapabilities[] = {pxfplugin::dpiCapability()};
 
 }  // namespace
 

@@ -1,34 +1,38 @@
-// What the stb-based plug-ins share: a picture decoded whole through stb
-// from a file whose size is checked against the library's pixel limit
-// first, and a picture gathered whole for an stb encoder. stb reads zeros
-// past the end of a file without a word; the reader's callbacks notice, and
-// a file that ends early is an error.
+// What the stb-based plug-ins share: a file read into memory at the open,
+// its header told and its size checked there, its pixels decoded whole by
+// stb at the first row; and a picture gathered whole for an stb encoder,
+// which writes it to the framework's stream.
 #pragma once
 
-#include <cerrno>
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <stb/stb_image.h>
 #include <stb/stb_image_write.h>
 
-#include "kelpimage/plugin/pxf.h"
 #include "plugin_util.h"
 
 namespace pxfplugin {
 
-// A file read through stb's callbacks.
+// The file's bytes through stb's callbacks. stb reads zeros past the end of
+// its input without a word; this source notices, and a file that ends
+// early is an error.
 struct StbSource {
-  FILE* file = nullptr;
+  const std::vector<uint8_t>* bytes = nullptr;
+  size_t at = 0;
   bool overrun = false;  // the decoder asked for bytes the file does not have
 
   static int read(void* user, char* data, int size) {
     auto* s = static_cast<StbSource*>(user);
-    size_t n = std::fread(data, 1, size_t(size), s->file);
+    size_t n = std::min(size_t(size > 0 ? size : 0), s->bytes->size() - s->at);
+    std::memcpy(data, s->bytes->data() + s->at, n);
+    s->at += n;
     if (n > 0 || size <= 0) return int(n);
     // Line ends: they close every header line a decoder may be looking for
     // the end of, and in pixel data they are counts of 10 (Radiance) or
@@ -39,15 +43,20 @@ struct StbSource {
   }
   static void skip(void* user, int n) {
     auto* s = static_cast<StbSource*>(user);
-    std::fseek(s->file, n, SEEK_CUR);
+    if (n < 0) s->at = size_t(std::max<int64_t>(0, int64_t(s->at) + n));
+    else s->at = std::min(s->bytes->size(), s->at + size_t(n));
   }
-  static int eof(void* user) { return std::feof(static_cast<StbSource*>(user)->file) ? 1 : 0; }
+  static int eof(void* user) {
+    auto* s = static_cast<StbSource*>(user);
+    return s->at >= s->bytes->size() ? 1 : 0;
+  }
   static constexpr stbi_io_callbacks callbacks{read, skip, eof};
 };
 
-// A picture decoded whole: rows from the top, `channels` samples a pixel,
-// bytes (8-bit) or floats.
+// A picture read: the file's bytes, its header, and once decoded its rows
+// from the top, `channels` samples a pixel, bytes (8-bit) or floats.
 struct StbPicture {
+  std::vector<uint8_t> file;
   int32_t width = 0, height = 0;
   int channels = 0;
   bool floats = false;
@@ -55,43 +64,56 @@ struct StbPicture {
   ~StbPicture() { stbi_image_free(pixels); }
 };
 
-// Decodes `name`: floats when `asFloat`. False with the reason in `error`.
-inline bool stbDecode(const char* name, bool asFloat, StbPicture& picture, char* error, size_t size) {
-  StbSource source;
-  source.file = std::fopen(name, "rb");
-  if (!source.file) return fail(error, size, "%s", std::strerror(errno)), false;
+// Reads the stream and its header: false with the reason. A picture larger
+// than the pixel limit, or than the file could hold at `pixelsPerByte`
+// pixels a byte, is refused here.
+inline bool stbHeader(PxfStream* in, bool asFloat, uint64_t pixelsPerByte, StbPicture& p, char* error, size_t size) {
+  if (!readWhole(in, p.file, error, size)) return false;
+  if (p.file.size() > size_t(INT32_MAX)) return fail(error, size, "the file is too large for this reader"), false;
   int w = 0, h = 0, n = 0;
-  bool ok = stbi_info_from_callbacks(&StbSource::callbacks, &source, &w, &h, &n) != 0;
-  std::string why;
-  if (!ok) {
-    why = stbi_failure_reason() ? stbi_failure_reason() : "not a picture of this format";
-  } else if (w < 1 || h < 1 || !wholeAllowed(uint64_t(w), uint64_t(h))) {
-    why = "picture of " + std::to_string(w) + " x " + std::to_string(h) + " pixels is beyond the pixel limit";
+  StbSource source{&p.file, 0, false};
+  if (!stbi_info_from_callbacks(&StbSource::callbacks, &source, &w, &h, &n) || source.overrun) {
+    const char* why = stbi_failure_reason();
+    return fail(error, size, "%s", why ? why : "not a picture of this format"), false;
   }
-  if (why.empty()) {
-    std::rewind(source.file);
-    source.overrun = false;
-    picture.floats = asFloat;
-    picture.pixels = asFloat ? static_cast<void*>(stbi_loadf_from_callbacks(&StbSource::callbacks, &source, &w, &h, &n, 0))
-                             : static_cast<void*>(stbi_load_from_callbacks(&StbSource::callbacks, &source, &w, &h, &n, 0));
-    if (!picture.pixels) why = stbi_failure_reason() ? stbi_failure_reason() : "cannot be decoded";
-    else if (source.overrun || std::ferror(source.file)) why = "the file ends before its pixels do";
+  if (!TplausibleSize(uint64_t(w), uint64_t(h), int64_t(p.file.size()), pixelsPerByte) ||
+      !sizeAllowed(uint64_t(w), uint64_t(h), nullptr, 0, error, size)) {
+    if (!TplausibleSize(uint64_t(w), uint64_t(h), int64_t(p.file.size()), pixelsPerByte))
+      fail(error, size, "a file of %zu bytes cannot hold a picture of %d x %d pixels: it is damaged", p.file.size(), w, h);
+    return false;
   }
-  std::fclose(source.file);
-  if (!why.empty()) return fail(error, size, "%s", why.c_str()), false;
-  picture.width = w;
-  picture.height = h;
-  picture.channels = n;
+  p.width = w;
+  p.height = h;
+  p.channels = n;
+  p.floats = asFloat;
   return true;
 }
 
-// Hands row `row` (counted from the bottom) of a decoded picture to the
-// framework's channel buffers: bytes or floats as decoded.
-inline int stbRow(const StbPicture& p, int32_t row, void* const* channels, char* error, size_t size) {
+// Decodes the picture whole, once; false with the reason.
+inline bool stbDecode(StbPicture& p, char* error, size_t size) {
+  if (p.pixels) return true;
+  int w = 0, h = 0, n = 0;
+  StbSource source{&p.file, 0, false};
+  p.pixels = p.floats ? static_cast<void*>(stbi_loadf_from_callbacks(&StbSource::callbacks, &source, &w, &h, &n, 0))
+                      : static_cast<void*>(stbi_load_from_callbacks(&StbSource::callbacks, &source, &w, &h, &n, 0));
+  if (!p.pixels) {
+    const char* why = stbi_failure_reason();
+    return fail(error, size, "%s", why ? why : "the picture cannot be decoded"), false;
+  }
+  if (source.overrun) return fail(error, size, "the file ends before its pixels do"), false;
+  if (w != p.width || h != p.height || n != p.channels) return fail(error, size, "the picture is not what its header says"), false;
+  p.file = std::vector<uint8_t>();  // done with
+  return true;
+}
+
+// Hands row `row` (counted from the bottom) of the picture to the
+// framework's channels, decoding it first if need be.
+inline int stbRow(StbPicture& p, int32_t row, void* const* channels, int64_t stride, char* error, size_t size) {
+  if (!stbDecode(p, error, size)) return -1;
   if (row < 0 || row >= p.height) return fail(error, size, "no row %d", row);
   size_t bytes = p.floats ? 4 : 1;
   auto* line = static_cast<const uint8_t*>(p.pixels) + size_t(p.height - 1 - row) * size_t(p.width) * size_t(p.channels) * bytes;
-  deinterleave(line, p.channels, int(bytes), channels, 0, p.channels, p.width);
+  deinterleave(line, p.channels, int(bytes), channels, stride, 0, p.channels, p.width);
   return 0;
 }
 
@@ -105,7 +127,7 @@ struct StbCanvas {
 
   // False when the picture is beyond the pixel limit.
   bool start(int32_t w, int32_t h, int n, int sampleBytes) {
-    if (w < 1 || h < 1 || !wholeAllowed(uint64_t(w), uint64_t(h))) return false;
+    if (!TpixelLimit::allows(uint64_t(w), uint64_t(h))) return false;
     width = w, height = h, channels = n, bytes = sampleBytes;
     pixels.assign(size_t(w) * size_t(h) * size_t(n) * size_t(sampleBytes), 0);
     return true;
@@ -115,33 +137,26 @@ struct StbCanvas {
 
 // The stream an stb encoder writes to, keeping its first failure.
 struct StbSink {
-  FILE* file = nullptr;
+  PxfStream* stream = nullptr;
   bool failed = false;
-  int reason = 0;
   static void write(void* user, void* data, int size) {
     auto* s = static_cast<StbSink*>(user);
-    if (!s->failed && std::fwrite(data, 1, size_t(size), s->file) != size_t(size)) {
-      s->failed = true;
-      s->reason = errno;
-    }
+    if (!s->failed && s->stream->write(s->stream->user, data, size) < 0) s->failed = true;
   }
 };
 
-// Writes a gathered picture to `name` with `encode(canvas, sink)` (an
+// Writes a gathered picture with `encode(canvas, sink)` (an
 // stbi_write_*_to_func call); 0, or -1 with the reason.
 template <typename Encode>
-int stbWrite(const char* name, const StbCanvas& canvas, Encode encode, char* error, size_t size) {
+int stbWrite(PxfStream* out, const StbCanvas& canvas, Encode encode, char* error, size_t size) {
   if (canvas.rows != canvas.height)
     return fail(error, size, "only %d of %d rows were written", canvas.rows, canvas.height);
   StbSink sink;
-  sink.file = std::fopen(name, "wb");
-  if (!sink.file) return fail(error, size, "%s", std::strerror(errno));
+  sink.stream = out;
   bool encoded = encode(canvas, &sink) != 0;
-  int rc = 0;
-  if (sink.failed) rc = fail(error, size, "%s", std::strerror(sink.reason));
-  else if (!encoded) rc = fail(error, size, "the encoder failed");
-  if (closeWritten(sink.file, rc == 0 ? error : nullptr, size) != 0) rc = -1;
-  return rc;
+  if (sink.failed) return fail(error, size, "%s", streamError(out, "cannot be written"));
+  if (!encoded) return fail(error, size, "the encoder failed");
+  return 0;
 }
 
 // What an stb plug-in keeps between calls: the picture it read, or the
@@ -149,52 +164,50 @@ int stbWrite(const char* name, const StbCanvas& canvas, Encode encode, char* err
 struct StbState {
   StbPicture picture;
   StbCanvas canvas;
-  std::string name;  // the file to write
+  PxfStream* out = nullptr;  // the stream to write
   bool writing = false;
   int32_t bits = 8;  // of the samples handed in for writing
+  bool floats = false;
   int colors = 0;    // colour channels handed in for writing
 };
 
-// Decodes `name` into a new state; null after the reason.
-inline StbState* stbOpen(const char* name, bool asFloat, char* error, size_t size) {
-  auto* s = new StbState;
-  if (!stbDecode(name, asFloat, s->picture, error, size)) {
-    delete s;
-    return nullptr;
-  }
-  return s;
+// Reads a stream's header into a new state; null after the reason.
+inline StbState* stbOpen(PxfStream* in, bool asFloat, uint64_t pixelsPerByte, char* error, size_t size) {
+  auto s = std::make_unique<StbState>();
+  if (!stbHeader(in, asFloat, pixelsPerByte, s->picture, error, size)) return nullptr;
+  return s.release();
 }
 
-inline int stbReadRow(void* state, int32_t row, void* const* channels, char* error, size_t size) {
-  return stbRow(static_cast<StbState*>(state)->picture, row, channels, error, size);
+inline int stbReadRow(void* state, int32_t row, void* const* channels, int64_t stride, char* error, size_t size) {
+  return stbRow(static_cast<StbState*>(state)->picture, row, channels, stride, error, size);
 }
 
-// A state that gathers the picture `image` describes for writing to `name`,
+// A state that gathers the picture `image` describes for writing to `out`,
 // as `channels` samples of `bytes` a pixel; null after the reason.
-inline StbState* stbStartWriting(const char* name, const PxfImageData* image, int channels, int bytes,
+inline StbState* stbStartWriting(PxfStream* out, const PxfImageData* image, int channels, int bytes,
                                  const char* format, char* error, size_t size) {
   if (image->colorChannels == 0) {
     fail(error, size, "%s pictures need colour channels", format);
     return nullptr;
   }
-  auto* s = new StbState;
+  auto s = std::make_unique<StbState>();
   s->writing = true;
-  s->name = name;
+  s->out = out;
   s->bits = image->colorBits;
+  s->floats = image->colorKind == PXF_FLOAT && image->colorBits == 32;
   s->colors = image->colorChannels >= 3 ? 3 : 1;
   if (!s->canvas.start(image->width(), image->height(), channels, bytes)) {
-    fail(error, size, "picture of %d x %d pixels is beyond the pixel limit", image->width(), image->height());
-    delete s;
+    fail(error, size, "%s", TpixelLimit::refusal(uint64_t(image->width()), uint64_t(image->height())).c_str());
     return nullptr;
   }
-  return s;
+  return s.release();
 }
 
-// Ends a state: a written picture goes to its file through `encode`.
+// Ends a state: a written picture goes to its stream through `encode`.
 template <typename Encode>
 int stbClose(void* state, Encode encode, char* error, size_t size) {
   auto* s = static_cast<StbState*>(state);
-  int rc = s->writing ? stbWrite(s->name.c_str(), s->canvas, encode, error, size) : 0;
+  int rc = s->writing ? stbWrite(s->out, s->canvas, encode, error, size) : 0;
   delete s;
   return rc;
 }

@@ -1,10 +1,14 @@
 // The OpenEXR plug-in, on OpenEXR 3: scan-line and tiled files with half,
 // float or unsigned integer channels R, G, B or Y, A and Z; of a file of
 // several parts, the first that holds colour. Colour and alpha reach the
-// framework as 16-bit integers (the 0 to 1 range, clamped), so that a
-// picture stored from 8 bits comes back to the same 8 bits; Z, a camera
+// framework as 32-bit floats, whole (above 1 and below 0 too), for a caller
+// that takes floats, and otherwise as 16-bit integers (the 0 to 1 range,
+// clamped), so that a picture stored from 8 bits comes back to the same 8
+// bits; Z, a camera
 // distance, becomes IFF depth -1/Z as floats, and goes back the same way.
-// OpenEXR reports errors by exceptions: every entry point catches them.
+// The data window's place in the display window and the pixels' aspect are
+// told. Bytes go through the framework's stream. OpenEXR reports errors by
+// exceptions: every entry point catches them.
 #include <ImfChannelList.h>
 #include <ImfFrameBuffer.h>
 #include <ImfHeader.h>
@@ -102,6 +106,54 @@ const Imath::half* byteHalves() {
   return table.data();
 }
 
+// The framework's stream as OpenEXR's input.
+class InStream : public Imf::IStream {
+ public:
+  explicit InStream(PxfStream* stream) : Imf::IStream(stream->name ? stream->name : "OpenEXR"), stream_(stream) {}
+  bool read(char c[], int n) override {
+    while (n > 0) {
+      int64_t got = stream_->read(stream_->user, c, n);
+      if (got < 0) throw std::runtime_error(pxfplugin::streamError(stream_, "the file cannot be read"));
+      if (got == 0) throw std::runtime_error("the file ends early");
+      c += got;
+      n -= int(got);
+    }
+    return true;
+  }
+  uint64_t tellg() override { return uint64_t(stream_->tell(stream_->user)); }
+  void seekg(uint64_t pos) override {
+    if (stream_->seek(stream_->user, int64_t(pos)) != 0) throw std::runtime_error("the file cannot be read out of order");
+  }
+
+ private:
+  PxfStream* stream_;
+};
+
+// The framework's stream as OpenEXR's output, keeping the first failure:
+// OpenEXR finishes a file in its destructor, which swallows them.
+class OutStream : public Imf::OStream {
+ public:
+  explicit OutStream(PxfStream* stream) : Imf::OStream(stream->name ? stream->name : "OpenEXR"), stream_(stream) {}
+  void write(const char c[], int n) override {
+    if (stream_->write(stream_->user, c, n) < 0) fail();
+  }
+  uint64_t tellp() override { return uint64_t(stream_->tell(stream_->user)); }
+  void seekp(uint64_t pos) override {
+    if (stream_->seek(stream_->user, int64_t(pos)) != 0) fail();
+  }
+  // The reason of the first failure, or empty.
+  const std::string& reason() const { return reason_; }
+
+ private:
+  void fail() {
+    if (reason_.empty()) reason_ = pxfplugin::streamError(stream_, "cannot be written");
+    throw std::runtime_error(reason_);
+  }
+  PxfStream* stream_;
+  std::string reason_;
+};
+
+// A float of 0 to 1 as a 16-bit sample, rounded; what lies outside clamped.
 uint16_t toSample(float v) {
   if (!(v > 0.0f)) return 0;  // NaN too
   if (v >= 1.0f) return 65535;
@@ -109,11 +161,13 @@ uint16_t toSample(float v) {
 }
 
 struct Reader {
+  std::unique_ptr<InStream> stream;
   std::unique_ptr<Imf::MultiPartInputFile> file;
   std::unique_ptr<Imf::InputPart> part;
   Imath::Box2i window;
   int32_t width = 0, height = 0;
   bool present[kSlots] = {};
+  bool floats = false;  // colour goes out as floats, else as 16-bit integers
   bool grey = false;
   bool uintSamples[kSlots] = {};
   int32_t band = 0;
@@ -122,45 +176,14 @@ struct Reader {
   std::vector<uint32_t> integers[kSlots];  // UINT slices
 };
 
-// The file a picture is written to, through stdio, keeping the first
-// failure: OpenEXR finishes a file in its destructor, which swallows them.
-class FileStream : public Imf::OStream {
- public:
-  explicit FileStream(const char* name) : Imf::OStream(name), file_(std::fopen(name, "wb")) {
-    if (!file_) throw std::runtime_error(std::strerror(errno));
-  }
-  ~FileStream() override {
-    if (file_) std::fclose(file_);
-  }
-  void write(const char c[], int n) override {
-    if (std::fwrite(c, 1, size_t(n), file_) != size_t(n)) fail();
-  }
-  uint64_t tellp() override { return uint64_t(::ftello(file_)); }
-  void seekp(uint64_t pos) override {
-    if (::fseeko(file_, off_t(pos), SEEK_SET) != 0) fail();
-  }
-  // Closes the file; the reason of the first failure, or empty.
-  std::string finish() {
-    if (file_ && pxfplugin::closeWritten(file_, nullptr, 0) != 0 && reason_.empty()) reason_ = std::strerror(errno);
-    return reason_;
-  }
-
- private:
-  void fail() {
-    if (reason_.empty()) reason_ = std::strerror(errno);
-    throw std::runtime_error(reason_);
-  }
-  FILE* file_;
-  std::string reason_;
-};
-
 struct Writer {
-  std::unique_ptr<FileStream> stream;
+  std::unique_ptr<OutStream> stream;
   std::unique_ptr<Imf::OutputFile> file;
   int32_t width = 0, height = 0;
   int colors = 0;
   bool matte = false, depth = false;
   int32_t bits = 8;
+  bool floats = false;  // the samples handed in are floats
   bool decreasing = false;
   int32_t band = 0;
   int32_t bandLow = 0;   // the first line (from the top) the band's buffer stands for
@@ -203,19 +226,42 @@ void describe(Reader& r, PxfImageData* image, const Imf::Header& h) {
     r.uintSamples[s] = c && c->type == Imf::UINT;
   }
   r.grey = !r.present[kRed] && !r.present[kGreen] && !r.present[kBlue];
+  const Imf::Channel* first = ch.findChannel(r.grey ? "Y" : r.present[kRed] ? "R" : r.present[kGreen] ? "G" : "B");
   if (r.grey) {
     r.present[kRed] = true;
-    r.uintSamples[kRed] = ch.findChannel("Y")->type == Imf::UINT;
+    r.uintSamples[kRed] = first->type == Imf::UINT;
   }
-  pxfplugin::describePicture(image, r.width, r.height, PXF_TOP_DOWN, r.grey ? 1 : 3, r.present[kAlpha], 16);
+  r.floats = image->wantsFloats != 0;
+  pxfplugin::describePicture(image, r.width, r.height, PXF_TOP_DOWN, r.grey ? 1 : 3, r.present[kAlpha],
+                             r.floats ? 32 : 16);
+  if (r.floats) image->colorKind = image->matteKind = PXF_FLOAT;
+  image->storedKind = first->type == Imf::HALF ? PXF_STORED_HALF : first->type == Imf::FLOAT ? PXF_STORED_FLOAT
+                                                                                               : PXF_STORED_INTEGER;
+  image->storedBits = first->type == Imf::HALF ? 16 : 32;
+  image->association = PXF_PREMULTIPLIED;  // OpenEXR's colour is premultiplied by definition
   if (r.present[kDepth]) {
     image->depthChannels = 1;
     image->depthKind = PXF_FLOAT;
     image->depthBits = 32;
   }
+  const Imath::Box2i& display = h.displayWindow();
+  image->originX = r.window.min.x - display.min.x;
+  image->originY = r.window.min.y - display.min.y;
+  image->fullWidth = display.max.x - display.min.x + 1;
+  image->fullHeight = display.max.y - display.min.y + 1;
   float pixelAspect = h.pixelAspectRatio();
-  if (pixelAspect > 0.0f && pixelAspect != 1.0f) image->aspectRatio = image->aspectRatio * pixelAspect;
+  if (pixelAspect > 0.0f && std::isfinite(pixelAspect)) {
+    image->pixelAspect = pixelAspect;
+    if (pixelAspect != 1.0f) image->aspectRatio = image->aspectRatio * pixelAspect;
+  }
   if (Imf::hasXDensity(h) && Imf::xDensity(h) > 0.0f) image->dpi = Imf::xDensity(h);
+  static const char* const kCompressions[] = {"none", "RLE", "ZIPS", "ZIP", "PIZ", "PXR24", "B44", "B44A", "DWAA", "DWAB"};
+  int c = int(h.compression());
+  image->compression = c >= 0 && c < 10 ? kCompressions[c] : "other";
+  if (h.hasTileDescription()) {
+    image->tileWidth = int32_t(h.tileDescription().xSize);
+    image->tileHeight = int32_t(h.tileDescription().ySize);
+  }
 }
 
 // Checks the channels the picture is made of: full resolution only.
@@ -231,10 +277,11 @@ bool sampledFully(const Imf::Header& h, std::string& why) {
   return true;
 }
 
-// Opens `name`'s first part with colour; 0, or -1 with the reason.
-int openReader(const char* name, Reader& r, PxfImageData* image, char* error, size_t size) {
+// Opens the stream's first part with colour; 0, or -1 with the reason.
+int openReader(PxfStream* in, Reader& r, PxfImageData* image, char* error, size_t size) {
   startThreads();
-  r.file = std::make_unique<Imf::MultiPartInputFile>(name);
+  r.stream = std::make_unique<InStream>(in);
+  r.file = std::make_unique<Imf::MultiPartInputFile>(*r.stream);
   int part = colourPart(*r.file);
   if (part < 0) return fail(error, size, "no part of the file has R, G, B or Y channels");
   const Imf::Header& h = r.file->header(part);
@@ -242,8 +289,10 @@ int openReader(const char* name, Reader& r, PxfImageData* image, char* error, si
   if (!sampledFully(h, why)) return fail(error, size, "%s", why.c_str());
   r.window = h.dataWindow();
   int64_t w = int64_t(r.window.max.x) - r.window.min.x + 1, ht = int64_t(r.window.max.y) - r.window.min.y + 1;
-  if (w < 1 || ht < 1 || w > kMaxWidth || ht > kMaxWidth || !pxfplugin::wholeAllowed(uint64_t(w), uint64_t(ht)))
-    return fail(error, size, "data window of %lld x %lld pixels is out of range", (long long)w, (long long)ht);
+  if (w < 1 || ht < 1 || w > kMaxWidth || ht > kMaxWidth)
+    return fail(error, size, "a data window of %lld x %lld pixels is out of range", (long long)w, (long long)ht);
+  // Deflate holds at most 1032 bytes in one, and a pixel takes 2 at the least.
+  if (!pxfplugin::sizeAllowed(uint64_t(w), uint64_t(ht), in, 1032, error, size)) return -1;
   r.width = int32_t(w);
   r.height = int32_t(ht);
   r.part = std::make_unique<Imf::InputPart>(*r.file, part);
@@ -252,9 +301,9 @@ int openReader(const char* name, Reader& r, PxfImageData* image, char* error, si
   return 0;
 }
 
-void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* error, size_t size) {
+void* openRead(PxfStream* in, PxfImageData* image, int32_t* frames, char* error, size_t size) {
   auto r = std::make_unique<Reader>();
-  if (guarded(error, size, [&] { return openReader(name, *r, image, error, size); }) != 0) return nullptr;
+  if (guarded(error, size, [&] { return openReader(in, *r, image, error, size); }) != 0) return nullptr;
   *frames = 1;
   auto* s = new State;
   s->reader = std::move(r);
@@ -284,7 +333,7 @@ void loadBand(Reader& r, int32_t first) {
   r.bandCount = count;
 }
 
-int readRow(void* state, int32_t row, void* const* channels, char* error, size_t size) {
+int readRow(void* state, int32_t row, void* const* channels, int64_t stride, char* error, size_t size) {
   auto* s = static_cast<State*>(state);
   if (!s->reader) return fail(error, size, "the file is open for writing");
   Reader& r = *s->reader;
@@ -300,17 +349,14 @@ int readRow(void* state, int32_t row, void* const* channels, char* error, size_t
   size_t at = size_t(line - r.bandFirst) * size_t(r.width);
   int out = 0;
   auto colour = [&](int slot) {
-    auto* to = static_cast<uint16_t*>(channels[out++]);
-    if (!r.present[slot]) {  // a colour channel the file lacks reads as 0
-      std::fill(to, to + r.width, uint16_t(0));
-      return;
-    }
-    if (r.uintSamples[slot]) {
-      const uint32_t* from = r.integers[slot].data() + at;
-      for (int32_t x = 0; x < r.width; ++x) to[x] = uint16_t(from[x] >> 16);
-    } else {
-      const float* from = r.samples[slot].data() + at;
-      for (int32_t x = 0; x < r.width; ++x) to[x] = toSample(from[x]);
+    void* to = channels[out++];
+    for (int32_t x = 0; x < r.width; ++x) {
+      // A colour channel the file lacks reads as 0.
+      float v = !r.present[slot]          ? 0.0f
+                : r.uintSamples[slot] ? float(double(r.integers[slot][at + size_t(x)]) / 4294967295.0)
+                                      : r.samples[slot][at + size_t(x)];
+      if (r.floats) std::memcpy(pxfplugin::sampleAt<float>(to, stride, x), &v, 4);
+      else *pxfplugin::sampleAt<uint16_t>(to, stride, x) = toSample(v);
     }
   };
   colour(kRed);
@@ -320,11 +366,11 @@ int readRow(void* state, int32_t row, void* const* channels, char* error, size_t
   }
   if (r.present[kAlpha]) colour(kAlpha);
   if (r.present[kDepth]) {
-    auto* to = static_cast<float*>(channels[out]);
     for (int32_t x = 0; x < r.width; ++x) {
       double z = r.uintSamples[kDepth] ? double(r.integers[kDepth][at + size_t(x)]) : r.samples[kDepth][at + size_t(x)];
       // A distance of 0, below it or infinite is no depth at all.
-      to[x] = (std::isfinite(z) && z > 0.0) ? float(-1.0 / z) : 0.0f;
+      float v = (std::isfinite(z) && z > 0.0) ? float(-1.0 / z) : 0.0f;
+      std::memcpy(pxfplugin::sampleAt<float>(channels[out], stride, x), &v, 4);
     }
   }
   return 0;
@@ -342,14 +388,16 @@ Imf::Compression compressionOf(float value, bool& known) {
   }
 }
 
-// The header of a file for `w`'s picture.
+// The header of a file for `w`'s picture: its data window at its place in
+// the display window.
 Imf::Header headerFor(const Writer& w, const PxfImageData* image, Imf::Compression compression, float dpi) {
-  // The conversion out of IFF gives an aspect ratio of exactly 1 for square
-  // pixels, and the picture's shape times the pixels' otherwise.
-  float pixelAspect = 1.0f;
-  if (image->aspectRatio > 0.0f && image->aspectRatio != 1.0f && image->aspectWidth > 0 && image->aspectHeight > 0)
-    pixelAspect = image->aspectRatio * float(image->aspectHeight) / float(image->aspectWidth);
-  Imf::Header header(w.width, w.height, pixelAspect);
+  float pixelAspect = image->pixelAspect > 0.0f && std::isfinite(image->pixelAspect) ? image->pixelAspect : 1.0f;
+  int32_t fullWidth = image->fullWidth > 0 ? image->fullWidth : w.width;
+  int32_t fullHeight = image->fullHeight > 0 ? image->fullHeight : w.height;
+  Imath::Box2i display(Imath::V2i(0, 0), Imath::V2i(fullWidth - 1, fullHeight - 1));
+  Imath::Box2i data(Imath::V2i(image->originX, image->originY),
+                    Imath::V2i(image->originX + w.width - 1, image->originY + w.height - 1));
+  Imf::Header header(display, data, pixelAspect);
   header.compression() = compression;
   header.lineOrder() = w.decreasing ? Imf::DECREASING_Y : Imf::INCREASING_Y;
   const char* colours[3] = {"R", "G", "B"};
@@ -360,7 +408,7 @@ Imf::Header headerFor(const Writer& w, const PxfImageData* image, Imf::Compressi
   return header;
 }
 
-void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*,
+void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*,
                 char* error, size_t size) {
   if (image->colorChannels == 0 || image->width() < 1 || image->height() < 1 || image->width() > kMaxWidth) {
     fail(error, size, "OpenEXR pictures need colour channels and a size");
@@ -381,8 +429,11 @@ void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* cons
   w->matte = image->matteChannels > 0;
   w->depth = image->depthChannels > 0;
   w->bits = image->colorBits;
+  w->floats = image->colorKind == PXF_FLOAT && image->colorBits == 32;
   w->decreasing = image->orientation == PXF_BOTTOM_UP;
-  w->type = pxfplugin::setting(settings, kFloatCode, 0.0f) != 0.0f ? Imf::FLOAT : Imf::HALF;
+  // Half unless asked for floats, or the picture came from floats.
+  bool floatSamples = pxfplugin::setting(settings, kFloatCode, image->storedKind == PXF_STORED_FLOAT ? 1.0f : 0.0f) != 0.0f;
+  w->type = floatSamples ? Imf::FLOAT : Imf::HALF;
   int rc = guarded(error, size, [&] {
     startThreads();
     Imf::Header header = headerFor(*w, image, compression, pxfplugin::setting(settings, pxfplugin::kDpiCode, image->dpi));
@@ -391,7 +442,7 @@ void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* cons
       if (w->type == Imf::HALF && s != kDepth) w->halves[s].resize(size_t(w->width) * size_t(w->band));
       else w->samples[s].resize(size_t(w->width) * size_t(w->band));
     }
-    w->stream = std::make_unique<FileStream>(name);
+    w->stream = std::make_unique<OutStream>(out);
     w->file = std::make_unique<Imf::OutputFile>(*w->stream, header);
     return 0;
   });
@@ -423,7 +474,7 @@ void flushBand(Writer& w) {
   w.pending = 0;
 }
 
-int writeRow(void* state, int32_t row, const void* const* channels, char* error, size_t size) {
+int writeRow(void* state, int32_t row, const void* const* channels, int64_t stride, char* error, size_t size) {
   auto* s = static_cast<State*>(state);
   if (!s->writer) return fail(error, size, "the file is open for reading");
   Writer& w = *s->writer;
@@ -435,13 +486,14 @@ int writeRow(void* state, int32_t row, const void* const* channels, char* error,
   float scale = w.bits > 8 ? 1.0f / 65535.0f : 1.0f / 255.0f;
   auto colour = [&](int slot, const void* from) {
     auto value = [&](int32_t x) {
-      return w.bits > 8 ? float(static_cast<const uint16_t*>(from)[x]) * scale
-                        : float(static_cast<const uint8_t*>(from)[x]) * scale;
+      if (w.floats) return pxfplugin::sampleOf<float>(from, stride, x);
+      return w.bits > 8 ? float(pxfplugin::sampleOf<uint16_t>(from, stride, x)) * scale
+                        : float(pxfplugin::sampleOf<uint8_t>(from, stride, x)) * scale;
     };
-    if (w.type == Imf::HALF && w.bits <= 8 && slot != kAlpha) {
+    if (w.type == Imf::HALF && !w.floats && w.bits <= 8 && slot != kAlpha) {
       const Imath::half* halves = byteHalves();
       Imath::half* to = w.halves[slot].data() + at;
-      for (int32_t x = 0; x < w.width; ++x) to[x] = halves[static_cast<const uint8_t*>(from)[x]];
+      for (int32_t x = 0; x < w.width; ++x) to[x] = halves[pxfplugin::sampleOf<uint8_t>(from, stride, x)];
     } else if (w.type == Imf::HALF) {
       Imath::half* to = w.halves[slot].data() + at;
       for (int32_t x = 0; x < w.width; ++x) to[x] = Imath::half(value(x));
@@ -454,9 +506,11 @@ int writeRow(void* state, int32_t row, const void* const* channels, char* error,
   for (int c = 0; c < w.colors; ++c) colour(c, channels[in++]);
   if (w.matte) colour(kAlpha, channels[in++]);
   if (w.depth) {
-    auto* from = static_cast<const float*>(channels[in]);
     float* to = w.samples[kDepth].data() + at;
-    for (int32_t x = 0; x < w.width; ++x) to[x] = from[x] == 0.0f ? std::numeric_limits<float>::infinity() : -1.0f / from[x];
+    for (int32_t x = 0; x < w.width; ++x) {
+      float z = pxfplugin::sampleOf<float>(channels[in], stride, x);
+      to[x] = z == 0.0f ? std::numeric_limits<float>::infinity() : -1.0f / z;
+    }
   }
   w.rows++;
   w.pending++;
@@ -477,7 +531,7 @@ int closeFile(void* state, char* error, size_t size) {
     if (s->writer) {
       // The output file is written to the end as it is destroyed.
       s->writer->file.reset();
-      std::string why = s->writer->stream->finish();
+      const std::string& why = s->writer->stream->reason();
       if (!why.empty() && result == 0) result = fail(error, size, "%s", why.c_str());
     }
     return result;
@@ -487,15 +541,15 @@ int closeFile(void* state, char* error, size_t size) {
 }
 
 const PxfCapability kCapabilities[] = {
-    {pxfplugin::kDpiCode, "DPI Resolution", 1, 2},
-    {pxfplugin::kCompressionCode, "Compression", 1, 2},
-    {kFloatCode, "Float Samples", 1, 2},
+    pxfplugin::dpiCapability(),
+    {pxfplugin::kCompressionCode, "Compression", 1, 2, 0.0f, 4.0f, 3.0f, "0 none, 1 RLE, 2 ZIPS, 3 ZIP, 4 PIZ"},
+    {kFloatCode, "Float Samples", 1, 2, 0.0f, 1.0f, 0.0f, "1 for 32-bit floats, 0 for halves"},
 };
 
 }  // namespace
 
 PXF_IMAGE_PLUGIN("exr", "exr", "OpenEXR",
                  "OpenEXR, half, float and integer channels, with alpha and Z depth",
-                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 3u, (1u << 7) | (1u << 15), 1u, 1u,
+                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 3u, (1u << 7) | (1u << 15) | (1u << 31), 1u, 1u,
                                0x80000000u, PXF_FLOAT_DEPTH, true, true, kCapabilities, 3, recognise, openRead, nullptr,
                                readRow, openWrite, nullptr, writeRow, closeFile}));

@@ -1,25 +1,32 @@
 // The JPEG plug-in, on libjpeg-turbo: 8 bits, grey and RGB; quality as a
-// capability setting; the resolution of the JFIF header. libjpeg reports
-// errors through error_exit, which here jumps back to the call that failed.
-#include <cerrno>
+// capability setting; the resolution of the JFIF header. Bytes go through
+// the framework's stream. A file cut short or with corrupt data, which
+// libjpeg only warns of, is an error (a lenient read steps over it and says
+// so). libjpeg reports errors through error_exit, which here jumps back to
+// the call that failed.
 #include <csetjmp>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include <jpeglib.h>
+// After jpeglib.h, which it needs.
+#include <jerror.h>
 
-#include "kelpimage/plugin/pxf.h"
 #include "plugin_util.h"
 
 using pxfplugin::fail;
 
 namespace {
 
+constexpr size_t kBuffer = 1 << 16;
+
 struct ErrorManager {
   jpeg_error_mgr base;
   jmp_buf jump;
   char message[JMSG_LENGTH_MAX];
+  bool lenient = false;
+  char warning[JMSG_LENGTH_MAX];  // the first damage stepped over, in a lenient read
 };
 
 void onError(j_common_ptr info) {
@@ -28,15 +35,93 @@ void onError(j_common_ptr info) {
   longjmp(e->jump, 1);
 }
 
-void onMessage(j_common_ptr, int) {}
+// Warnings are damage: a premature end, corrupt data, extraneous bytes.
+void onMessage(j_common_ptr info, int level) {
+  if (level >= 0) return;  // traces
+  auto* e = reinterpret_cast<ErrorManager*>(info->err);
+  if (!e->lenient) {
+    (*info->err->format_message)(info, e->message);
+    longjmp(e->jump, 1);
+  }
+  if (!e->warning[0]) (*info->err->format_message)(info, e->warning);
+}
+
+// libjpeg's source and destination on the framework's stream.
+struct Source {
+  jpeg_source_mgr base;
+  PxfStream* stream;
+  JOCTET buffer[kBuffer];
+};
+
+void sourceStart(j_decompress_ptr) {}
+
+boolean sourceFill(j_decompress_ptr info) {
+  auto* src = reinterpret_cast<Source*>(info->src);
+  int64_t n = src->stream->read(src->stream->user, src->buffer, int64_t(kBuffer));
+  if (n <= 0) {
+    // What libjpeg does at the end of a file: a warning and a made-up end.
+    WARNMS(info, JWRN_JPEG_EOF);
+    src->buffer[0] = 0xFF;
+    src->buffer[1] = JPEG_EOI;
+    n = 2;
+  }
+  src->base.next_input_byte = src->buffer;
+  src->base.bytes_in_buffer = size_t(n);
+  return TRUE;
+}
+
+void sourceSkip(j_decompress_ptr info, long count) {
+  auto* src = reinterpret_cast<Source*>(info->src);
+  while (count > long(src->base.bytes_in_buffer)) {
+    count -= long(src->base.bytes_in_buffer);
+    sourceFill(info);
+  }
+  src->base.next_input_byte += count;
+  src->base.bytes_in_buffer -= size_t(count);
+}
+
+void sourceEnd(j_decompress_ptr) {}
+
+struct Destination {
+  jpeg_destination_mgr base;
+  PxfStream* stream;
+  JOCTET buffer[kBuffer];
+};
+
+void destinationStart(j_compress_ptr info) {
+  auto* dst = reinterpret_cast<Destination*>(info->dest);
+  dst->base.next_output_byte = dst->buffer;
+  dst->base.free_in_buffer = kBuffer;
+}
+
+void send(j_compress_ptr info, size_t count) {
+  auto* dst = reinterpret_cast<Destination*>(info->dest);
+  if (count && dst->stream->write(dst->stream->user, dst->buffer, int64_t(count)) < 0) {
+    auto* e = reinterpret_cast<ErrorManager*>(info->err);
+    std::snprintf(e->message, sizeof e->message, "%s", pxfplugin::streamError(dst->stream, "cannot be written"));
+    longjmp(e->jump, 1);
+  }
+}
+
+boolean destinationEmpty(j_compress_ptr info) {
+  send(info, kBuffer);
+  destinationStart(info);
+  return TRUE;
+}
+
+void destinationEnd(j_compress_ptr info) {
+  auto* dst = reinterpret_cast<Destination*>(info->dest);
+  send(info, kBuffer - dst->base.free_in_buffer);
+}
 
 struct State {
-  FILE* file = nullptr;
   bool writing = false;
   ErrorManager errors{};
   jpeg_decompress_struct in{};
   jpeg_compress_struct out{};
-  bool started = false;
+  Source source{};
+  Destination destination{};
+  bool created = false, decoding = false;
   int32_t width = 0, height = 0;
   int components = 3;
   int32_t next = 0;
@@ -44,58 +129,56 @@ struct State {
 };
 
 void release(State* s) {
-  if (s->started) {
+  if (s->created) {
     if (s->writing) jpeg_destroy_compress(&s->out);
     else jpeg_destroy_decompress(&s->in);
   }
-  if (s->file) std::fclose(s->file);
   std::free(s->row);
   delete s;
 }
 
 int recognise(const uint8_t* b, size_t n) { return n >= 3 && b[0] == 0xFF && b[1] == 0xD8 && b[2] == 0xFF; }
 
-bool startReading(State* s, PxfImageData* image) {
-  if (setjmp(s->errors.jump)) return false;
+// The header only: nothing the size of the picture is made here.
+bool readHeader(State* s, PxfImageData* image, char* error, size_t size) {
+  if (setjmp(s->errors.jump)) return fail(error, size, "%s", s->errors.message), false;
   jpeg_create_decompress(&s->in);
-  s->started = true;
-  jpeg_stdio_src(&s->in, s->file);
+  s->created = true;
+  s->in.src = &s->source.base;
+  s->source.base.init_source = sourceStart;
+  s->source.base.fill_input_buffer = sourceFill;
+  s->source.base.skip_input_data = sourceSkip;
+  s->source.base.resync_to_restart = jpeg_resync_to_restart;
+  s->source.base.term_source = sourceEnd;
   jpeg_read_header(&s->in, TRUE);
-  if (s->in.jpeg_color_space == JCS_CMYK || s->in.jpeg_color_space == JCS_YCCK) {
-    std::snprintf(s->errors.message, sizeof s->errors.message, "CMYK pictures are not read");
+  if (s->in.jpeg_color_space == JCS_CMYK || s->in.jpeg_color_space == JCS_YCCK)
+    return fail(error, size, "CMYK pictures are not read"), false;
+  // A block of 8 x 8 pixels takes a bit at the least.
+  if (!pxfplugin::sizeAllowed(s->in.image_width, s->in.image_height, s->source.stream, 512, error, size))
     return false;
-  }
   s->in.out_color_space = s->in.num_components == 1 ? JCS_GRAYSCALE : JCS_RGB;
-  jpeg_start_decompress(&s->in);
+  jpeg_calc_output_dimensions(&s->in);
   s->width = int32_t(s->in.output_width);
   s->height = int32_t(s->in.output_height);
   s->components = s->in.output_components;
-  s->row = static_cast<JSAMPLE*>(std::malloc(size_t(s->width) * size_t(s->components)));
-  if (!s->row) {
-    std::snprintf(s->errors.message, sizeof s->errors.message, "out of memory");
-    return false;
-  }
   pxfplugin::describePicture(image, s->width, s->height, PXF_TOP_DOWN, s->components, false, 8);
+  image->compression = s->in.progressive_mode ? "JPEG, progressive" : "JPEG";
   if (s->in.saw_JFIF_marker && s->in.X_density > 0) {
     if (s->in.density_unit == 1) image->dpi = float(s->in.X_density);
     else if (s->in.density_unit == 2) image->dpi = float(s->in.X_density * 2.54);
+    if (s->in.Y_density > 0) image->pixelAspect = float(s->in.Y_density) / float(s->in.X_density);
   }
   return true;
 }
 
-void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* error, size_t size) {
+void* openRead(PxfStream* in, PxfImageData* image, int32_t* frames, char* error, size_t size) {
   auto* s = new State;
   s->in.err = jpeg_std_error(&s->errors.base);
   s->errors.base.error_exit = onError;
   s->errors.base.emit_message = onMessage;
-  s->file = std::fopen(name, "rb");
-  if (!s->file) {
-    fail(error, size, "%s", std::strerror(errno));
-    release(s);
-    return nullptr;
-  }
-  if (!startReading(s, image)) {
-    fail(error, size, "%s", s->errors.message);
+  s->errors.lenient = image->lenient != 0;
+  s->source.stream = in;
+  if (!readHeader(s, image, error, size)) {
     release(s);
     return nullptr;
   }
@@ -105,24 +188,37 @@ void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* err
 
 bool readNext(State* s) {
   if (setjmp(s->errors.jump)) return false;
+  if (!s->decoding) {
+    s->row = static_cast<JSAMPLE*>(std::malloc(size_t(s->width) * size_t(s->components)));
+    if (!s->row) {
+      std::snprintf(s->errors.message, sizeof s->errors.message, "out of memory");
+      return false;
+    }
+    jpeg_start_decompress(&s->in);
+    s->decoding = true;
+  }
   JSAMPROW rows[1] = {s->row};
   return jpeg_read_scanlines(&s->in, rows, 1) == 1;
 }
 
-int readRow(void* state, int32_t row, void* const* channels, char* error, size_t size) {
+int readRow(void* state, int32_t row, void* const* channels, int64_t stride, char* error, size_t size) {
   auto* s = static_cast<State*>(state);
   if (s->height - 1 - row != s->next) return fail(error, size, "rows are read from the top down only");
   if (!readNext(s)) return fail(error, size, "%s", s->errors.message[0] ? s->errors.message : "the file ends early");
   s->next++;
-  pxfplugin::deinterleave(s->row, s->components, 1, channels, 0, s->components, s->width);
+  pxfplugin::deinterleave(s->row, s->components, 1, channels, stride, 0, s->components, s->width);
+  if (s->errors.warning[0]) fail(error, size, "%s", s->errors.warning);  // said, and read on
   return 0;
 }
 
 bool startWriting(State* s, int quality, float dpi) {
   if (setjmp(s->errors.jump)) return false;
   jpeg_create_compress(&s->out);
-  s->started = true;
-  jpeg_stdio_dest(&s->out, s->file);
+  s->created = true;
+  s->out.dest = &s->destination.base;
+  s->destination.base.init_destination = destinationStart;
+  s->destination.base.empty_output_buffer = destinationEmpty;
+  s->destination.base.term_destination = destinationEnd;
   s->out.image_width = JDIMENSION(s->width);
   s->out.image_height = JDIMENSION(s->height);
   s->out.input_components = s->components;
@@ -140,13 +236,14 @@ bool startWriting(State* s, int quality, float dpi) {
   return true;
 }
 
-void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*,
+void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*,
                 char* error, size_t size) {
   auto* s = new State;
   s->writing = true;
   s->out.err = jpeg_std_error(&s->errors.base);
   s->errors.base.error_exit = onError;
   s->errors.base.emit_message = onMessage;
+  s->destination.stream = out;
   s->width = image->width();
   s->height = image->height();
   s->components = image->colorChannels >= 3 ? 3 : 1;
@@ -156,16 +253,10 @@ void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* cons
     return nullptr;
   }
   s->row = static_cast<JSAMPLE*>(std::malloc(size_t(s->width) * size_t(s->components)));
-  s->file = std::fopen(name, "wb");
-  if (!s->row || !s->file) {
-    fail(error, size, "%s", s->file ? "out of memory" : std::strerror(errno));
-    release(s);
-    return nullptr;
-  }
   int quality = int(pxfplugin::setting(settings, pxfplugin::kQualityCode, 90.0f));
   float dpi = pxfplugin::setting(settings, pxfplugin::kDpiCode, 0.0f);
-  if (!startWriting(s, quality < 1 ? 1 : quality > 100 ? 100 : quality, dpi)) {
-    fail(error, size, "%s", s->errors.message);
+  if (!s->row || !startWriting(s, quality < 1 ? 1 : quality > 100 ? 100 : quality, dpi)) {
+    fail(error, size, "%s", s->row ? s->errors.message : "out of memory");
     release(s);
     return nullptr;
   }
@@ -178,10 +269,10 @@ bool writeNext(State* s) {
   return jpeg_write_scanlines(&s->out, rows, 1) == 1;
 }
 
-int writeRow(void* state, int32_t row, const void* const* channels, char* error, size_t size) {
+int writeRow(void* state, int32_t row, const void* const* channels, int64_t stride, char* error, size_t size) {
   auto* s = static_cast<State*>(state);
   if (s->height - 1 - row != s->next) return fail(error, size, "rows are written from the top down only");
-  pxfplugin::interleave(channels, 0, s->components, 1, s->row, s->width, s->components);
+  pxfplugin::interleave(channels, stride, 0, s->components, 1, s->row, s->width, s->components);
   if (!writeNext(s)) return fail(error, size, "%s", s->errors.message);
   s->next++;
   return 0;
@@ -199,15 +290,14 @@ int closeFile(void* state, char* error, size_t size) {
   if (s->writing) {
     if (s->next != s->height) rc = fail(error, size, "only %d of %d rows were written", s->next, s->height);
     else if (!finish(s)) rc = fail(error, size, "%s", s->errors.message);
-    if (pxfplugin::closeWritten(s->file, error, size) != 0) rc = -1;
   }
   release(s);
   return rc;
 }
 
 const PxfCapability kCapabilities[] = {
-    {pxfplugin::kDpiCode, "DPI Resolution", 1, 2},
-    {pxfplugin::kQualityCode, "Quality", 1, 2},
+    pxfplugin::dpiCapability(),
+    {pxfplugin::kQualityCode, "Quality", 1, 2, 1.0f, 100.0f, 90.0f, "1 (smallest) to 100 (best)"},
 };
 
 }  // namespace

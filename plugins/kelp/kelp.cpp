@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "kelpimage/il/il.h"
-#include "kelpimage/plugin/pxf.h"
 #include "plugin_util.h"
 
 using pxfplugin::fail;
@@ -27,7 +26,10 @@ int recognise(const uint8_t* b, size_t n) {
   return n >= 12 && std::memcmp(b, "FOR4", 4) == 0 && std::memcmp(b + 8, "CIMG", 4) == 0;
 }
 
-void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* error, size_t size) {
+// The IL library opens files by name: the stream's own, or a copy in memory.
+void* openRead(PxfStream* in, PxfImageData* image, int32_t* frames, char* error, size_t size) {
+  const char* name = in->path(in->user);
+  if (!name) return fail(error, size, "%s", pxfplugin::streamError(in, "the stream cannot be read")), nullptr;
   ILimage* im = ILopen(name, "r");
   if (!im || !ILgetheader(im)) {
     fail(error, size, "%s", FLstrerror(flerrno));
@@ -60,7 +62,7 @@ void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* err
   return s;
 }
 
-int readRow(void* state, int32_t row, void* const* channels, char* error, size_t size) {
+int readRow(void* state, int32_t row, void* const* channels, int64_t stride, char* error, size_t size) {
   auto* s = static_cast<State*>(state);
   if (row != s->next) return fail(error, size, "rows are read from the bottom up only");
   if (int rc = ILreadline(s->image, s->line.data(), s->depth ? s->zline.data() : nullptr))
@@ -70,15 +72,19 @@ int readRow(void* state, int32_t row, void* const* channels, char* error, size_t
   int from[4] = {2, 1, 0, 3};
   if (s->colors == 1) from[0] = 1;
   for (int c = 0; c < s->colors; ++c)
-    pxfplugin::deinterleave(s->line.data() + size_t(from[c]) * size_t(s->bytes), 4, s->bytes, channels, c, 1, s->width);
+    pxfplugin::deinterleave(s->line.data() + size_t(from[c]) * size_t(s->bytes), 4, s->bytes, channels, stride, c, 1,
+                            s->width);
   if (s->matte)
-    pxfplugin::deinterleave(s->line.data() + 3 * size_t(s->bytes), 4, s->bytes, channels, s->colors, 1, s->width);
-  if (s->depth) std::memcpy(channels[s->colors + (s->matte ? 1 : 0)], s->zline.data(), size_t(s->width) * 4);
+    pxfplugin::deinterleave(s->line.data() + 3 * size_t(s->bytes), 4, s->bytes, channels, stride, s->colors, 1, s->width);
+  if (s->depth) pxfplugin::deinterleave(reinterpret_cast<const uint8_t*>(s->zline.data()), 1, 4, channels, stride,
+                                        s->colors + (s->matte ? 1 : 0), 1, s->width);
   return 0;
 }
 
-void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* const*, const PxfLut*, char* error,
+void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const*, const PxfLut*, char* error,
                 size_t size) {
+  const char* name = out->path(out->user);
+  if (!name) return fail(error, size, "%s", pxfplugin::streamError(out, "the stream cannot be written")), nullptr;
   ILimage* im = ILopen(name, "w");
   if (!im) {
     fail(error, size, "%s", FLstrerror(flerrno));
@@ -105,16 +111,16 @@ void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* cons
   return s;
 }
 
-int writeRow(void* state, int32_t row, const void* const* channels, char* error, size_t size) {
+int writeRow(void* state, int32_t row, const void* const* channels, int64_t stride, char* error, size_t size) {
   auto* s = static_cast<State*>(state);
   if (row != s->next) return fail(error, size, "rows are written from the bottom up only");
   int to[4] = {2, 1, 0, 3};
+  uint8_t* line = s->line.data();
   for (int c = 0; c < s->colors; ++c)
-    pxfplugin::interleave(channels, c, 1, s->bytes, s->line.data() + size_t(to[c]) * size_t(s->bytes), s->width, 4);
+    pxfplugin::interleave(channels, stride, c, 1, s->bytes, line + size_t(to[c]) * size_t(s->bytes), s->width, 4);
   if (s->colors == 1)
-    for (int m : {0, 2})
-      pxfplugin::interleave(channels, 0, 1, s->bytes, s->line.data() + size_t(m) * size_t(s->bytes), s->width, 4);
-  if (s->matte) pxfplugin::interleave(channels, s->colors, 1, s->bytes, s->line.data() + 3 * size_t(s->bytes), s->width, 4);
+    for (int m : {0, 2}) pxfplugin::interleave(channels, stride, 0, 1, s->bytes, line + size_t(m) * size_t(s->bytes), s->width, 4);
+  if (s->matte) pxfplugin::interleave(channels, stride, s->colors, 1, s->bytes, line + 3 * size_t(s->bytes), s->width, 4);
   if (int rc = ILwriteline(s->image, s->line.data(), nullptr)) return fail(error, size, "%s", FLstrerror(rc));
   s->next++;
   return 0;

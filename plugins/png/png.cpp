@@ -1,16 +1,15 @@
 // The PNG plug-in, on libpng: 8 and 16 bits; grey, grey with alpha,
-// palette (read), RGB and RGBA; the resolution of the pHYs chunk. libpng
-// reports errors by longjmp: every call into it stands behind a setjmp in
-// a function that holds nothing needing destruction.
+// palette (read), RGB and RGBA; the resolution of the pHYs chunk. Bytes go
+// through the framework's stream. libpng reports errors by longjmp: every
+// call into it stands behind a setjmp in a function that holds nothing
+// needing destruction.
 #include <png.h>
 
-#include <cerrno>
 #include <csetjmp>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "kelpimage/plugin/pxf.h"
 #include "plugin_util.h"
 
 using pxfplugin::fail;
@@ -18,7 +17,7 @@ using pxfplugin::fail;
 namespace {
 
 struct State {
-  FILE* file = nullptr;
+  PxfStream* stream = nullptr;
   png_structp png = nullptr;
   png_infop info = nullptr;
   bool writing = false;
@@ -27,10 +26,11 @@ struct State {
   int bytes = 1;
   int colors = 0;
   bool matte = false;
-  uint8_t* row = nullptr;    // one interleaved row
-  uint8_t* whole = nullptr;  // an interlaced picture, read at once
+  int passes = 1;
+  uint8_t* row = nullptr;     // one interleaved row
+  uint8_t* whole = nullptr;   // an interlaced picture, read at once
   png_bytep* rows = nullptr;  // the row pointers into `whole`
-  int32_t next = 0;          // the next row the file gives (counted from the top)
+  int32_t next = 0;           // the next row the file gives (counted from the top)
   char message[256] = {};
 };
 
@@ -42,12 +42,29 @@ void onError(png_structp png, png_const_charp text) {
 
 void onWarning(png_structp, png_const_charp) {}
 
+void readBytes(png_structp png, png_bytep data, size_t length) {
+  auto* s = static_cast<State*>(png_get_io_ptr(png));
+  while (length > 0) {
+    int64_t n = s->stream->read(s->stream->user, data, int64_t(length));
+    if (n <= 0) png_error(png, n < 0 ? pxfplugin::streamError(s->stream, "the file cannot be read") : "the file ends early");
+    data += n;
+    length -= size_t(n);
+  }
+}
+
+void writeBytes(png_structp png, png_bytep data, size_t length) {
+  auto* s = static_cast<State*>(png_get_io_ptr(png));
+  if (s->stream->write(s->stream->user, data, int64_t(length)) < 0)
+    png_error(png, pxfplugin::streamError(s->stream, "cannot be written"));
+}
+
+void flushBytes(png_structp) {}
+
 void release(State* s) {
   if (s->png) {
     if (s->writing) png_destroy_write_struct(&s->png, &s->info);
     else png_destroy_read_struct(&s->png, &s->info, nullptr);
   }
-  if (s->file) std::fclose(s->file);
   std::free(s->row);
   std::free(s->whole);
   std::free(s->rows);
@@ -56,23 +73,22 @@ void release(State* s) {
 
 int recognise(const uint8_t* bytes, size_t count) { return count >= 8 && png_sig_cmp(bytes, 0, 8) == 0; }
 
-// Reads the header and sets the transforms; false after a libpng error.
-bool readHeader(State* s, PxfImageData* image) {
-  if (setjmp(png_jmpbuf(s->png))) return false;
-  png_init_io(s->png, s->file);
+// Reads the header and sets the transforms; false after a libpng error or
+// a size that is refused.
+bool readHeader(State* s, PxfImageData* image, char* error, size_t size) {
+  if (setjmp(png_jmpbuf(s->png))) return fail(error, size, "%s", s->message), false;
+  png_set_read_fn(s->png, s, readBytes);
   png_read_info(s->png, s->info);
   png_uint_32 w = 0, h = 0;
   int depth = 0, type = 0, interlace = 0;
   png_get_IHDR(s->png, s->info, &w, &h, &depth, &type, &interlace, nullptr, nullptr);
-  if (w == 0 || h == 0 || w > 65535 || h > 65535) {
-    std::snprintf(s->message, sizeof s->message, "picture of %u x %u pixels is out of range", w, h);
-    return false;
-  }
+  // Deflate holds at most 1032 bytes in one; a 1-bit picture 8 pixels a byte.
+  if (!pxfplugin::sizeAllowed(w, h, s->stream, 8 * 1032, error, size)) return false;
   if (type == PNG_COLOR_TYPE_PALETTE) png_set_palette_to_rgb(s->png);
   if (type == PNG_COLOR_TYPE_GRAY && depth < 8) png_set_expand_gray_1_2_4_to_8(s->png);
   if (png_get_valid(s->png, s->info, PNG_INFO_tRNS)) png_set_tRNS_to_alpha(s->png);
   if (depth == 16) png_set_swap(s->png);  // channel buffers hold native 16-bit samples
-  int passes = png_set_interlace_handling(s->png);
+  s->passes = png_set_interlace_handling(s->png);
   png_read_update_info(s->png, s->info);
   s->width = int32_t(w);
   s->height = int32_t(h);
@@ -80,54 +96,50 @@ bool readHeader(State* s, PxfImageData* image) {
   s->bytes = png_get_bit_depth(s->png, s->info) == 16 ? 2 : 1;
   s->colors = s->channels >= 3 ? 3 : 1;
   s->matte = s->channels == 2 || s->channels == 4;
-  s->row = static_cast<uint8_t*>(std::malloc(png_get_rowbytes(s->png, s->info)));
-  if (!s->row) {
-    std::snprintf(s->message, sizeof s->message, "out of memory");
-    return false;
-  }
-  if (passes > 1 && !pxfplugin::wholeAllowed(w, h)) {
-    std::snprintf(s->message, sizeof s->message, "picture of %u x %u pixels is beyond the pixel limit", w, h);
-    return false;
-  }
-  if (passes > 1) {
-    // Interlaced pictures come whole.
-    size_t rowBytes = png_get_rowbytes(s->png, s->info);
-    // Both blocks belong to the state, so that a longjmp out of libpng
-    // leaves nothing behind.
-    s->whole = static_cast<uint8_t*>(std::malloc(rowBytes * h));
-    s->rows = static_cast<png_bytep*>(std::malloc(sizeof(png_bytep) * h));
-    if (!s->whole || !s->rows) {
-      std::snprintf(s->message, sizeof s->message, "out of memory");
-      return false;
-    }
-    for (png_uint_32 y = 0; y < h; ++y) s->rows[y] = s->whole + rowBytes * y;
-    png_read_image(s->png, s->rows);
-  }
   pxfplugin::describePicture(image, s->width, s->height, PXF_TOP_DOWN, s->colors, s->matte, s->bytes * 8);
+  image->storedBits = depth;
+  image->compression = interlace == PNG_INTERLACE_ADAM7 ? "deflate, interlaced" : "deflate";
   png_uint_32 xppm = 0, yppm = 0;
   int unit = 0;
-  if (png_get_pHYs(s->png, s->info, &xppm, &yppm, &unit) && unit == PNG_RESOLUTION_METER && xppm > 0)
-    image->dpi = float(double(xppm) * 0.0254);
+  if (png_get_pHYs(s->png, s->info, &xppm, &yppm, &unit) && xppm > 0 && yppm > 0) {
+    if (unit == PNG_RESOLUTION_METER) image->dpi = float(double(xppm) * 0.0254);
+    image->pixelAspect = float(double(yppm) / double(xppm));
+  }
   return true;
 }
 
-void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* error, size_t size) {
+void* openRead(PxfStream* in, PxfImageData* image, int32_t* frames, char* error, size_t size) {
   auto* s = new State;
-  s->file = std::fopen(name, "rb");
-  if (!s->file) {
-    fail(error, size, "%s", std::strerror(errno));
-    release(s);
-    return nullptr;
-  }
+  s->stream = in;
   s->png = png_create_read_struct(PNG_LIBPNG_VER_STRING, s, onError, onWarning);
   s->info = s->png ? png_create_info_struct(s->png) : nullptr;
-  if (!s->info || !readHeader(s, image)) {
-    fail(error, size, "%s", s->message[0] ? s->message : "libpng could not start");
+  if (!s->info) fail(error, size, "libpng could not start");
+  if (!s->info || !readHeader(s, image, error, size)) {
     release(s);
     return nullptr;
   }
   *frames = 1;
   return s;
+}
+
+// The row buffer, and for an interlaced picture the whole of it (its passes
+// come whole): made at the first row, not when the header is read.
+bool startPixels(State* s) {
+  if (setjmp(png_jmpbuf(s->png))) return false;
+  size_t rowBytes = png_get_rowbytes(s->png, s->info);
+  if (s->passes == 1) {
+    s->row = static_cast<uint8_t*>(std::malloc(rowBytes));
+    if (!s->row) png_error(s->png, "out of memory");
+    return true;
+  }
+  // Both blocks belong to the state, so that a longjmp out of libpng
+  // leaves nothing behind.
+  s->whole = static_cast<uint8_t*>(std::malloc(rowBytes * size_t(s->height)));
+  s->rows = static_cast<png_bytep*>(std::malloc(sizeof(png_bytep) * size_t(s->height)));
+  if (!s->whole || !s->rows) png_error(s->png, "out of memory");
+  for (int32_t y = 0; y < s->height; ++y) s->rows[y] = s->whole + rowBytes * size_t(y);
+  png_read_image(s->png, s->rows);
+  return true;
 }
 
 bool readNext(State* s) {
@@ -136,8 +148,9 @@ bool readNext(State* s) {
   return true;
 }
 
-int readRow(void* state, int32_t row, void* const* channels, char* error, size_t size) {
+int readRow(void* state, int32_t row, void* const* channels, int64_t stride, char* error, size_t size) {
   auto* s = static_cast<State*>(state);
+  if (!s->row && !s->whole && !startPixels(s)) return fail(error, size, "%s", s->message);
   int32_t stored = s->height - 1 - row;  // the file keeps the top row first
   const uint8_t* pixels;
   if (s->whole) {
@@ -149,13 +162,13 @@ int readRow(void* state, int32_t row, void* const* channels, char* error, size_t
     s->next++;
     pixels = s->row;
   }
-  pxfplugin::deinterleave(pixels, s->channels, s->bytes, channels, 0, s->channels, s->width);
+  pxfplugin::deinterleave(pixels, s->channels, s->bytes, channels, stride, 0, s->channels, s->width);
   return 0;
 }
 
 bool writeHeader(State* s, float dpi, int level) {
   if (setjmp(png_jmpbuf(s->png))) return false;
-  png_init_io(s->png, s->file);
+  png_set_write_fn(s->png, s, writeBytes, flushBytes);
   int type = s->colors == 3 ? (s->matte ? PNG_COLOR_TYPE_RGBA : PNG_COLOR_TYPE_RGB)
                             : (s->matte ? PNG_COLOR_TYPE_GRAY_ALPHA : PNG_COLOR_TYPE_GRAY);
   png_set_IHDR(s->png, s->info, png_uint_32(s->width), png_uint_32(s->height), s->bytes * 8, type,
@@ -170,9 +183,10 @@ bool writeHeader(State* s, float dpi, int level) {
   return true;
 }
 
-void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*,
+void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*,
                 char* error, size_t size) {
   auto* s = new State;
+  s->stream = out;
   s->writing = true;
   s->width = image->width();
   s->height = image->height();
@@ -186,17 +200,11 @@ void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* cons
     return nullptr;
   }
   s->row = static_cast<uint8_t*>(std::malloc(size_t(s->width) * size_t(s->channels) * size_t(s->bytes)));
-  s->file = std::fopen(name, "wb");
-  if (!s->row || !s->file) {
-    fail(error, size, "%s", s->file ? "out of memory" : std::strerror(errno));
-    release(s);
-    return nullptr;
-  }
   s->png = png_create_write_struct(PNG_LIBPNG_VER_STRING, s, onError, onWarning);
   s->info = s->png ? png_create_info_struct(s->png) : nullptr;
   float dpi = pxfplugin::setting(settings, pxfplugin::kDpiCode, 0.0f);
   int level = int(pxfplugin::setting(settings, pxfplugin::kCompressionCode, 6.0f));
-  if (!s->info || !writeHeader(s, dpi, level)) {
+  if (!s->row || !s->info || !writeHeader(s, dpi, level)) {
     fail(error, size, "%s", s->message[0] ? s->message : "libpng could not start");
     release(s);
     return nullptr;
@@ -210,10 +218,10 @@ bool writeNext(State* s) {
   return true;
 }
 
-int writeRow(void* state, int32_t row, const void* const* channels, char* error, size_t size) {
+int writeRow(void* state, int32_t row, const void* const* channels, int64_t stride, char* error, size_t size) {
   auto* s = static_cast<State*>(state);
   if (s->height - 1 - row != s->next) return fail(error, size, "rows are written from the top down only");
-  pxfplugin::interleave(channels, 0, s->channels, s->bytes, s->row, s->width, s->channels);
+  pxfplugin::interleave(channels, stride, 0, s->channels, s->bytes, s->row, s->width, s->channels);
   if (!writeNext(s)) return fail(error, size, "%s", s->message);
   s->next++;
   return 0;
@@ -231,15 +239,14 @@ int closeFile(void* state, char* error, size_t size) {
   if (s->writing) {
     if (s->next != s->height) rc = fail(error, size, "only %d of %d rows were written", s->next, s->height);
     else if (!writeEnd(s)) rc = fail(error, size, "%s", s->message);
-    if (pxfplugin::closeWritten(s->file, error, size) != 0) rc = -1;
   }
   release(s);
   return rc;
 }
 
 const PxfCapability kCapabilities[] = {
-    {pxfplugin::kDpiCode, "DPI Resolution", 1, 2},
-    {pxfplugin::kCompressionCode, "Compression", 1, 2},
+    pxfplugin::dpiCapability(),
+    {pxfplugin::kCompressionCode, "Compression", 1, 2, 0.0f, 9.0f, 6.0f, "zlib's level, 0 (none) to 9 (smallest)"},
 };
 
 }  // namespace

@@ -1,6 +1,6 @@
 // The Netpbm plug-in, on libnetpbm: PBM, PGM, PPM and PAM, plain and raw,
 // with maxvals up to 65535 (read as 8 bits up to 255, as 16 bits above);
-// written raw, as the name's extension says: ".ppm" colour, ".pgm" grey,
+// written raw, as the target's extension says: ".ppm" colour, ".pgm" grey,
 // ".pbm" black and white (at half the range), ".pam" PAM, keeping alpha;
 // other names get PGM for grey, PPM for colour, and PAM where there is
 // alpha. PPM, PGM and PBM cannot hold alpha, and leave it out.
@@ -14,12 +14,12 @@
 #include <mutex>
 #include <strings.h>
 #include <string>
+#include <vector>
 
 extern "C" {
 #include <netpbm/pam.h>
 }
 
-#include "kelpimage/plugin/pxf.h"
 #include "plugin_util.h"
 
 using pxfplugin::fail;
@@ -46,6 +46,7 @@ void startNetpbm() {
 
 struct State {
   FILE* file = nullptr;
+  std::vector<uint8_t> bytes;  // reading: the file, read once
   bool writing = false;
   struct pam pam {};
   tuple* row = nullptr;
@@ -169,12 +170,18 @@ std::string pamHeaderProblem(FILE* file) {
   return problem;
 }
 
-void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* error, size_t size) {
+void* openRead(PxfStream* in, PxfImageData* image, int32_t* frames, char* error, size_t size) {
   startNetpbm();
   auto* s = new State;
-  s->file = std::fopen(name, "rb");
+  // libnetpbm reads a stdio file, which is looked at twice: the file is
+  // read into memory once.
+  if (!pxfplugin::readWhole(in, s->bytes, error, size)) {
+    release(s);
+    return nullptr;
+  }
+  s->file = s->bytes.empty() ? nullptr : fmemopen(s->bytes.data(), s->bytes.size(), "rb");
   if (!s->file) {
-    fail(error, size, "%s", std::strerror(errno));
+    fail(error, size, "%s", s->bytes.empty() ? "the file is empty" : std::strerror(errno));
     release(s);
     return nullptr;
   }
@@ -195,6 +202,11 @@ void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* err
     release(s);
     return nullptr;
   }
+  // Raw black and white pictures hold 8 pixels a byte, and nothing less.
+  if (!pxfplugin::sizeAllowed(uint64_t(p.width), uint64_t(p.height), in, 8, error, size)) {
+    release(s);
+    return nullptr;
+  }
   int haveOpacity = 0;
   pnm_getopacity(&s->pam, &haveOpacity, &s->opacityPlane);
   s->matte = haveOpacity != 0 && s->opacityPlane < p.depth;
@@ -202,11 +214,14 @@ void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* err
   s->outBits = p.maxval > 255 ? 16 : 8;
   s->row = pnm_allocpamrow(&s->pam);
   pxfplugin::describePicture(image, p.width, p.height, PXF_TOP_DOWN, s->colors, s->matte, s->outBits);
+  image->storedBits = int32_t(pm_maxvaltobits(int(p.maxval)));
+  image->compression = p.format == PAM_FORMAT ? "PAM" : (p.format == PPM_FORMAT || p.format == PGM_FORMAT ||
+                                                          p.format == PBM_FORMAT) ? "plain" : "raw";
   *frames = 1;
   return s;
 }
 
-int readRow(void* state, int32_t row, void* const* channels, char* error, size_t size) {
+int readRow(void* state, int32_t row, void* const* channels, int64_t stride, char* error, size_t size) {
   auto* s = static_cast<State*>(state);
   if (s->pam.height - 1 - row != s->next) return fail(error, size, "rows are read from the top down only");
   if (!netpbm(s, readNext)) return fail(error, size, "%s", gMessage[0] ? gMessage : "the file ends early");
@@ -217,15 +232,14 @@ int readRow(void* state, int32_t row, void* const* channels, char* error, size_t
     tuple* in = s->row;
     int width = s->pam.width;
     if (s->outBits == 8 && maxval == full) {  // the common case, without scaling
-      auto* out = static_cast<uint8_t*>(channels[channel]);
-      for (int x = 0; x < width; ++x) out[x] = uint8_t(in[x][plane]);
+      for (int x = 0; x < width; ++x) *pxfplugin::sampleAt<uint8_t>(channels[channel], stride, x) = uint8_t(in[x][plane]);
       return;
     }
     for (int x = 0; x < width; ++x) {
       sample v = in[x][plane];
       unsigned long scaled = maxval == full ? v : (v * full + maxval / 2) / maxval;
-      if (s->outBits == 16) static_cast<uint16_t*>(channels[channel])[x] = uint16_t(scaled);
-      else static_cast<uint8_t*>(channels[channel])[x] = uint8_t(scaled);
+      if (s->outBits == 16) *pxfplugin::sampleAt<uint16_t>(channels[channel], stride, x) = uint16_t(scaled);
+      else *pxfplugin::sampleAt<uint8_t>(channels[channel], stride, x) = uint8_t(scaled);
     }
   };
   unsigned colourPlanes[3] = {0, 1, 2};
@@ -234,15 +248,14 @@ int readRow(void* state, int32_t row, void* const* channels, char* error, size_t
   return 0;
 }
 
-// The variant a name's extension asks for: 'p' PPM, 'g' PGM, 'b' PBM,
+// The variant a target's extension asks for: 'p' PPM, 'g' PGM, 'b' PBM,
 // 'a' PAM, 0 for any.
-char variantOf(const char* name) {
-  const char* dot = std::strrchr(name, '.');
-  if (!dot || std::strchr(dot, '/')) return 0;
-  if (strcasecmp(dot, ".ppm") == 0) return 'p';
-  if (strcasecmp(dot, ".pgm") == 0) return 'g';
-  if (strcasecmp(dot, ".pbm") == 0) return 'b';
-  if (strcasecmp(dot, ".pam") == 0) return 'a';
+char variantOf(const char* extension) {
+  if (!extension) return 0;
+  if (strcasecmp(extension, "ppm") == 0) return 'p';
+  if (strcasecmp(extension, "pgm") == 0) return 'g';
+  if (strcasecmp(extension, "pbm") == 0) return 'b';
+  if (strcasecmp(extension, "pam") == 0) return 'a';
   return 0;
 }
 
@@ -265,7 +278,7 @@ void chooseLayout(State* s, char variant) {
   p.opacity_plane = unsigned(s->outColors);
 }
 
-void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* const*, const PxfLut*, char* error,
+void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const*, const PxfLut*, char* error,
                 size_t size) {
   startNetpbm();
   if (image->colorChannels == 0 || image->width() < 1 || image->height() < 1 || image->width() > kMaxWidth) {
@@ -277,7 +290,7 @@ void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* cons
   s->colors = image->colorChannels >= 3 ? 3 : 1;
   s->matte = image->matteChannels > 0;
   s->outBits = image->colorBits > 8 ? 16 : 8;
-  s->file = std::fopen(name, "wb");
+  s->file = pxfplugin::streamFile(out, "wb");
   if (!s->file) {
     fail(error, size, "%s", std::strerror(errno));
     release(s);
@@ -290,7 +303,7 @@ void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* cons
   p.plainformat = 0;
   p.width = image->width();
   p.height = image->height();
-  chooseLayout(s, variantOf(name));
+  chooseLayout(s, variantOf(image->variant));
   s->row = pnm_allocpamrow(&s->pam);
   if (!netpbm(s, writeHeader)) {
     fail(error, size, "%s", gMessage[0] ? gMessage : "libnetpbm could not start");
@@ -300,11 +313,12 @@ void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* cons
   return s;
 }
 
-int writeRow(void* state, int32_t row, const void* const* channels, char* error, size_t size) {
+int writeRow(void* state, int32_t row, const void* const* channels, int64_t stride, char* error, size_t size) {
   auto* s = static_cast<State*>(state);
   if (s->pam.height - 1 - row != s->next) return fail(error, size, "rows are written from the top down only");
   auto in = [&](int c, int x) -> sample {
-    return s->outBits == 16 ? static_cast<const uint16_t*>(channels[c])[x] : static_cast<const uint8_t*>(channels[c])[x];
+    return s->outBits == 16 ? pxfplugin::sampleOf<uint16_t>(channels[c], stride, x)
+                            : pxfplugin::sampleOf<uint8_t>(channels[c], stride, x);
   };
   sample full = s->outBits == 16 ? 65535 : 255;
   for (int x = 0; x < s->pam.width; ++x) {

@@ -3,7 +3,6 @@
 #include <cstring>
 #include <vector>
 
-#include "kelpimage/plugin/pxf.h"
 #include "kelpimage/sgi/sgi.h"
 #include "plugin_util.h"
 
@@ -22,8 +21,10 @@ struct State {
 
 int recognise(const uint8_t* b, size_t n) { return n >= 2 && ((b[0] == 0x01 && b[1] == 0xDA) || (b[0] == 0xDA && b[1] == 0x01)); }
 
-void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* error, size_t size) {
-  IMAGE* im = iopen(name, "r");
+// The SGI library opens files by name: the stream's own, or a copy in memory.
+void* openRead(PxfStream* in, PxfImageData* image, int32_t* frames, char* error, size_t size) {
+  const char* name = in->path(in->user);
+  IMAGE* im = name ? iopen(name, "r") : nullptr;
   if (!im) {
     fail(error, size, "not a readable SGI file");
     return nullptr;
@@ -41,25 +42,27 @@ void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* err
   return s;
 }
 
-void store(const std::vector<uint16_t>& row, void* channel, int bytes, int32_t width) {
+void store(const std::vector<uint16_t>& row, void* channel, int64_t stride, int bytes, int32_t width) {
   for (int32_t x = 0; x < width; ++x) {
-    if (bytes == 2) static_cast<uint16_t*>(channel)[x] = row[size_t(x)];
-    else static_cast<uint8_t*>(channel)[x] = uint8_t(row[size_t(x)]);
+    if (bytes == 2) *pxfplugin::sampleAt<uint16_t>(channel, stride, x) = row[size_t(x)];
+    else *pxfplugin::sampleAt<uint8_t>(channel, stride, x) = uint8_t(row[size_t(x)]);
   }
 }
 
-int readRow(void* state, int32_t row, void* const* channels, char* error, size_t size) {
+int readRow(void* state, int32_t row, void* const* channels, int64_t stride, char* error, size_t size) {
   auto* s = static_cast<State*>(state);
   unsigned used = s->channels >= 4 ? 4 : s->channels;
   for (unsigned z = 0; z < used; ++z) {
     if (getrow(s->image, s->row.data(), unsigned(row), z) != s->width) return fail(error, size, "row %d cannot be read", row);
-    store(s->row, channels[z], s->bytes, s->width);
+    store(s->row, channels[z], stride, s->bytes, s->width);
   }
   return 0;
 }
 
-void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*,
+void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*,
                 char* error, size_t size) {
+  const char* name = out->path(out->user);
+  if (!name) return fail(error, size, "%s", pxfplugin::streamError(out, "the stream cannot be written")), nullptr;
   auto* s = new State;
   s->writing = true;
   s->width = image->width();
@@ -78,12 +81,12 @@ void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* cons
   return s;
 }
 
-int writeRow(void* state, int32_t row, const void* const* channels, char* error, size_t size) {
+int writeRow(void* state, int32_t row, const void* const* channels, int64_t stride, char* error, size_t size) {
   auto* s = static_cast<State*>(state);
   for (unsigned z = 0; z < s->channels; ++z) {
     for (int32_t x = 0; x < s->width; ++x)
-      s->row[size_t(x)] = s->bytes == 2 ? static_cast<const uint16_t*>(channels[z])[x]
-                                        : static_cast<const uint8_t*>(channels[z])[x];
+      s->row[size_t(x)] = s->bytes == 2 ? pxfplugin::sampleOf<uint16_t>(channels[z], stride, x)
+                                        : pxfplugin::sampleOf<uint8_t>(channels[z], stride, x);
     if (putrow(s->image, s->row.data(), unsigned(row), z) != s->width) return fail(error, size, "row %d cannot be written", row);
   }
   return 0;
@@ -96,7 +99,8 @@ int closeFile(void* state, char* error, size_t size) {
   return rc == 0 ? 0 : fail(error, size, "the SGI file is incomplete");
 }
 
-const PxfCapability kCapabilities[] = {{pxfplugin::kCompressionCode, "Compression", 1, 2}};
+const PxfCapability kCapabilities[] = {
+    {pxfplugin::kCompressionCode, "Compression", 1, 2, 0.0f, 1.0f, 1.0f, "0 verbatim, 1 run-length"}};
 
 }  // namespace
 

@@ -26,8 +26,9 @@ int recognise(const uint8_t* b, size_t n) {
   return oneOf(bits, {15, 16, 24, 32});
 }
 
-void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* error, size_t size) {
-  pxfplugin::StbState* s = pxfplugin::stbOpen(name, false, error, size);
+// A run-length packet of two bytes stands for at most 128 pixels.
+void* openRead(PxfStream* in, PxfImageData* image, int32_t* frames, char* error, size_t size) {
+  pxfplugin::StbState* s = pxfplugin::stbOpen(in, false, 64, error, size);
   if (!s) return nullptr;
   int n = s->picture.channels;
   pxfplugin::describePicture(image, s->picture.width, s->picture.height, PXF_TOP_DOWN, n >= 3 ? 3 : 1,
@@ -36,16 +37,16 @@ void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* err
   return s;
 }
 
-void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* const*, const PxfLut*, char* error,
+void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const*, const PxfLut*, char* error,
                 size_t size) {
   int n = (image->colorChannels >= 3 ? 3 : 1) + (image->matteChannels > 0 ? 1 : 0);
-  return pxfplugin::stbStartWriting(name, image, n, 1, "Targa", error, size);
+  return pxfplugin::stbStartWriting(out, image, n, 1, "Targa", error, size);
 }
 
-int writeRow(void* state, int32_t row, const void* const* channels, char* error, size_t size) {
+int writeRow(void* state, int32_t row, const void* const* channels, int64_t stride, char* error, size_t size) {
   auto& c = static_cast<pxfplugin::StbState*>(state)->canvas;
   if (row < 0 || row >= c.height) return fail(error, size, "no row %d", row);
-  pxfplugin::interleave(channels, 0, c.channels, 1, c.line(row), c.width, c.channels);
+  pxfplugin::interleave(channels, stride, 0, c.channels, 1, c.line(row), c.width, c.channels);
   c.rows++;
   return 0;
 }

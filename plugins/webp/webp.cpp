@@ -1,10 +1,10 @@
 // The WebP plug-in, on libwebp: lossy and lossless pictures with alpha,
 // and the frames of animations, each read as the whole canvas it shows.
+// Opening reads the file and its header (and the frame count of an
+// animation, from its chunks); pixels are decoded at the first row.
 // Written lossless by default, exactly (colour under transparent pixels
 // too), or lossy at the "Quality" setting; several frames make an
 // animation, "Frame Duration" milliseconds each.
-#include <sys/stat.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -18,7 +18,6 @@
 #include <webp/encode.h>
 #include <webp/mux.h>
 
-#include "kelpimage/plugin/pxf.h"
 #include "plugin_util.h"
 
 using pxfplugin::fail;
@@ -33,7 +32,9 @@ struct Reader {
   WebPAnimDecoder* decoder = nullptr;
   int32_t width = 0, height = 0;
   int32_t frames = 0;
+  bool animated = false;
   bool matte = false;
+  int32_t wanted = 0;  // the frame the rows come from
   int32_t frame = -1;  // the frame `canvas` shows
   const uint8_t* canvas = nullptr;  // RGBA rows from the top: the decoder's, or `still`
   std::unique_ptr<uint8_t[]> still;  // a picture of one frame, decoded straight into place
@@ -43,7 +44,7 @@ struct Reader {
 };
 
 struct Writer {
-  std::string name;
+  PxfStream* stream = nullptr;
   WebPAnimEncoder* encoder = nullptr;
   WebPConfig config;
   int32_t width = 0, height = 0;
@@ -71,31 +72,18 @@ int recognise(const uint8_t* b, size_t n) {
   return n >= 12 && std::memcmp(b, "RIFF", 4) == 0 && std::memcmp(b + 8, "WEBP", 4) == 0;
 }
 
-// The whole file; false with the reason.
-bool readFile(const char* name, std::vector<uint8_t>& bytes, std::string& why) {
-  FILE* f = std::fopen(name, "rb");
-  if (!f) return why = std::strerror(errno), false;
-  struct stat st;
-  bool ok = ::fstat(fileno(f), &st) == 0;
-  // A RIFF file holds at most 4 GiB; a WebP picture much less.
-  if (ok && (st.st_size < 12 || uint64_t(st.st_size) > 0xFFFFFFFFu)) {
-    why = "file size out of range";
-    ok = false;
-  } else if (ok) {
-    bytes.resize(size_t(st.st_size));
-    ok = std::fread(bytes.data(), 1, bytes.size(), f) == bytes.size();
-    if (!ok) why = std::ferror(f) ? std::strerror(errno) : "the file ended while read";
-  } else {
-    why = std::strerror(errno);
-  }
-  std::fclose(f);
-  return ok;
-}
-
 // Decodes frames up to `frame`, from the start when it lies behind.
 bool showFrame(Reader& r, int32_t frame, char* error, size_t size) {
   if (frame < 0 || frame >= r.frames) return fail(error, size, "no frame %d", frame), false;
-  if (!r.decoder) return true;  // a still picture
+  if (!r.decoder) {
+    WebPAnimDecoderOptions options;
+    WebPAnimDecoderOptionsInit(&options);
+    options.color_mode = MODE_RGBA;
+    options.use_threads = 1;
+    WebPData data{r.bytes.data(), r.bytes.size()};
+    r.decoder = WebPAnimDecoderNew(&data, &options);
+    if (!r.decoder) return fail(error, size, "the file's frames cannot be read"), false;
+  }
   if (frame < r.frame) {
     WebPAnimDecoderReset(r.decoder);
     r.frame = -1;
@@ -111,80 +99,82 @@ bool showFrame(Reader& r, int32_t frame, char* error, size_t size) {
   return true;
 }
 
-void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* error, size_t size) {
-  auto* s = new State;
+// A still picture, decoded straight into place.
+bool decodeStill(Reader& r, char* error, size_t size) {
+  size_t bytes = size_t(r.width) * size_t(r.height) * 4;
+  r.still.reset(new (std::nothrow) uint8_t[bytes]);  // not cleared: the decoder fills it all
+  if (!r.still) return fail(error, size, "out of memory"), false;
+  if (!WebPDecodeRGBAInto(r.bytes.data(), r.bytes.size(), r.still.get(), bytes, r.width * 4))
+    return fail(error, size, "the picture cannot be decoded"), false;
+  r.canvas = r.still.get();
+  r.frame = 0;
+  r.bytes = std::vector<uint8_t>();  // the file is done with
+  return true;
+}
+
+void* openRead(PxfStream* in, PxfImageData* image, int32_t* frames, char* error, size_t size) {
+  auto s = std::make_unique<State>();
   s->reader = new Reader;
   Reader& r = *s->reader;
-  std::string why;
   WebPBitstreamFeatures features;
-  if (!readFile(name, r.bytes, why)) {
-    fail(error, size, "%s", why.c_str());
-  } else if (WebPGetFeatures(r.bytes.data(), r.bytes.size(), &features) != VP8_STATUS_OK) {
+  if (!pxfplugin::readWhole(in, r.bytes, error, size)) return nullptr;
+  if (r.bytes.size() < 12 || WebPGetFeatures(r.bytes.data(), r.bytes.size(), &features) != VP8_STATUS_OK) {
     fail(error, size, "not a WebP picture, or a damaged one");
-  } else if (features.width < 1 || features.height < 1 ||
-             !pxfplugin::wholeAllowed(uint64_t(features.width), uint64_t(features.height))) {
-    fail(error, size, "picture of %d x %d pixels is beyond the pixel limit", features.width, features.height);
-  } else if (!features.has_animation) {
-    // One frame: decoded straight into place, without an animation's canvas.
-    r.width = features.width;
-    r.height = features.height;
-    r.frames = 1;
-    r.matte = features.has_alpha != 0;
-    size_t bytes = size_t(r.width) * size_t(r.height) * 4;
-    r.still.reset(new (std::nothrow) uint8_t[bytes]);  // not cleared: the decoder fills it all
-    if (!r.still || !WebPDecodeRGBAInto(r.bytes.data(), r.bytes.size(), r.still.get(), bytes, r.width * 4)) {
-      fail(error, size, "the picture cannot be decoded");
-    } else {
-      r.canvas = r.still.get();
-      r.frame = 0;
-      r.bytes = std::vector<uint8_t>();  // the file is done with
-      pxfplugin::describePicture(image, r.width, r.height, PXF_TOP_DOWN, 3, r.matte, 8);
-      *frames = 1;
-      return s;
-    }
-  } else {
-    WebPAnimDecoderOptions options;
-    WebPAnimDecoderOptionsInit(&options);
-    options.color_mode = MODE_RGBA;
-    options.use_threads = 1;
+    return nullptr;
+  }
+  r.matte = features.has_alpha != 0;
+  r.animated = features.has_animation != 0;
+  r.width = features.width;
+  r.height = features.height;
+  r.frames = 1;
+  if (r.animated) {
+    // The canvas and the frame count, from the file's chunks: nothing decoded.
     WebPData data{r.bytes.data(), r.bytes.size()};
-    r.decoder = WebPAnimDecoderNew(&data, &options);
-    WebPAnimInfo info;
-    if (!r.decoder || !WebPAnimDecoderGetInfo(r.decoder, &info) || info.frame_count < 1) {
+    WebPDemuxer* demux = WebPDemux(&data);
+    if (!demux) {
       fail(error, size, "the file's frames cannot be read");
-    } else {
-      r.width = int32_t(info.canvas_width);
-      r.height = int32_t(info.canvas_height);
-      r.frames = int32_t(info.frame_count);
-      r.matte = features.has_alpha != 0;
-      if (showFrame(r, 0, error, size)) {
-        pxfplugin::describePicture(image, r.width, r.height, PXF_TOP_DOWN, 3, r.matte, 8);
-        *frames = r.frames;
-        return s;
-      }
+      return nullptr;
+    }
+    r.width = int32_t(WebPDemuxGetI(demux, WEBP_FF_CANVAS_WIDTH));
+    r.height = int32_t(WebPDemuxGetI(demux, WEBP_FF_CANVAS_HEIGHT));
+    r.frames = int32_t(WebPDemuxGetI(demux, WEBP_FF_FRAME_COUNT));
+    WebPDemuxDelete(demux);
+    if (r.frames < 1) {
+      fail(error, size, "the animation has no frames");
+      return nullptr;
     }
   }
-  delete s;
-  return nullptr;
+  // A lossless picture of one colour takes next to no bytes: the pixel
+  // limit is what bounds a WebP picture.
+  if (!pxfplugin::sizeAllowed(uint64_t(r.width), uint64_t(r.height), nullptr, 0, error, size)) return nullptr;
+  pxfplugin::describePicture(image, r.width, r.height, PXF_TOP_DOWN, 3, r.matte, 8);
+  image->compression = features.format == 2 ? "lossless" : features.format == 1 ? "lossy" : "lossy and lossless";
+  *frames = r.frames;
+  return s.release();
 }
 
 int setFrame(void* state, int32_t frame, PxfImageData*, char* error, size_t size) {
   auto* s = static_cast<State*>(state);
   if (!s->reader) return fail(error, size, "the file is open for writing");
-  return showFrame(*s->reader, frame, error, size) ? 0 : -1;
+  if (frame < 0 || frame >= s->reader->frames) return fail(error, size, "no frame %d", frame);
+  s->reader->wanted = frame;
+  return 0;
 }
 
-int readRow(void* state, int32_t row, void* const* channels, char* error, size_t size) {
+int readRow(void* state, int32_t row, void* const* channels, int64_t stride, char* error, size_t size) {
   auto* s = static_cast<State*>(state);
   if (!s->reader) return fail(error, size, "the file is open for writing");
   Reader& r = *s->reader;
   if (row < 0 || row >= r.height) return fail(error, size, "no row %d", row);
+  if (r.animated ? r.frame != r.wanted && !showFrame(r, r.wanted, error, size)
+                 : !r.canvas && !decodeStill(r, error, size))
+    return -1;
   const uint8_t* line = r.canvas + size_t(r.height - 1 - row) * size_t(r.width) * 4;
-  pxfplugin::deinterleave(line, 4, 1, channels, 0, r.matte ? 4 : 3, r.width);
+  pxfplugin::deinterleave(line, 4, 1, channels, stride, 0, r.matte ? 4 : 3, r.width);
   return 0;
 }
 
-void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*,
+void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*,
                 char* error, size_t size) {
   int32_t w = image->width(), h = image->height();
   if (image->colorChannels == 0 || w < 1 || h < 1) {
@@ -196,14 +186,10 @@ void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* cons
     return nullptr;
   }
   float quality = pxfplugin::setting(settings, pxfplugin::kQualityCode, -1.0f);
-  if (quality > 100.0f) {
-    fail(error, size, "quality %g is above 100", double(quality));
-    return nullptr;
-  }
   auto* s = new State;
   s->writer = new Writer;
   Writer& wr = *s->writer;
-  wr.name = name;
+  wr.stream = out;
   wr.width = w;
   wr.height = h;
   wr.colors = image->colorChannels >= 3 ? 3 : 1;
@@ -228,20 +214,19 @@ void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* cons
   return s;
 }
 
-int writeRow(void* state, int32_t row, const void* const* channels, char* error, size_t size) {
+int writeRow(void* state, int32_t row, const void* const* channels, int64_t stride, char* error, size_t size) {
   auto* s = static_cast<State*>(state);
   if (!s->writer) return fail(error, size, "the file is open for reading");
   Writer& w = *s->writer;
   if (row < 0 || row >= w.height) return fail(error, size, "no row %d", row);
   uint8_t* line = w.canvas.data() + size_t(w.height - 1 - row) * size_t(w.width) * 4;
   for (int c = 0; c < 3; ++c) {
-    auto* from = static_cast<const uint8_t*>(channels[w.colors == 3 ? c : 0]);
-    for (int32_t x = 0; x < w.width; ++x) line[size_t(x) * 4 + size_t(c)] = from[x];
+    const void* from = channels[w.colors == 3 ? c : 0];
+    for (int32_t x = 0; x < w.width; ++x) line[size_t(x) * 4 + size_t(c)] = pxfplugin::sampleOf<uint8_t>(from, stride, x);
   }
-  if (w.matte) {
-    auto* from = static_cast<const uint8_t*>(channels[w.colors]);
-    for (int32_t x = 0; x < w.width; ++x) line[size_t(x) * 4 + 3] = from[x];
-  }
+  if (w.matte)
+    for (int32_t x = 0; x < w.width; ++x)
+      line[size_t(x) * 4 + 3] = pxfplugin::sampleOf<uint8_t>(channels[w.colors], stride, x);
   w.rows++;
   return 0;
 }
@@ -286,11 +271,9 @@ int finish(Writer& w, char* error, size_t size) {
     const char* why = WebPAnimEncoderGetError(w.encoder);
     return fail(error, size, "%s", why && *why ? why : "the file cannot be assembled");
   }
-  FILE* f = std::fopen(w.name.c_str(), "wb");
   int rc = 0;
-  if (!f) rc = fail(error, size, "%s", std::strerror(errno));
-  else if (std::fwrite(data.bytes, 1, data.size, f) != data.size) rc = fail(error, size, "%s", std::strerror(errno));
-  if (f && pxfplugin::closeWritten(f, rc == 0 ? error : nullptr, size) != 0) rc = -1;
+  if (w.stream->write(w.stream->user, data.bytes, int64_t(data.size)) < 0)
+    rc = fail(error, size, "%s", pxfplugin::streamError(w.stream, "cannot be written"));
   WebPDataClear(&data);
   return rc;
 }
@@ -303,8 +286,8 @@ int closeFile(void* state, char* error, size_t size) {
 }
 
 const PxfCapability kCapabilities[] = {
-    {pxfplugin::kQualityCode, "Quality", 1, 2},
-    {kDurationCode, "Frame Duration", 1, 2},
+    {pxfplugin::kQualityCode, "Quality", 1, 2, 0.0f, 100.0f, -1.0f, "0 to 100 for lossy; unset, lossless and exact"},
+    {kDurationCode, "Frame Duration", 1, 2, 1.0f, 65535.0f, 100.0f, "milliseconds each frame shows"},
 };
 
 }  // namespace

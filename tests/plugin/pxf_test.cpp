@@ -95,15 +95,14 @@ TEST(PluginLoading, RefusedFilesAndTheTable) {
   EXPECT_EQ(loadImagePlugin(testPlugin("wrong_program").c_str()), nullptr);
   EXPECT_EQ(loadImagePlugin(testPlugin("no_key").c_str()), nullptr);
   void* capture = loadImagePlugin(testPlugin("capture").c_str());
-  std::string said = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");  // the library prints nothing
+  std::string said = PXF_load_problems();
   EXPECT_NE(capture, nullptr);
-  EXPECT_NE(said.find("Plugin " + dir.file("missing.so") + " not found."), std::string::npos) << said;
-  EXPECT_NE(said.find("File " + dir.path().string() + " is a directory."), std::string::npos) << said;
-  EXPECT_NE(said.find("Cannot open plugin " + dir.file("text.so")), std::string::npos) << said;
-  EXPECT_NE(said.find("Error: plugin " + testPlugin("wrong_program") + " does not have valid entry point type/name"),
-            std::string::npos)
-      << said;
-  EXPECT_NE(said.find("Error; plugin " + testPlugin("no_key") + " has no key."), std::string::npos) << said;
+  EXPECT_NE(said.find(dir.file("missing.so") + ": not found"), std::string::npos) << said;
+  EXPECT_NE(said.find(dir.path().string() + ": is a directory"), std::string::npos) << said;
+  EXPECT_NE(said.find(dir.file("text.so") + ": cannot be opened"), std::string::npos) << said;
+  EXPECT_NE(said.find(testPlugin("wrong_program") + ": not an image plug-in of this family"), std::string::npos) << said;
+  EXPECT_NE(said.find(testPlugin("no_key") + ": the plug-in has no key"), std::string::npos) << said;
   // The table holds base names.
   EXPECT_STREQ(keyFromPluginTable("capture.so"), "capture");
   EXPECT_EQ(keyFromPluginTable(testPlugin("capture").c_str()), nullptr);
@@ -120,8 +119,9 @@ TEST(PluginLoading, TheSearchPathAndInterfaceVersions) {
   setenv("PXF_PLUG_IN_PATH", (dir.path().string() + ";" + KELP_PLUGIN_OUTPUT_DIR).c_str(), 1);
   testing::internal::CaptureStderr();
   EXPECT_EQ(loadAllPXFPlugins(), 0);
-  std::string said = testing::internal::GetCapturedStderr();
-  EXPECT_NE(said.find("is built for plug-in interface " + std::to_string(PXF_PLUGIN_VERSION + 98)), std::string::npos)
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  std::string said = PXF_load_problems();
+  EXPECT_NE(said.find("old.so: the plug-in is built for plug-in interface 1, this library has 2"), std::string::npos)
       << said;
   EXPECT_EQ(said.find(".hidden"), std::string::npos);
   EXPECT_EQ(said.find("pdb"), std::string::npos);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "kelpimage/plugin/pxf.h"
+#include "plugin_util.h"
 
 #if defined(TEST_PLUGIN_CAPTURE)
 namespace {
@@ -40,8 +41,8 @@ int channels(const PxfImageData& im) {
 
 int recognise(const uint8_t* b, size_t n) { return n >= 8 && std::memcmp(b, "CAPTURE1", 8) == 0; }
 
-void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* error, size_t size) {
-  FILE* f = std::fopen(name, "rb");
+void* openRead(PxfStream* in, PxfImageData* image, int32_t* frames, char* error, size_t size) {
+  FILE* f = pxfplugin::streamFile(in, "rb");
   char magic[8];
   auto* s = new State;
   if (!f || std::fread(magic, 1, 8, f) != 8 || std::fread(&s->image, sizeof s->image, 1, f) != 1) {
@@ -64,7 +65,7 @@ void* openRead(const char* name, PxfImageData* image, int32_t* frames, char* err
   return s;
 }
 
-int readRow(void* state, int32_t row, void* const* out, char*, size_t) {
+int readRow(void* state, int32_t row, void* const* out, int64_t, char*, size_t) {
   auto* s = static_cast<State*>(state);
   if (row < 0 || size_t(row) >= s->rows.size()) return -1;
   const uint8_t* p = s->rows[size_t(row)].data();
@@ -75,12 +76,12 @@ int readRow(void* state, int32_t row, void* const* out, char*, size_t) {
   return 0;
 }
 
-void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*, char*,
+void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*, char*,
                 size_t) {
   auto* s = new State;
   s->writing = true;
   s->image = *image;
-  s->file = std::fopen(name, "wb");
+  s->file = pxfplugin::streamFile(out, "wb");
   if (!s->file) {
     delete s;
     return nullptr;
@@ -97,7 +98,7 @@ void* openWrite(const char* name, const PxfImageData* image, PxfCapSetting* cons
   return s;
 }
 
-int writeRow(void* state, int32_t row, const void* const* in, char*, size_t) {
+int writeRow(void* state, int32_t row, const void* const* in, int64_t, char*, size_t) {
   auto* s = static_cast<State*>(state);
   std::fwrite(&row, 4, 1, s->file);
   for (int c = 0; c < channels(s->image); ++c) std::fwrite(in[c], 1, channelBytes(s->image, c), s->file);
@@ -130,6 +131,6 @@ PXF_PLUGIN_EXPORT const char* const program = "Thornfell";
 
 #elif defined(TEST_PLUGIN_OLD_VERSION)
 PXF_IMAGE_PLUGIN("old", "old", "Old", "Built for another interface",
-                 (PxfPluginOps{PXF_PLUGIN_VERSION + 98, sizeof(PxfPluginOps), 0u, 0u, 0u, 0u, 0u, 0, true, true,
+                 (PxfPluginOps{1, sizeof(PxfPluginOps), 0u, 0u, 0u, 0u, 0u, 0, true, true,
                                nullptr, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr}));
 #endif

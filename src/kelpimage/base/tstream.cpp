@@ -224,6 +224,7 @@ bool TfileOutput::write(const void* data, size_t size) {
     size -= size_t(n);
     fPosition += n;
   }
+  fEnd = std::max(fEnd, fPosition);
   return true;
 }
 
@@ -253,4 +254,48 @@ bool TmemoryOutput::seek(int64_t position) {
   if (position < 0) return fail("a position before the start");
   fPosition = size_t(position);
   return true;
+}
+
+TplainFileOutput::TplainFileOutput(const std::string& path) : fPath(path) {
+  setName(path);
+  fFd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  if (fFd < 0) {
+    fail(std::string("cannot be written: ") + std::strerror(errno));
+    return;
+  }
+  struct stat st;
+  fSeekable = ::fstat(fFd, &st) == 0 && S_ISREG(st.st_mode);
+}
+
+TplainFileOutput::~TplainFileOutput() {
+  if (fFd >= 0) ::close(fFd);
+}
+
+bool TplainFileOutput::write(const void* data, size_t size) {
+  if (fFd < 0) return false;
+  auto* p = static_cast<const uint8_t*>(data);
+  while (size > 0) {
+    ssize_t n = fSeekable ? ::pwrite(fFd, p, size, off_t(fPosition)) : ::write(fFd, p, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return fail(std::string("cannot be written: ") + std::strerror(n < 0 ? errno : EIO));
+    p += n;
+    size -= size_t(n);
+    fPosition += n;
+  }
+  fEnd = std::max(fEnd, fPosition);
+  return true;
+}
+
+bool TplainFileOutput::seek(int64_t position) {
+  if (!fSeekable) return ToutputStream::seek(position);
+  fPosition = position;
+  return true;
+}
+
+bool TplainFileOutput::finish() {
+  if (fFd < 0) return false;
+  int fd = fFd;
+  fFd = -1;
+  if (::close(fd) != 0) return fail(std::string("cannot be written: ") + std::strerror(errno));
+  return fError.empty();
 }

@@ -102,6 +102,8 @@ class KELP_API ToutputStream {
   virtual bool seek(int64_t position);
   virtual int64_t tell() const = 0;
   virtual bool canSeek() const { return false; }
+  // How long the stream is so far, or -1 when it cannot say.
+  virtual int64_t size() const { return -1; }
   // Ends the stream: for a file, puts it in place. False when that fails.
   virtual bool finish();
   const std::string& name() const { return fName; }
@@ -135,6 +137,7 @@ class KELP_API TfileOutput : public ToutputStream {
   bool seek(int64_t position) override;
   int64_t tell() const override { return fPosition; }
   bool canSeek() const override { return !fFile.direct(); }
+  int64_t size() const override { return fEnd; }
   bool finish() override;
   const std::string& path() override { return fFile.path(); }
   // Gives the file up: the target stays as it was.
@@ -142,7 +145,29 @@ class KELP_API TfileOutput : public ToutputStream {
 
  private:
   TatomicFile fFile;
-  int64_t fPosition = 0;
+  int64_t fPosition = 0, fEnd = 0;
+};
+
+// A file written in place as the bytes come, for a caller that makes it
+// whole another way (it writes under a temporary name of its own).
+class KELP_API TplainFileOutput : public ToutputStream {
+ public:
+  explicit TplainFileOutput(const std::string& path);
+  ~TplainFileOutput() override;
+  bool isOpen() const { return fFd >= 0; }
+  bool write(const void* data, size_t size) override;
+  bool seek(int64_t position) override;
+  int64_t tell() const override { return fPosition; }
+  bool canSeek() const override { return fSeekable; }
+  int64_t size() const override { return fEnd; }
+  bool finish() override;
+  const std::string& path() override { return fPath; }
+
+ private:
+  int fFd = -1;
+  bool fSeekable = false;
+  int64_t fPosition = 0, fEnd = 0;
+  std::string fPath;
 };
 
 // Bytes gathered in memory.
@@ -153,6 +178,7 @@ class KELP_API TmemoryOutput : public ToutputStream {
   bool seek(int64_t position) override;
   int64_t tell() const override { return int64_t(fPosition); }
   bool canSeek() const override { return true; }
+  int64_t size() const override { return int64_t(fBytes.size()); }
   bool finish() override { return sendCopy(); }
   std::vector<uint8_t>& bytes() { return fBytes; }
 

@@ -148,6 +148,10 @@ int convertOut(const char* input, const char* output, const char* key) {
   image.aspectWidth = width;
   image.aspectHeight = height;
   image.dpi = in.dpi() >= 1.0f ? in.dpi() : 0.0f;
+  // IFF's ratio num:den is a pixel's height to its width; renderers write
+  // premultiplied colour.
+  if (num > 0 && den > 0) image.pixelAspect = float(den) / float(num);
+  image.association = PXF_PREMULTIPLIED;
 
   int32_t bytes = in.bytesPerPixel();
   if (bytes != 1 && bytes != 2)

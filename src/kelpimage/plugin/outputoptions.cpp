@@ -2,6 +2,8 @@
 // capability code until it clears them.
 #include <strings.h>
 
+#include <cstdio>
+
 #include <map>
 #include <mutex>
 #include <string>
@@ -47,6 +49,14 @@ int ifftoanySetOption(const char* key, const char* capability, float value) {
   for (int32_t i = 0; i < format->ops->capabilityCount; ++i) {
     const PxfCapability& c = format->ops->capabilities[i];
     if ((c.flags & 2) && c.name && strcasecmp(c.name, capability) == 0) {
+      if (c.minimum < c.maximum && !(value >= c.minimum && value <= c.maximum)) {
+        char range[96];
+        std::snprintf(range, sizeof range, "%g to %g", double(c.minimum), double(c.maximum));
+        reportConversionError(std::string("The ") + key + " option \"" + c.name + "\" takes " + range +
+                              (c.help ? std::string(" (") + c.help + ")" : std::string()) + ", not " +
+                              std::to_string(value).substr(0, std::to_string(value).find_last_not_of("0.") + 1));
+        return -1;
+      }
       std::lock_guard<std::mutex> hold(options().lock);
       options().values[{key, c.code}] = value;
       return 0;

@@ -41,7 +41,6 @@ PluginTable& table() {
 
 std::vector<std::string> gPluginFileList;
 size_t gPluginFileCursor = 0;
-bool gFirstScan = true;
 std::set<std::string> gOffered;  // files offered to the framework already
 std::mutex gScanLock;  // one scan at a time, whoever calls
 
@@ -90,29 +89,29 @@ const char* pluginString(void* library, const char* name) {
 void* loadImagePlugin(const char* path) {
   struct stat st;
   if (!path || ::stat(path, &st) != 0) {
-    std::fprintf(stderr, "Plugin %s not found.\n", path ? path : "(null)");
+    pxfLoadProblem(path ? path : "(no name)", "not found");
     return nullptr;
   }
   if (S_ISDIR(st.st_mode)) {
-    std::fprintf(stderr, "File %s is a directory.\n", path);
+    pxfLoadProblem(path, "is a directory");
     return nullptr;
   }
   void* library = dlopen(path, RTLD_NOW | RTLD_LOCAL);
   if (!library) {
     const char* why = dlerror();
-    std::fprintf(stderr, "Cannot open plugin %s%s%s.\n", path, why ? ": " : "", why ? why : "");
+    pxfLoadProblem(path, std::string("cannot be opened") + (why ? std::string(": ") + why : std::string()));
     return nullptr;
   }
   const char* type = pluginString(library, "type");
   const char* program = pluginString(library, "program");
   if (!type || !program || std::strcmp(type, "image") != 0 || std::strcmp(program, "Thornfell") != 0) {
-    std::fprintf(stderr, "Error: plugin %s does not have valid entry point type/name\n", path);
+    pxfLoadProblem(path, "not an image plug-in of this family (its \"type\" or \"program\" is wrong)");
     dlclose(library);
     return nullptr;
   }
   const char* key = pluginString(library, "imageKey");
   if (!key) {
-    std::fprintf(stderr, "Error; plugin %s has no key.\n", path);
+    pxfLoadProblem(path, "the plug-in has no key");
     dlclose(library);
     return nullptr;
   }
@@ -158,16 +157,10 @@ int collectPluginFiles() {
     closedir(d);
     std::sort(names.begin(), names.end());  // the same order on every file system
     for (const std::string& name : names) {
-      if (dirs.size() > 1 && gFirstScan)
-        for (const std::string& listed : gPluginFileList)
-          if (endsWith(listed, name))
-            std::fprintf(stderr, "WARNING: local PXF plug-in `%s' overrides `%s%s\n", listed.c_str(), dir.c_str(),
-                         name.c_str());
       gPluginFileList.push_back(dir + (dir.back() == '/' ? "" : "/") + name);
     }
   }
   gPluginFileCursor = 0;
-  gFirstScan = false;
   return 0;
 }
 
@@ -192,10 +185,7 @@ int pxfLoadAllPlugins() {
   collectPluginFiles();
   ERR_mask_s(0);
   ERR_mask_s(2);
-  if (PXF_init(0, nextPluginFile) != 0) {
-    std::fprintf(stderr, "PXF initialize failed\n");
-    return -1;
-  }
+  if (PXF_init(0, nextPluginFile) != 0) return -1;
   gPluginFileList.clear();
   return 0;
 }

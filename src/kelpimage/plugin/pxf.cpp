@@ -4,15 +4,18 @@
 
 #include <dlfcn.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <string>
 
 #include "kelpimage/plugin/pxfinternal.h"
+#include "kelpimage/plugin/pxfstreams.h"
 
 namespace {
 
@@ -44,19 +47,39 @@ const char* pluginStringOr(void* library, const char* name, const char* fallback
   return text ? text : fallback;
 }
 
-// Enters the format a loaded plug-in serves; false (and a message) when its
-// interface is another version's.
+// What the plug-in files that were not taken were, and why.
+struct Problems {
+  std::mutex lock;
+  std::string text;
+};
+Problems& problems() {
+  static Problems* p = new Problems;
+  return *p;
+}
+
+}  // namespace
+
+void pxfLoadProblem(const std::string& path, const std::string& why) {
+  Problems& p = problems();
+  std::lock_guard<std::mutex> guard(p.lock);
+  p.text += path + ": " + why + "\n";
+}
+
+namespace {
+
+// Enters the format a loaded plug-in serves; false (and a load problem)
+// when its interface is another version's.
 bool addFormat(void* library, const char* path) {
   const char* key = pluginString(library, "imageKey");
   auto* ops = static_cast<const PxfPluginOps*>(dlsym(library, "imagePlugin"));
   if (!key) return false;
   if (!ops) {
-    std::fprintf(stderr, "Error: plugin %s has no imagePlugin entry point\n", path);
+    pxfLoadProblem(path, "the plug-in has no imagePlugin entry point");
     return false;
   }
   if (ops->version != PXF_PLUGIN_VERSION || ops->size != sizeof(PxfPluginOps)) {
-    std::fprintf(stderr, "Error: plugin %s is built for plug-in interface %u, this library has %u\n", path,
-                 ops->version, PXF_PLUGIN_VERSION);
+    pxfLoadProblem(path, "the plug-in is built for plug-in interface " + std::to_string(ops->version) +
+                             ", this library has " + std::to_string(PXF_PLUGIN_VERSION));
     return false;
   }
   Registry& r = registry();
@@ -80,6 +103,16 @@ bool addFormat(void* library, const char* path) {
   return true;
 }
 
+// The variant a target's name asks for: its extension, lower case, no dot.
+std::string variantOf(const char* name) {
+  std::string text = name ? name : "";
+  size_t slash = text.rfind('/'), dot = text.rfind('.');
+  if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return {};
+  std::string ext = text.substr(dot + 1);
+  for (char& c : ext) c = char(std::tolower(static_cast<unsigned char>(c)));
+  return ext;
+}
+
 int channelCount(const PxfImageData* image) {
   return image->colorChannels + image->matteChannels + image->depthChannels + image->indexChannels;
 }
@@ -96,6 +129,15 @@ int32_t channelBits(const PxfImageData* image, int index) {
 }  // namespace
 
 const char* PXF_last_error() { return tError; }
+
+const char* PXF_load_problems() {
+  // Kept per thread, so that the text stays while the caller reads it.
+  static thread_local std::string copy;
+  Problems& p = problems();
+  std::lock_guard<std::mutex> guard(p.lock);
+  copy = p.text;
+  return copy.c_str();
+}
 
 int PXF_init(int, PxfNextPlugin next) {
   void* library = nullptr;
@@ -153,6 +195,49 @@ int PXF_info_get_specific(int, const PxfFormat* format, const PxfCapability** de
 
 PxfCapSetting* PXF_cap_setting_alloc(int count) { return new (std::nothrow) PxfCapSetting[count > 0 ? count : 1]{}; }
 
+PxfHandle* pxfOpen(PxfFormat* format, PxfStream* stream, bool writing, const PxfImageData* image,
+                   PxfCapSetting* const* settings, const PxfLut* lut) {
+  setError("");
+  const PxfPluginOps* ops = format->ops;
+  if (writing ? !ops->canWrite : !ops->canRead) {
+    setError(writing ? "the plug-in does not write this format" : "the plug-in does not read this format");
+    return nullptr;
+  }
+  auto handle = std::make_unique<PxfHandle>();
+  auto record = std::make_unique<PxfImageData>();
+  handle->format = format;
+  handle->writing = writing;
+  handle->name = strdup(stream->name ? stream->name : "");
+  handle->frameCount = 1;
+  if (writing) {
+    if (image) *record = *image;
+    handle->state = ops->openWrite(stream, record.get(), settings, lut, tError, sizeof tError);
+  } else {
+    if (image) {
+      record->lenient = image->lenient;
+      record->wantsFloats = image->wantsFloats;
+    }
+    handle->state = ops->openRead(stream, record.get(), &handle->frameCount, tError, sizeof tError);
+  }
+  if (!handle->state) {
+    std::free(const_cast<char*>(handle->name));
+    return nullptr;
+  }
+  handle->image = record.release();
+  return handle.release();
+}
+
+namespace {
+
+// A file a handle opened by name, with the stream the plug-in is given.
+struct NamedFile {
+  std::unique_ptr<TinputStream> in;
+  std::unique_ptr<ToutputStream> out;
+  PxfStream stream;
+};
+
+}  // namespace
+
 PxfHandle* PXF_open(PxfFileInfo* info, const char* mode) {
   setError("");
   if (!info || !info->name || !mode) return nullptr;
@@ -162,42 +247,46 @@ PxfHandle* PXF_open(PxfFileInfo* info, const char* mode) {
     return nullptr;
   }
   bool writing = mode[0] == 'w';
-  const PxfPluginOps* ops = format->ops;
-  if (writing ? !ops->canWrite : !ops->canRead) {
-    setError(writing ? "the plug-in does not write this format" : "the plug-in does not read this format");
-    return nullptr;
-  }
-  auto* handle = new (std::nothrow) PxfHandle{};
-  auto* image = new (std::nothrow) PxfImageData{};
-  if (!handle || !image) {
-    delete handle;
-    delete image;
-    setError("out of memory");
-    return nullptr;
-  }
-  handle->format = format;
-  handle->writing = writing;
-  handle->name = strdup(info->name);
-  handle->frameCount = 1;
+  auto file = std::make_unique<NamedFile>();
   if (writing) {
-    if (info->image) *image = *info->image;
-    handle->state = ops->openWrite(info->name, image, info->settings, info->lut, tError, sizeof tError);
+    // The caller writes under a name of its own and puts the file in place.
+    auto out = std::make_unique<TplainFileOutput>(info->name);
+    if (!out->isOpen()) {
+      setError(out->error().c_str());
+      return nullptr;
+    }
+    file->out = std::move(out);
+    file->stream = pxfWriting(*file->out);
   } else {
-    handle->state = ops->openRead(info->name, image, &handle->frameCount, tError, sizeof tError);
+    auto in = std::make_unique<TfileInput>(info->name);
+    if (!in->isOpen()) {
+      setError(in->error().c_str());
+      return nullptr;
+    }
+    file->in = std::move(in);
+    file->stream = pxfReading(*file->in);
   }
-  if (!handle->state) {
-    std::free(const_cast<char*>(handle->name));
-    delete image;
-    delete handle;
-    return nullptr;
-  }
-  handle->image = image;
+  std::string variant = variantOf(info->extension ? info->extension : info->name);
+  PxfImageData image;
+  if (info->image) image = *info->image;
+  image.variant = variant.empty() ? nullptr : variant.c_str();
+  PxfHandle* handle = pxfOpen(format, &file->stream, writing, &image, info->settings, info->lut);
+  if (!handle) return nullptr;
+  handle->image->variant = nullptr;  // the text is gone with this call
+  handle->file = file.release();
   return handle;
 }
 
 int PXF_close(PxfHandle* handle) {
   if (!handle) return -1;
   int rc = handle->format->ops->close(handle->state, tError, sizeof tError);
+  if (auto* file = static_cast<NamedFile*>(handle->file)) {
+    if (file->out && !file->out->finish() && rc == 0) {
+      setError(file->out->error().c_str());
+      rc = -1;
+    }
+    delete file;
+  }
   std::free(const_cast<char*>(handle->name));
   delete handle->image;
   delete handle;
@@ -247,13 +336,13 @@ void PXF_chan_free(PxfChannels* channels) {
 
 int PXF_scan_read(PxfHandle* handle, int32_t row, PxfChannels* channels) {
   if (!handle || handle->writing || !channels) return -1;
-  return handle->format->ops->readRow(handle->state, row, channels->buffers, tError, sizeof tError);
+  return handle->format->ops->readRow(handle->state, row, channels->buffers, 0, tError, sizeof tError);
 }
 
 int PXF_scan_write(PxfHandle* handle, int32_t row, PxfChannels* channels) {
   if (!handle || !handle->writing || !channels) return -1;
   if (!handle->format->ops->writeRow) return PXF_ENOSCAN;
-  return handle->format->ops->writeRow(handle->state, row, channels->buffers, tError, sizeof tError);
+  return handle->format->ops->writeRow(handle->state, row, channels->buffers, 0, tError, sizeof tError);
 }
 
 PxfLut* PXF_lut_alloc(int32_t count) {

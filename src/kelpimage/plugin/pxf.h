@@ -40,12 +40,16 @@ struct PxfCapSetting {
 };
 
 // A capability a format offers, such as "DPI Resolution" or "Quality".
-// kind 1: a float value; flags bit 1: settable when writing.
+// kind 1: a float value; flags bit 1: settable when writing. A setting
+// outside minimum to maximum is refused before anything is written; `help`
+// says what the values mean ("0 none, 1 LZW, 2 Deflate").
 struct PxfCapability {
   int16_t code;
   const char* name;
   uint8_t kind;
   uint32_t flags;
+  float minimum = 0.0f, maximum = 0.0f, fallback = 0.0f;
+  const char* help = nullptr;
 };
 
 // A look-up table of colours, three 16-bit values an entry.
@@ -58,8 +62,18 @@ struct PxfLut {
   int32_t count;
 };
 
+// Sample kinds of what a file itself stores (PxfImageData::storedKind).
+constexpr int32_t PXF_STORED_INTEGER = 1;
+constexpr int32_t PXF_STORED_HALF = 2;
+constexpr int32_t PXF_STORED_FLOAT = 3;
+
+// Alpha association of a picture's colour (PxfImageData::association).
+constexpr int32_t PXF_STRAIGHT = 0;
+constexpr int32_t PXF_PREMULTIPLIED = 1;
+
 // The description of an image: filled by the caller to write, by the
-// plug-in when it opens a file to read.
+// plug-in when it opens a file to read. The fields after `dpi` tell what
+// the file itself holds, beside what the plug-in hands over.
 struct PxfImageData {
   int32_t one0 = 1, one1 = 1;
   float scale = 1.0f;
@@ -78,17 +92,62 @@ struct PxfImageData {
   int32_t indexChannels = 0, indexKind = PXF_INTEGER, indexBits = 8;
   float dpi = 0.0f;  // the resolution a file stores, 0 when none
 
+  // What the file holds, for readers that keep it: its colour samples'
+  // kind and bits (a half file is handed over as floats of 32 bits), the
+  // association of its alpha, where its pixels lie in its full picture
+  // (from the top left; a full size of 0 is the picture's own), its tiles,
+  // the pixels' shape (width over height) and its compression.
+  int32_t storedKind = PXF_STORED_INTEGER, storedBits = 0;
+  int32_t association = PXF_STRAIGHT;
+  int32_t originX = 0, originY = 0, fullWidth = 0, fullHeight = 0;
+  int32_t tileWidth = 0, tileHeight = 0;
+  float pixelAspect = 1.0f;
+  const char* compression = nullptr;
+  // Writing: the variant of the format the target's name asks for, its
+  // extension without the dot ("pgm"), or null.
+  const char* variant = nullptr;
+  // Reading, set by the caller before the open: 1 lets a decoder step over
+  // damage it can (a file cut short, corrupt data) instead of failing;
+  // readRow then gives 0 with what it stepped over written into `error`.
+  int32_t lenient = 0;
+  // Reading, set by the caller before the open: 1 takes what a file keeps
+  // as floats (half or float) as 32-bit floats, whole; 0 as 16-bit
+  // integers of 0 to 1 (what lies outside clamped).
+  int32_t wantsFloats = 0;
+
   int32_t width() const { return windowRight - windowLeft + 1; }
   int32_t height() const { return windowTop - windowBottom + 1; }
 };
 
+// Where a plug-in's bytes come from or go to. Reading: read() gives up to
+// `size` bytes, 0 at the end, -1 on an error; writing: write() takes all of
+// them or gives -1. seek() gives 0, or -1 where the stream cannot go back;
+// size() is -1 when unknown. path() names a file the plug-in may open by
+// name instead (the file itself, or a copy in memory), null when none can
+// be made; error() says why the last call failed.
+struct PxfStream {
+  void* user;
+  const char* name;
+  int64_t (*read)(void* user, void* data, int64_t size);
+  int64_t (*write)(void* user, const void* data, int64_t size);
+  int (*seek)(void* user, int64_t position);
+  int64_t (*tell)(void* user);
+  int64_t (*size)(void* user);
+  const char* (*path)(void* user);
+  const char* (*error)(void* user);
+};
+
 // What a plug-in does, handed to the framework through "imagePlugin". Rows
-// are counted from the bottom of the picture (row 0 is the bottom line);
-// a plug-in whose format stores rows from the top reads and writes them in
-// the order rows height - 1 down to 0 come. Each channel of a row is its own
-// buffer of `width` samples of 1, 2 or 4 bytes (by the channel's bits), in
-// the order colour channels, matte, depth, index. Errors are 0/-1 results
-// with the reason written into `error` (of `errorSize` bytes).
+// are counted from the bottom of the picture (row 0 is the bottom line); a
+// plug-in whose format stores rows from the top reads and writes them in
+// the order rows height - 1 down to 0 come. Each channel of a row is its
+// own run of `width` samples of 1, 2 or 4 bytes (by the channel's bits),
+// sample x at channels[c] + x * pixelStride (pixelStride 0: the sample's
+// own size), in the order colour channels, matte, depth, index: so a
+// caller may hand channels that interleave in one buffer. Errors are 0/-1
+// results with the reason written into `error` (of `errorSize` bytes).
+// openRead reads the header only: no pixel is decoded, and nothing the
+// size of the picture is allocated, until the first readRow.
 struct PxfPluginOps {
   uint32_t version;  // PXF_PLUGIN_VERSION of the header the plug-in was built with
   uint32_t size;     // sizeof(PxfPluginOps)
@@ -105,19 +164,22 @@ struct PxfPluginOps {
   // 1 when the first `count` bytes of a file (up to 64) are this format's.
   int (*recognise)(const uint8_t* bytes, size_t count);
   // Reading: fills `image` and the frame count; returns the plug-in's state or null.
-  void* (*openRead)(const char* name, PxfImageData* image, int32_t* frames, char* error, size_t errorSize);
+  void* (*openRead)(PxfStream* in, PxfImageData* image, int32_t* frames, char* error, size_t errorSize);
   int (*setFrame)(void* state, int32_t frame, PxfImageData* image, char* error, size_t errorSize);
-  int (*readRow)(void* state, int32_t row, void* const* channels, char* error, size_t errorSize);
+  int (*readRow)(void* state, int32_t row, void* const* channels, int64_t pixelStride, char* error, size_t errorSize);
   // Writing: `settings` ends with a null; `lut` may be null.
-  void* (*openWrite)(const char* name, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut* lut,
+  void* (*openWrite)(PxfStream* out, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut* lut,
                      char* error, size_t errorSize);
   int (*nextFrame)(void* state, const PxfImageData* image, char* error, size_t errorSize);
-  int (*writeRow)(void* state, int32_t row, const void* const* channels, char* error, size_t errorSize);
+  int (*writeRow)(void* state, int32_t row, const void* const* channels, int64_t pixelStride, char* error,
+                  size_t errorSize);
   // Ends reading or writing and frees the state; a write is complete only when this gives 0.
   int (*close)(void* state, char* error, size_t errorSize);
 };
 
-constexpr uint32_t PXF_PLUGIN_VERSION = 1;
+// 2: streams in and out, channels with a pixel stride, option ranges and
+// what the file holds. A plug-in built for another version is refused.
+constexpr uint32_t PXF_PLUGIN_VERSION = 2;
 
 #define PXF_PLUGIN_EXPORT extern "C" __attribute__((visibility("default")))
 
@@ -173,6 +235,7 @@ struct PxfHandle {
   int32_t frame;
   bool writing;
   void* state;
+  void* file;  // the stream of a file opened by name, owned
 };
 
 // A channel array from PXF_chan_alloc.
@@ -206,6 +269,9 @@ KELP_API const char* FMT_def_image_data();
 KELP_API void ERR_mask_s(int mask);
 // Why the last operation of this thread failed, as the plug-in said it.
 KELP_API const char* PXF_last_error();
+// What the plug-in files that were not taken were, and why: one line each
+// ("PATH: reason"), in the order they were met; empty when all were taken.
+KELP_API const char* PXF_load_problems();
 
 // Bytes a sample of `bits` takes in a channel buffer: 1, 2 or 4.
 inline int32_t PXF_sample_bytes(int32_t bits) { return bits <= 8 ? 1 : bits <= 16 ? 2 : 4; }

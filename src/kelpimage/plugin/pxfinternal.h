@@ -7,6 +7,20 @@
 
 #include "kelpimage/base/tatomicfile.h"
 
+// Opens a plug-in's reader or writer on a stream the caller keeps alive:
+// what PXF_open does for a file, for any stream. Null, with PXF_last_error,
+// when the plug-in refuses.
+struct PxfCapSetting;
+struct PxfFormat;
+struct PxfHandle;
+struct PxfImageData;
+struct PxfLut;
+struct PxfStream;
+PxfHandle* pxfOpen(PxfFormat* format, PxfStream* stream, bool writing, const PxfImageData* image,
+                   PxfCapSetting* const* settings, const PxfLut* lut);
+// Notes a plug-in file that was not taken, for PXF_load_problems.
+void pxfLoadProblem(const std::string& path, const std::string& why);
+
 // The directory scan and its callback for PXF_init.
 int collectPluginFiles();
 bool nextPluginFile(void** handle, char** path);
@@ -24,8 +38,6 @@ int pxfFinishOutput(const char* output);
 // An output of ifftoany: written under a temporary name beside its target
 // that keeps the target's extension (or straight into a device or a FIFO),
 // open between the frames of a format of several frames.
-struct PxfFormat;
-struct PxfHandle;
 struct ConversionOutput {
   PxfFormat* format = nullptr;
   PxfHandle* handle = nullptr;
