@@ -58,6 +58,14 @@ printf 'radius = 1\ny = 1 - abs(x) +\n' > "$dir/work/filters/broken"
 KELP_WORK="$dir/work" fails 1 "filters/broken line 2" "$kimg" convert "$dir/p.iff" "$dir/x.iff" --resize 9x9 --filter broken
 [ ! -e "$dir/x.iff" ]
 
+# Options outside their range, and a pixel limit, are said before anything is read.
+fails 2 'option "Quality" takes 1 to 100 (1 (smallest) to 100 (best)), not 500' "$kimg" convert "$dir/p.iff" "$dir/q.jpg" --option Quality=500
+fails 2 'option "Compression" takes 0 to 4' "$kimg" convert "$dir/p.iff" "$dir/q.exr" --option Compression=9
+[ ! -e "$dir/q.jpg" ] && [ ! -e "$dir/q.exr" ]
+fails 1 "Image size out of range" "$kimg" --limit 100 convert "$dir/p.iff" "$dir/q.png"
+"$kimg" convert "$dir/p.iff" "$dir/q.png"
+fails 1 "past the limit of 100 pixels" "$kimg" --limit 100 info "$dir/q.png"
+
 # Inputs that are missing, not pictures, damaged or hostile.
 fails 1 "kimg: $dir/missing.iff: No such file or directory" "$kimg" info "$dir/missing.iff"
 fails 1 "kimg: $dir/missing.iff: No such file or directory" "$kimg" convert "$dir/missing.iff" "$dir/x.iff"

@@ -194,7 +194,18 @@ int infoPlugin(const std::string& name, const std::string& path, const std::stri
   std::printf("  format       %s (%s)\n", handle->format->name, key.c_str());
   std::printf("  size         %d x %d\n", im.width(), im.height());
   std::printf("  channels     %d colour, %d matte, %d depth\n", im.colorChannels, im.matteChannels, im.depthChannels);
-  std::printf("  samples      %d-bit %s\n", im.colorBits, im.colorKind >= 1 && im.colorKind <= 3 ? kinds[im.colorKind] : "?");
+  // What the file holds, which the plug-in may hand over widened.
+  const char* stored = im.storedKind == PXF_STORED_HALF ? "halves" : im.storedKind == PXF_STORED_FLOAT ? "floats" : nullptr;
+  int bits = im.storedBits > 0 ? im.storedBits : im.colorBits;
+  if (stored) std::printf("  samples      %d-bit %s\n", bits, stored);
+  else std::printf("  samples      %d-bit %s\n", bits, im.colorKind >= 1 && im.colorKind <= 3 ? kinds[im.colorKind] : "?");
+  if (im.compression) std::printf("  compression  %s\n", im.compression);
+  if (im.matteChannels > 0)
+    std::printf("  alpha        %s\n", im.association == PXF_PREMULTIPLIED ? "premultiplied" : "straight");
+  if (im.fullWidth > 0 && (im.fullWidth != im.width() || im.fullHeight != im.height() || im.originX || im.originY))
+    std::printf("  window       %d x %d at %d, %d of %d x %d\n", im.width(), im.height(), im.originX, im.originY,
+                im.fullWidth, im.fullHeight);
+  if (im.pixelAspect != 1.0f) std::printf("  pixel aspect %g\n", double(im.pixelAspect));
   std::printf("  frames       %d\n", handle->frameCount);
   if (im.dpi > 0.0f) std::printf("  dpi          %g\n", double(im.dpi));
   PXF_close(handle);

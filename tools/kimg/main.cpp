@@ -7,6 +7,7 @@
 
 #include "commands.h"
 #include "files.h"
+#include "kelpimage/base/tlimits.h"
 #include "kelpimage/base/ttemporaryfiles.h"
 #include "movie.h"
 #include "sequence.h"
@@ -26,6 +27,11 @@ int run(int argc, char** argv) {
   CLI::App app{std::string("kimg: make, convert and inspect pictures with kelp-image.\n") + kNames, "kimg"};
   app.set_version_flag("--version", "kimg " KELP_VERSION);
   app.require_subcommand(1);
+  uint64_t limit = 0;
+  app.add_option("--limit", limit,
+                 "The most pixels a picture read may have (default " + std::to_string(TpixelLimit::kDefault) +
+                     ", or KELP_MAX_PIXELS): pictures beyond it are refused before anything is allocated for them")
+      ->check(CLI::PositiveNumber);
 
   std::vector<std::string> infoFiles;
   bool stats = false;
@@ -162,6 +168,7 @@ int run(int argc, char** argv) {
   }
 
   kimg::installReporter();
+  if (limit > 0) TpixelLimit::set(limit);
   if (*info) {
     std::vector<std::string> files;
     for (const std::string& f : infoFiles)

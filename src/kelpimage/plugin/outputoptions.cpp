@@ -50,11 +50,11 @@ int ifftoanySetOption(const char* key, const char* capability, float value) {
     const PxfCapability& c = format->ops->capabilities[i];
     if ((c.flags & 2) && c.name && strcasecmp(c.name, capability) == 0) {
       if (c.minimum < c.maximum && !(value >= c.minimum && value <= c.maximum)) {
-        char range[96];
+        char range[96], given[32];
         std::snprintf(range, sizeof range, "%g to %g", double(c.minimum), double(c.maximum));
+        std::snprintf(given, sizeof given, "%g", double(value));
         reportConversionError(std::string("The ") + key + " option \"" + c.name + "\" takes " + range +
-                              (c.help ? std::string(" (") + c.help + ")" : std::string()) + ", not " +
-                              std::to_string(value).substr(0, std::to_string(value).find_last_not_of("0.") + 1));
+                              (c.help ? std::string(" (") + c.help + ")" : std::string()) + ", not " + given);
         return -1;
       }
       std::lock_guard<std::mutex> hold(options().lock);
