@@ -21,6 +21,7 @@ RANKS = [
     "image/host",
     "image",
     "plugin",
+    "io",
     "naming",
     "loader",
     "movie",

@@ -154,4 +154,4 @@ const PxfCapability kCapabilities[] = {pxfplugin::dpiCapability()};
 PXF_IMAGE_PLUGIN("bmp", "bmp;dib", "BMP", "Windows bitmap, 1 to 32 bits read; 24 bits, or 32 with alpha, written",
                  (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 1u, 1u << 7, 1u, 0u, 0u, 0, true, true,
                                kCapabilities, 1, recognise, openRead, nullptr, readRow, openWrite, nullptr, writeRow,
-                               closeFile}));
+                               closeFile, 0}));

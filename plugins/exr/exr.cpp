@@ -551,5 +551,6 @@ const PxfCapability kCapabilities[] = {
 PXF_IMAGE_PLUGIN("exr", "exr", "OpenEXR",
                  "OpenEXR, half, float and integer channels, with alpha and Z depth",
                  (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 3u, (1u << 7) | (1u << 15) | (1u << 31), 1u, 1u,
-                               0x80000000u, PXF_FLOAT_DEPTH, true, true, kCapabilities, 3, recognise, openRead, nullptr,
-                               readRow, openWrite, nullptr, writeRow, closeFile}));
+                               0x80000000u, uint8_t(PXF_FLOAT_DEPTH | PXF_TILES | PXF_PREMULTIPLIED_ALPHA), true, true,
+                               kCapabilities, 3, recognise, openRead, nullptr,
+                               readRow, openWrite, nullptr, writeRow, closeFile, PXF_HOLDS_HALF | PXF_HOLDS_FLOAT}));

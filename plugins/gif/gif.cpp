@@ -309,6 +309,7 @@ int closeFile(void* state, char* error, size_t size) {
 }  // namespace
 
 PXF_IMAGE_PLUGIN("gif", "gif", "GIF", "Palette pictures and their frames",
-                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 2u, 1u << 7, 0u, 0u, 0u, PXF_MULTIFRAME, true,
+                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 2u, 1u << 7, 0u, 0u, 0u,
+                               uint8_t(PXF_MULTIFRAME | PXF_WRITES_INDEXES), true,
                                true, nullptr, 0, recognise, openRead, setFrame, readRow, openWrite, nextFrame,
-                               writeRow, closeFile}));
+                               writeRow, closeFile, 0}));

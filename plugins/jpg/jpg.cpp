@@ -305,4 +305,4 @@ const PxfCapability kCapabilities[] = {
 PXF_IMAGE_PLUGIN("jpg", "jpg;jpeg", "JPEG", "JPEG pictures, 8 bits, grey and RGB",
                  (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 2u, 1u << 7, 0u, 0u, 0u, 0, true, true,
                                kCapabilities, 2, recognise, openRead, nullptr, readRow, openWrite, nullptr, writeRow,
-                               closeFile}));
+                               closeFile, 0}));

@@ -139,5 +139,6 @@ int closeFile(void* state, char* error, size_t size) {
 }  // namespace
 
 PXF_IMAGE_PLUGIN("kelp", "iff", "IFF", "The application's own tiled format, through the IL library",
-                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 1u, (1u << 7) | (1u << 15), 1u, 0u, 0u, 0, true, true, nullptr, 0, recognise, openRead, nullptr, readRow,
-                               openWrite, nullptr, writeRow, closeFile}));
+                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 1u, (1u << 7) | (1u << 15), 1u, 0u, 0u,
+                               PXF_PREMULTIPLIED_ALPHA, true, true, nullptr, 0, recognise, openRead, nullptr, readRow,
+                               openWrite, nullptr, writeRow, closeFile, 0}));

@@ -254,4 +254,4 @@ const PxfCapability kCapabilities[] = {
 PXF_IMAGE_PLUGIN("png", "png", "PNG", "Portable Network Graphics, 8 and 16 bits, with alpha",
                  (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 2u, (1u << 7) | (1u << 15), 1u, 0u, 0u, 0,
                                true, true, kCapabilities, 2, recognise, openRead, nullptr, readRow, openWrite, nullptr,
-                               writeRow, closeFile}));
+                               writeRow, closeFile, 0}));

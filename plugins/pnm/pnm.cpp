@@ -351,4 +351,4 @@ int closeFile(void* state, char* error, size_t size) {
 PXF_IMAGE_PLUGIN("pnm", "pnm;ppm;pgm;pbm;pam", "Netpbm", "PBM, PGM, PPM and PAM, 8 and 16 bits, with alpha in PAM",
                  (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 2u, (1u << 7) | (1u << 15), 1u, 0u, 0u, 0,
                                true, true, nullptr, 0, recognise, openRead, nullptr, readRow, openWrite, nullptr,
-                               writeRow, closeFile}));
+                               writeRow, closeFile, 0}));

@@ -105,6 +105,6 @@ const PxfCapability kCapabilities[] = {
 }  // namespace
 
 PXF_IMAGE_PLUGIN("sgi", "sgi;rgb;rgba;bw", "SGI", "Silicon Graphics rgb files, verbatim or run-length, 8 and 16 bits",
-                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 1u, (1u << 7) | (1u << 15), 1u, 0u, 0u, 0,
+                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 1u, (1u << 7) | (1u << 15), 1u, 0u, 0u, PXF_PREMULTIPLIED_ALPHA,
                                true, true, kCapabilities, 1, recognise, openRead, nullptr, readRow, openWrite, nullptr,
-                               writeRow, closeFile}));
+                               writeRow, closeFile, 0}));

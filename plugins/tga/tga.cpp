@@ -64,4 +64,4 @@ int closeFile(void* state, char* error, size_t size) {
 PXF_IMAGE_PLUGIN("tga", "tga;icb;vda;vst", "Targa", "Truevision Targa, 8 bits, raw, run-length and colour-mapped",
                  (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 3u, 1u << 7, 1u, 0u, 0u, PXF_WEAK_SIGNATURE,
                                true, true, nullptr, 0, recognise, openRead, nullptr, pxfplugin::stbReadRow, openWrite, nullptr,
-                               writeRow, closeFile}));
+                               writeRow, closeFile, 0}));

@@ -341,5 +341,6 @@ const PxfCapability kCapabilities[] = {
 
 PXF_IMAGE_PLUGIN("tif", "tif;tiff", "TIFF", "Tagged image files: 8, 16 and 32-bit float samples, pages as frames",
                  (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 2u, (1u << 7) | (1u << 15) | (1u << 31), 1u,
-                               0u, 0u, PXF_MULTIFRAME, true, true, kCapabilities, 2, recognise, openRead, setFrame,
-                               readRow, openWrite, nextFrame, writeRow, closeFile}));
+                               0u, 0u, uint8_t(PXF_MULTIFRAME | PXF_TILES | PXF_ANY_ASSOCIATION), true, true, kCapabilities, 2,
+                               recognise, openRead, setFrame,
+                               readRow, openWrite, nextFrame, writeRow, closeFile, 0}));

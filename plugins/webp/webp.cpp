@@ -295,4 +295,4 @@ const PxfCapability kCapabilities[] = {
 PXF_IMAGE_PLUGIN("webp", "webp", "WebP", "WebP, lossy and lossless, with alpha and animation frames",
                  (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 3u, 1u << 7, 1u, 0u, 0u, PXF_MULTIFRAME, true,
                                true, kCapabilities, 2, recognise, openRead, setFrame, readRow, openWrite, nextFrame,
-                               writeRow, closeFile}));
+                               writeRow, closeFile, 0}));

@@ -118,7 +118,7 @@ const PxfCapability kCapabilities[] = {{7, "Something Else", 1, 2}, {1, "DPI Res
 PXF_IMAGE_PLUGIN("capture", "capture", "Capture", "What the conversions hand a plug-in, as it comes",
                  (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 1u, (1u << 7) | (1u << 15), 1u, 1u,
                                0xC0000000u, 0, true, true, kCapabilities, 2, recognise, openRead, nullptr, readRow,
-                               openWrite, nullptr, writeRow, closeFile}));
+                               openWrite, nullptr, writeRow, closeFile, 0}));
 
 #elif defined(TEST_PLUGIN_WRONG_PROGRAM)
 PXF_PLUGIN_EXPORT const char* const type = "image";
@@ -132,5 +132,5 @@ PXF_PLUGIN_EXPORT const char* const program = "Thornfell";
 #elif defined(TEST_PLUGIN_OLD_VERSION)
 PXF_IMAGE_PLUGIN("old", "old", "Old", "Built for another interface",
                  (PxfPluginOps{1, sizeof(PxfPluginOps), 0u, 0u, 0u, 0u, 0u, 0, true, true,
-                               nullptr, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr}));
+                               nullptr, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, 0}));
 #endif

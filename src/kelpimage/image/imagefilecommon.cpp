@@ -15,7 +15,7 @@ namespace imagefile {
 
 void reportUnexpected(const char* why) noexcept {
   try {
-    if (theErrorHandler) theErrorHandler->reportError(Tstring("Image file: ") + why);
+    TerrorHandler::send(Tstring("Image file: ") + why);
   } catch (...) {
     // Nothing more can be said.
   }

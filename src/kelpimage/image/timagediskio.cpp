@@ -19,14 +19,13 @@ TstringArray& pluginNames() {
 }  // namespace
 
 void TimageDiskIO::report(int id, const Tstring& more) const {
-  if (theErrorHandler) theErrorHandler->reportError(Tstring(TstringIdNumber(id)).catenate(more));
+  TerrorHandler::send(Tstring(TstringIdNumber(id)).catenate(more));
 }
 
 void TimageDiskIO::reportFormatted(int id, const char* arg1, const char* arg2) const {
-  if (!theErrorHandler) return;
   Tstring message;
   message.format(Tstring(TstringIdNumber(id)), arg1, arg2 ? arg2 : "");
-  theErrorHandler->reportError(message);
+  TerrorHandler::send(message);
 }
 
 Tstring TimageDiskIO::getImageType(const Tstring& name) const {
@@ -259,7 +258,7 @@ const TstringArray& TimageDiskIO::availableFormats() {
   if (names.length() > 0) return names;
   const char* root = KelpGetEnv("KELP_LOCATION");
   if (!root) {
-    if (theErrorHandler) theErrorHandler->reportError(Tstring(TstringIdNumber(631)));
+    TerrorHandler::send(Tstring(TstringIdNumber(631)));
     return names;
   }
   for (TdirIterator it(Tstring(root) + "/bin/plug-ins/image"); !it.isDone(); it.next())

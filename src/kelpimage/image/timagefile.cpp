@@ -43,16 +43,16 @@ void TimageFile::setErrorReportingEnabled(bool on) { gReporting.store(on); }
 bool TimageFile::errorReportingEnabled() { return gReporting.load(); }
 
 void TimageFile::report(int id, const Tstring& more) const {
-  if (!gReporting.load() || !theErrorHandler) return;
+  if (!gReporting.load()) return;
   Tstring message{TstringIdNumber(id)};
-  theErrorHandler->reportError(message.catenate(more));
+  TerrorHandler::send(message.catenate(more));
 }
 
 void TimageFile::reportFormatted(int id, const char* arg1, const char* arg2) const {
-  if (!gReporting.load() || !theErrorHandler) return;
+  if (!gReporting.load()) return;
   Tstring message;
   message.format(Tstring(TstringIdNumber(id)), arg1, arg2 ? arg2 : "");
-  theErrorHandler->reportError(message);
+  TerrorHandler::send(message);
 }
 
 TimageFile::TimageFile(TimageFile&& other) noexcept { swapState(other); }
@@ -168,7 +168,7 @@ int TimageFile::identifyAndOpen(const Tstring& name, bool flag, int frame) {
       unsigned short w = width(), h = height();
       if (w == 0 || h == 0 || w >= 8193 || h >= 8193) {
         // This one is said whatever the reporting switch, and the image stays open.
-        if (theErrorHandler) theErrorHandler->reportError(Tstring(TstringIdNumber(621)).catenate(name));
+        TerrorHandler::send(Tstring(TstringIdNumber(621)).catenate(name));
         return -1;
       }
       isIff = imagefile::directIff(fImage, true);
@@ -261,7 +261,7 @@ int TimageFile::openMapped(const std::string& path) {
   void* view = bytes ? mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
   ::close(fd);
   if (view == MAP_FAILED) {
-    if (theErrorHandler && gReporting.load()) theErrorHandler->reportError("Failed to open memory mapped region.");
+    if (gReporting.load()) TerrorHandler::send("Failed to open memory mapped region.");
     return -1;
   }
   fMappedView = view;
@@ -502,12 +502,12 @@ const TstringArray& TimageFile::availableFormats() {
   if (kPluginStringArray.length() > 0) return kPluginStringArray;
   const char* root = KelpGetEnv("KELP_LOCATION");
   if (!root) {
-    if (theErrorHandler && gReporting.load()) theErrorHandler->reportError(Tstring(TstringIdNumber(631)));
+    if (gReporting.load()) TerrorHandler::send(Tstring(TstringIdNumber(631)));
     return kPluginStringArray;
   }
   Tstring dir = Tstring(root) + "/bin/plug-ins/image/";
   if (!TfilePath(dir).isDirectory()) {
-    if (theErrorHandler && gReporting.load()) theErrorHandler->reportError(Tstring(TstringIdNumber(632)) + dir);
+    if (gReporting.load()) TerrorHandler::send(Tstring(TstringIdNumber(632)) + dir);
     return kPluginStringArray;
   }
   for (TdirIterator it(dir); !it.isDone(); it.next()) {

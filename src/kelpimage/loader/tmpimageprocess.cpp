@@ -74,7 +74,7 @@ void TmpImageProcess::sImageThread(void* process) {
     if (r.name().isEmpty()) break;
     auto* map = new TpixelMap;
     if (file.identifyAndOpen(r.name(), false, 0) != 0) {
-      if (theErrorHandler) theErrorHandler->reportError(Tstring("Image file read failed: ") + r.name());
+      TerrorHandler::send(Tstring("Image file read failed: ") + r.name());
     } else {
       if (file.readPixelMap(*map) == 0 && r.height() > 0 && r.width() > 0) map->zoom(r);
       file.close();

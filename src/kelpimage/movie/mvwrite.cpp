@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstring>
 
+#include "kelpimage/base/tcolourcube.h"
 #include "kelpimage/base/tfilemode.h"
 #include "kelpimage/movie/aviwrapper.h"
 #include "kelpimage/movie/codecs.h"
@@ -94,12 +95,14 @@ bool drainEncoder(Track& track) {
   }
 }
 
-// The palette of the 8-bit path: a 6 x 6 x 6 cube, blue slowest.
+// The palette of the 8-bit path, the colour cube: blue, green, red, 0.
 void putCubePalette(uint8_t* entries) {
   for (int i = 0; i < 256; ++i) {
-    entries[4 * i + 0] = uint8_t((i / 36) * 51);
-    entries[4 * i + 1] = uint8_t(((i / 6) % 6) * 51);
-    entries[4 * i + 2] = uint8_t((i % 6) * 51);
+    uint8_t rgb[3];
+    TcolourCube::entry(i, rgb);
+    entries[4 * i + 0] = rgb[2];
+    entries[4 * i + 1] = rgb[1];
+    entries[4 * i + 2] = rgb[0];
     entries[4 * i + 3] = 0;
   }
 }
@@ -109,12 +112,14 @@ void quantise(const uint8_t* data, int width, int height, AVFrame* frame) {
   for (int y = 0; y < height; ++y) {
     const uint8_t* p = data + size_t(height - 1 - y) * size_t(width) * 4;
     uint8_t* out = frame->data[0] + ptrdiff_t(y) * frame->linesize[0];
-    for (int x = 0; x < width; ++x, p += 4)
-      out[x] = uint8_t(((p[1] + 25) / 51 + ((p[0] + 25) / 51) * 6) * 6 + (p[2] + 25) / 51);
+    for (int x = 0; x < width; ++x, p += 4) out[x] = uint8_t(TcolourCube::nearest(p[2], p[1], p[0]));
   }
   auto* palette = reinterpret_cast<uint32_t*>(frame->data[1]);
-  for (uint32_t i = 0; i < 256; ++i)
-    palette[i] = 0xFF000000u | ((i % 6) * 51) << 16 | (((i / 6) % 6) * 51) << 8 | (i / 36) * 51;
+  for (int i = 0; i < 256; ++i) {
+    uint8_t rgb[3];
+    TcolourCube::entry(i, rgb);
+    palette[i] = 0xFF000000u | uint32_t(rgb[0]) << 16 | uint32_t(rgb[1]) << 8 | rgb[2];
+  }
 }
 
 bool convertFrame(Track& track, const uint8_t* data) {

@@ -2,6 +2,7 @@
 // alpha channels, images into layers, deletions, blend keys and opacity.
 // Each call keeps the section lengths current by exact byte counts.
 #include <algorithm>
+#include <cstring>
 
 #include "kelpimage/photoshop/psdguard.h"
 #include "kelpimage/photoshop/psdstream.h"
@@ -206,7 +207,13 @@ bool TpsdFile::insertNewLayer(const Tstring& name, TrgbaData* image, int index) 
         addBackGroundLayerInfo(nullptr, nullptr);
         uint32_t id = getLayerIdForNewLayer();
         TpsdLayer* layer = addNewLayerToList();
-        if (image && image->pixels16()) layer->fPixels = std::make_unique<TpixelData16>(*image->pixels16());
+        if (image && image->pixels16()) {
+          layer->fPixels = std::make_unique<TpixelData16>(*image->pixels16());
+          // A layer always has transparency: opaque for a picture without.
+          if (!layer->fPixels->channel(channelTransparency))
+            layer->fPixels->addChannel(channelTransparency, image->width(), image->height(),
+                                       uint16_t(layer->fPixels->getMaxColor()));
+        }
         initRecord(*layer, name, 4, image, id);
         fLayerInfoSize += uint32_t(change(*this, *layer));
         fLayerMaskSize += change(*this, *layer);
@@ -325,6 +332,39 @@ bool TpsdFile::setOpacity(const Tstring& name, uint32_t opacity) {
   TpsdLayer* layer = getLayerObjFromName(name);
   if (!layer) return false;
   layer->fOpacity = uint8_t(opacity);
+  return true;
+}
+
+bool TpsdFile::setCompositeTransparency(const uint8_t* alpha) {
+  if (!fCompositePixels || fMergedTransparency || fAlphaNames.length() > 0 || fChannelCount != 3) return false;
+  const bool wide = fDataFormat == dataFormat16;
+  const uint32_t top = wide ? 65535 : 255;
+  const size_t count = size_t(fImageWidth) * fImageHeight;
+  auto load = [wide](const uint8_t* p, size_t i) -> uint32_t {
+    if (!wide) return p[i];
+    uint16_t v;
+    std::memcpy(&v, p + 2 * i, 2);
+    return v;
+  };
+  for (PHOTOSHOP_CHANNEL c : {channelRed, channelGreen, channelBlue}) {
+    uint8_t* colour = fCompositePixels->getChannelPixPtr(c);
+    for (size_t i = 0; i < count; ++i) {
+      uint64_t a = load(alpha, i);
+      auto v = uint32_t((uint64_t(load(colour, i)) * a + uint64_t(top) * (top - a) + top / 2) / top);
+      if (wide) {
+        auto s16 = uint16_t(v);
+        std::memcpy(colour + 2 * i, &s16, 2);
+      } else {
+        colour[i] = uint8_t(v);
+      }
+    }
+  }
+  int32_t method = fCompositePixels->compressionMethod(0);
+  fCompositePixels->addChannel(3, fImageWidth, fImageHeight, 0);
+  fCompositePixels->setCompressionMethod(3, method);
+  fCompositePixels->setChannelRawPixels(3, alpha);
+  ++fChannelCount;
+  fMergedTransparency = true;
   return true;
 }
 

@@ -206,6 +206,9 @@ class KELP_API TpsdFile : public TphotoshopFile {
   bool setBlendKey(const Tstring& name, uint32_t key);
   bool setOpacity(const Tstring& name, uint32_t opacity);
   bool addAlphaChannelToComposite(const Tstring& name, const uint8_t* pixels);
+  // The flattened image's transparency, before any alpha channel: its
+  // colour, straight until now, is matted with white as documents keep it.
+  bool setCompositeTransparency(const uint8_t* alpha);
   // A new document of this size and depth (8 or 16), to be saved at `path`.
   int create(const TfilePath& path, unsigned short& width, unsigned short& height) override;
 

@@ -235,7 +235,8 @@ bool TpsdFile::save(const TfilePath& path) {
   uint64_t written = 0;
   auto writeInfo = [&] {
     if (live.empty()) return;
-    o.u16(uint32_t(live.size()));
+    // A negative count says the flattened image's first extra channel is its transparency.
+    o.u16(fMergedTransparency ? uint32_t(uint16_t(-int32_t(live.size()))) : uint32_t(live.size()));
     for (const Buffer& r : records) o.bytes(r.b.data(), r.b.size());
     for (const auto& list : payloads)
       for (const Payload& p : list) o.u16(p.compression), o.bytes(p.data, p.size);

@@ -278,8 +278,7 @@ std::string withReason(std::string text) {
 }
 
 void reportConversionError(const std::string& text) {
-  if (theErrorHandler) theErrorHandler->reportError(Tstring(text.c_str()));
-  else std::fprintf(stderr, "%s\n", text.c_str());
+  TerrorHandler::send(Tstring(text.c_str()));
 }
 
 int ifftoanyInit(const char*, const char* key) {

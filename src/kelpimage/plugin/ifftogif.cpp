@@ -9,47 +9,19 @@
 #include <string>
 #include <vector>
 
+#include "kelpimage/base/tcolourcube.h"
 #include "kelpimage/image/tiffimagefile.h"
 #include "kelpimage/plugin/pxf.h"
 #include "kelpimage/plugin/pxfinternal.h"
 
 namespace {
 
-struct Rgb {
-  uint8_t v[3];
-};
-
-// Entry i: (i mod 6, (i / 6) mod 6, i / 36) times 51, each kept to 8 bits,
-// so entries 216 to 255 wrap.
-const std::vector<Rgb>& paletteCube() {
-  static const std::vector<Rgb> cube = [] {
-    std::vector<Rgb> c(256);
-    for (int i = 0; i < 256; ++i)
-      c[size_t(i)] = {{uint8_t(i % 6 * 51), uint8_t(i / 6 % 6 * 51), uint8_t(i / 36 * 51)}};
-    return c;
-  }();
-  return cube;
-}
-
-// Adds a signed error to a byte: above 256 is 255, below 0 is 0, anything
-// else its low byte, so that exactly 256 stores 0.
-void addError(uint8_t& byte, int8_t error) {
-  int sum = int(byte) + int(error);
-  byte = sum > 256 ? 255 : sum < 0 ? 0 : uint8_t(sum);
-}
-
 void fail(const std::string& text) { reportConversionError(text); }
 
 }  // namespace
 
 // One pixel's index in the cube, and the error to spread, from blue, green, red.
-int ifftogifQuantise(const uint8_t* bgr, int8_t error[3]) {
-  int q2 = (bgr[2] + 25) / 51, q1 = (bgr[1] + 25) / 51, q0 = (bgr[0] + 25) / 51;
-  error[2] = int8_t(bgr[2] - q2 * 51);
-  error[1] = int8_t(bgr[1] - q1 * 51);
-  error[0] = int8_t(bgr[0] - q0 * 51);
-  return (q0 * 6 + q1) * 6 + q2;
-}
+int ifftogifQuantise(const uint8_t* bgr, int8_t error[3]) { return TcolourCube::quantise(bgr, error); }
 
 int ifftogif(const char* input, const char* output) {
   TiffImageFile in(input, "r");
@@ -90,9 +62,11 @@ int ifftogif(const char* input, const char* output) {
     return -1;
   }
   // Each byte widened as a signed byte: 153 becomes 0xFF99, 255 0xFFFF.
-  const auto& cube = paletteCube();
-  for (int i = 0; i < 256; ++i)
-    for (int c = 0; c < 3; ++c) lut->entries[i].value[c] = uint16_t(int16_t(int8_t(cube[size_t(i)].v[c])));
+  for (int i = 0; i < 256; ++i) {
+    uint8_t rgb[3];
+    TcolourCube::entry(i, rgb);
+    for (int c = 0; c < 3; ++c) lut->entries[i].value[c] = uint16_t(int16_t(int8_t(rgb[c])));
+  }
 
   PxfImageData image;
   image.aspectName = "cjpAspect";
@@ -134,9 +108,10 @@ int ifftogif(const char* input, const char* output) {
       for (int c = 0; c < 3; ++c) big[c] = int8_t(double(e[c]) * 0.375), small[c] = int8_t(double(e[c]) * 0.25);
       bool right = x + 1 < width, below = y > 0;
       for (int c = 0; c < 3; ++c) {
-        if (right) addError(p[4 + c], big[c]);
-        if (below) addError(bitmap[(size_t(y - 1) * width + size_t(x)) * 4 + size_t(c)], big[c]);
-        if (right && below) addError(bitmap[(size_t(y - 1) * width + size_t(x) + 1) * 4 + size_t(c)], small[c]);
+        if (right) TcolourCube::addError(p[4 + c], big[c]);
+        if (below) TcolourCube::addError(bitmap[(size_t(y - 1) * width + size_t(x)) * 4 + size_t(c)], big[c]);
+        if (right && below)
+          TcolourCube::addError(bitmap[(size_t(y - 1) * width + size_t(x) + 1) * 4 + size_t(c)], small[c]);
       }
     }
     int written = PXF_scan_write(handle, y, channels);

@@ -22,6 +22,8 @@ constexpr int32_t PXF_BOTTOM_UP = 1;
 constexpr int32_t PXF_TOP_DOWN = 2;
 
 // PxfFormat::flags
+// The writer takes an index channel and a look-up table, not colour.
+constexpr uint8_t PXF_WRITES_INDEXES = 0x1;
 constexpr uint8_t PXF_MULTIFRAME = 0x2;
 // The format takes depth as 32-bit floats, the IFF depth values as they are
 // (negative reciprocals, 0 for none), instead of 31-bit integers.
@@ -29,6 +31,12 @@ constexpr uint8_t PXF_FLOAT_DEPTH = 0x4;
 // The format has no signature, and its recogniser only judges whether a
 // header makes sense: it is asked after every format that has one.
 constexpr uint8_t PXF_WEAK_SIGNATURE = 0x8;
+// The format keeps pictures in tiles as well as in lines.
+constexpr uint8_t PXF_TILES = 0x20;
+// The writer keeps the association it is given, and says which it is.
+constexpr uint8_t PXF_ANY_ASSOCIATION = 0x40;
+// The format's colour is premultiplied by definition.
+constexpr uint8_t PXF_PREMULTIPLIED_ALPHA = 0x80;
 
 // PXF_scan_write: the format cannot be written by scan lines.
 constexpr int PXF_ENOSCAN = -16;
@@ -175,7 +183,17 @@ struct PxfPluginOps {
                   size_t errorSize);
   // Ends reading or writing and frees the state; a write is complete only when this gives 0.
   int (*close)(void* state, char* error, size_t errorSize);
+  // The samples the format's files hold, PXF_HOLDS_* bits (the writer's
+  // choice among several by PxfImageData::storedKind); 0: the integer
+  // widths `depths` names.
+  uint32_t holds;
 };
+
+// PxfPluginOps::holds
+constexpr uint32_t PXF_HOLDS_8 = 0x1;
+constexpr uint32_t PXF_HOLDS_16 = 0x2;
+constexpr uint32_t PXF_HOLDS_HALF = 0x4;
+constexpr uint32_t PXF_HOLDS_FLOAT = 0x8;
 
 // 2: streams in and out, channels with a pixel stride, option ranges and
 // what the file holds. A plug-in built for another version is refused.

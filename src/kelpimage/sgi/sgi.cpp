@@ -27,7 +27,7 @@ void report(const char* format, ...) {
   va_start(args, format);
   std::vsnprintf(text, sizeof text, format, args);
   va_end(args);
-  if (theErrorHandler) theErrorHandler->reportError(Tstring("SGI image: ") + text);
+  TerrorHandler::send(Tstring("SGI image: ") + text);
 }
 
 using kelp::swap16;
