@@ -1,6 +1,6 @@
 // The GIF plug-in, on giflib: palette pictures and their frames, read as
-// RGBA at 8 bits (a frame drawn on a transparent canvas of the screen's
-// size); written from an index channel and a look-up table, as the cube of
+// RGB at 8 bits, with alpha where a frame leaves the screen clear (each
+// frame is drawn on a transparent canvas of the screen's size); written from an index channel and a look-up table, as the cube of
 // the IFF-to-GIF conversion gives them, one image a frame. Opening walks
 // the file's records without decoding, to count the frames; a frame's
 // lines are decoded as its rows are asked for (an interlaced frame whole).
@@ -120,9 +120,16 @@ bool skipPixels(State* s, char* error, size_t size) {
   return true;
 }
 
-void describe(const State* s, PxfImageData* image) {
+// Whether frame `f` leaves any of the screen clear: a transparent colour,
+// or a rectangle short of the screen.
+bool seeThrough(const State* s, const Frame& f) {
+  return f.transparent != NO_TRANSPARENT_COLOR || f.desc.Left > 0 || f.desc.Top > 0 ||
+         int64_t(f.desc.Left) + f.desc.Width < s->width || int64_t(f.desc.Top) + f.desc.Height < s->height;
+}
+
+void describe(const State* s, int frame, PxfImageData* image) {
   *image = PxfImageData{};
-  pxfplugin::describePicture(image, s->width, s->height, PXF_TOP_DOWN, 3, true, 8);
+  pxfplugin::describePicture(image, s->width, s->height, PXF_TOP_DOWN, 3, seeThrough(s, s->frames[size_t(frame)]), 8);
   image->compression = "LZW";
 }
 
@@ -148,7 +155,7 @@ void* openRead(PxfStream* in, PxfImageData* image, int32_t* frames, char* error,
     return nullptr;
   }
   closeDecoder(s.get());
-  describe(s.get(), image);
+  describe(s.get(), 0, image);
   *frames = int32_t(s->frames.size());
   return s.release();
 }
@@ -176,7 +183,7 @@ int setFrame(void* state, int32_t frame, PxfImageData* image, char* error, size_
   s->frame = frame;
   s->next = 0;
   closeDecoder(s);  // the next row starts the decoder afresh, at this frame
-  describe(s, image);
+  describe(s, frame, image);
   return 0;
 }
 
@@ -223,7 +230,7 @@ int readRow(void* state, int32_t row, void* const* channels, int64_t stride, cha
     }
   }
   s->next++;
-  pxfplugin::deinterleave(s->canvasRow.data(), 4, 1, channels, stride, 0, 4, s->width);
+  pxfplugin::deinterleave(s->canvasRow.data(), 4, 1, channels, stride, 0, seeThrough(s, f) ? 4 : 3, s->width);
   return 0;
 }
 

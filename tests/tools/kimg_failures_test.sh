@@ -72,17 +72,17 @@ fails 1 "kimg: $dir/missing.iff: No such file or directory" "$kimg" convert "$di
 fails 1 "Is a directory" "$kimg" chunks "$dir"
 : > "$dir/empty.iff"
 fails 1 "empty or too short" "$kimg" chunks "$dir/empty.iff"
-fails 1 "empty or too short" "$kimg" info "$dir/empty.iff"
+fails 1 "empty.iff: the file is empty" "$kimg" info "$dir/empty.iff"
 printf '\211PNG\r\n\032\n\000\000\000\rIHDR\000\000\000\001\000\000\000\001\010\002\000\000\000' > "$dir/x.png"
 fails 1 "x.png: Not a chunked file" "$kimg" chunks "$dir/x.png"
-fails 1 "x.png: cannot be read as png: the file ends early" "$kimg" info "$dir/x.png"
+fails 1 "x.png: the file ends early" "$kimg" info "$dir/x.png"
 # A damaged PNG: the codec library's reason.
-fails 1 "x.png: cannot be read as png: the file ends early" "$kimg" convert "$dir/x.png" "$dir/x.iff"
+fails 1 "x.png: the file ends early" "$kimg" convert "$dir/x.png" "$dir/x.iff"
 [ ! -e "$dir/x.iff" ]
 printf 'not a picture' > "$dir/x.txt"
-fails 1 "x.txt: not a picture of a format kimg reads" "$kimg" convert "$dir/x.txt" "$dir/x.iff"
+fails 1 "x.txt: not a picture of a format the library reads" "$kimg" convert "$dir/x.txt" "$dir/x.iff"
 printf 'FOR4\000\000\000\004Kelp' > "$dir/scene.iff"
-fails 1 "No image found" "$kimg" info "$dir/scene.iff"
+fails 1 "scene.iff: not a picture of a format the library reads" "$kimg" info "$dir/scene.iff"
 
 # A header far larger than its file: shown as it stands, refused at once.
 python3 - "$dir/p.iff" "$dir/huge.iff" "$dir/wide.iff" <<'PY'
@@ -97,7 +97,7 @@ wide[at:at + 8] = struct.pack('>II', 32768, 1)
 open(sys.argv[3], 'wb').write(wide)
 PY
 fails 1 "huge.iff: Image size out of range" "$kimg" info --stats "$dir/huge.iff"
-grep -q "size         2147483647 x 2147483647" "$dir/out.txt"
+grep -q "Image size out of range (2147483647 x 2147483647)" "$dir/err.txt"
 fails 1 "huge.iff: Image size out of range" "$kimg" convert "$dir/huge.iff" "$dir/x.iff"
 # A header whose tiles do not cover the picture.
 fails 1 "wide.iff: Data does not fit" "$kimg" convert "$dir/wide.iff" "$dir/x.iff"

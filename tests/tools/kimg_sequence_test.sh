@@ -44,7 +44,7 @@ cmp skip.0003.sgi single.sgi
 grep -q "in.0002.iff -> v.0002.sgi" err.txt
 
 # kimg info over a sequence.
-[ "$("$kimg" info 'in.####.iff' --frames 1-3 | grep -c '^  size')" = 3 ]
+[ "$("$kimg" info 'in.####.iff' --frames 1-3 | grep -c '^  size\|^  frame ')" = 3 ]
 
 # Usage: an output without a pattern, --frames without one.
 set +e

@@ -43,6 +43,8 @@ struct ConvertOptions {
   std::string layer;  // of a Photoshop document: this layer ("#N": the N-th) instead of the flattened image
   int alpha = -1;     // of a Photoshop document: this alpha channel instead
   std::string set;    // of a Photoshop document: this layer set's composite instead
+  bool lenient = false;  // read past damage a decoder can step over, with a warning
+  bool quiet = false;    // no warnings of what the output could not hold
 };
 
 struct PsdOptions {

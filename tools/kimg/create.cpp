@@ -5,6 +5,7 @@
 #include "commands.h"
 #include "files.h"
 #include "kelpimage/il/il.h"
+#include "kelpimage/io/tformatcatalogue.h"
 #include "util.h"
 
 namespace kimg {
@@ -44,9 +45,10 @@ int create(const CreateOptions& o) {
     size_t eq = field.find('=');
     if (eq == std::string::npos || eq == 0 || eq > 4) return usage("--field must be TAG=TEXT: " + field);
   }
-  std::string format, why;
+  TformatInfo format;
+  std::string why;
   if (!outputFormat(o.out, "", format, why)) return fail(o.out, why);
-  if (format != "iff") return fail(o.out, "create writes IFF files only");
+  if (format.key != "kelp") return fail(o.out, "create writes IFF files only");
   Output output(o.out);
   if (!output.error().empty()) return fail(o.out, output.error());
 

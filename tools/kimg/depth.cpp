@@ -5,14 +5,16 @@
 #include "commands.h"
 #include "files.h"
 #include "kelpimage/image/tiffimagefile.h"
+#include "kelpimage/io/tformatcatalogue.h"
 #include "util.h"
 
 namespace kimg {
 
 int depth(const std::string& in, const std::string& out) {
-  std::string format, why;
+  TformatInfo format;
+  std::string why;
   if (!outputFormat(out, "", format, why)) return fail(out, why);
-  if (format != "iff") return fail(out, "depth writes IFF files only (kimg convert makes SGI of them)");
+  if (format.key != "kelp") return fail(out, "depth writes IFF files only (kimg convert makes others of them)");
   Input input(in);
   if (!input.error().empty()) return fail(in, input.error());
   TiffImageFile source;

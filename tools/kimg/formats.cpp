@@ -1,33 +1,50 @@
-// kimg formats: IFF, SGI and every plug-in format found, with what each does.
+// kimg formats: every format the library knows, with what each does.
 #include <cstdio>
 #include <string>
 
 #include "commands.h"
-#include "kelpimage/image/formatgateway.h"
-#include "kelpimage/plugin/pxf.h"
+#include "kelpimage/io/tformatcatalogue.h"
 
 namespace kimg {
+namespace {
+
+std::string joined(const std::vector<std::string>& parts, const char* between) {
+  std::string text;
+  for (const std::string& p : parts) text += (text.empty() ? "" : between) + p;
+  return text;
+}
+
+std::string samplesOf(unsigned types) {
+  std::vector<std::string> names;
+  for (TsampleType t : {TsampleType::kUint8, TsampleType::kUint16, TsampleType::kHalf, TsampleType::kFloat})
+    if (types & TsampleBit(t)) names.push_back(TsampleName(t));
+  return joined(names, ",");
+}
+
+}  // namespace
 
 int formats() {
-  std::printf("%-6s %-20s %-5s %-6s %s\n", "key", "extensions", "does", "frames", "name: description");
-  std::printf("%-6s %-20s %-5s %-6s %s\n", "iff", "iff", "rw", "images", "IFF: read and written by kimg itself");
-  std::printf("%-6s %-20s %-5s %-6s %s\n", "sgi", "sgi;rgb;rgba;bw", "rw", "no", "SGI: read and written by kimg itself");
-  std::printf("%-6s %-20s %-5s %-6s %s\n", "psd", "psd", "rw", "no",
-              "Photoshop: read (the flattened image; kimg psd for layers and sets) and written (a background layer) "
-              "by the library itself");
-  loadAllPXFPlugins();
-  int count = 0;
-  for (int i = 0; const PxfFormat* f = PXF_format(i); ++i, ++count) {
-    std::string does = std::string(f->ops->canRead ? "r" : "") + (f->ops->canWrite ? "w" : "");
-    std::printf("%-6s %-20s %-5s %-6s %s: %s  (%s)\n", f->key, f->extensions, does.c_str(),
-                (f->flags & PXF_MULTIFRAME) ? "yes" : "no", f->name, f->description, f->path);
-    std::string settable;
-    for (int32_t c = 0; c < f->ops->capabilityCount; ++c)
-      if ((f->ops->capabilities[c].flags & 2) && f->ops->capabilities[c].name)
-        settable += (settable.empty() ? "" : ", ") + std::string(f->ops->capabilities[c].name);
-    if (!settable.empty()) std::printf("%-6s options (--option NAME=VALUE): %s\n", "", settable.c_str());
+  std::printf("%-6s %-20s %-5s %-6s %-22s %s\n", "key", "extensions", "does", "frames", "samples", "name: description");
+  int plugins = 0;
+  for (const TformatInfo& f : TformatCatalogue::formats()) {
+    std::string does = std::string(f.canRead ? "r" : "") + (f.canWrite ? "w" : "");
+    std::string held = samplesOf(f.readTypes);
+    if (f.alpha) held += f.anyAssociation ? "+alpha" : f.association == Tassociation::kPremultiplied ? "+alpha(premult)" : "+alpha";
+    if (f.depth) held += "+depth";
+    std::printf("%-6s %-20s %-5s %-6s %-22s %s: %s%s\n", f.key.c_str(), joined(f.extensions, ";").c_str(), does.c_str(),
+                f.frames ? "yes" : "no", held.c_str(), f.name.c_str(), f.description.c_str(),
+                f.builtIn ? "" : ("  (" + f.path + ")").c_str());
+    std::vector<std::string> options;
+    for (const TformatOption& o : f.options) {
+      char range[64];
+      std::snprintf(range, sizeof range, " %g-%g", o.minimum, o.maximum);
+      options.push_back(o.name + range);
+    }
+    if (!options.empty())
+      std::printf("%-6s options (--option NAME=VALUE): %s\n", "", joined(options, ", ").c_str());
+    plugins += f.builtIn ? 0 : 1;
   }
-  if (count == 0)
+  if (plugins == 0)
     std::printf("no plug-ins found: PXF_PLUG_IN_PATH, KELP_LOCATION/bin/plug-ins/image or the installed folder\n");
   return 0;
 }

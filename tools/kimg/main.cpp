@@ -78,6 +78,8 @@ int run(int argc, char** argv) {
   convert->add_option("--alpha", conv.alpha, "Of a Photoshop document: this alpha channel (from 0), grey")
       ->check(CLI::NonNegativeNumber);
   convert->add_option("--set", conv.set, "Of a Photoshop document: this layer set's composite");
+  convert->add_flag("--lenient", conv.lenient,
+                    "Read past damage a decoder can step over (a file cut short), with a warning, instead of failing");
   kimg::SequenceOptions seq;
   convert->add_option("--frames", seq.frames,
                       "Frames of a sequence (IN and OUT as name.####.ext, name.#.ext or name.%04d.ext): "
@@ -180,6 +182,7 @@ int run(int argc, char** argv) {
   if (*pattern) return kimg::pattern(pat);
   if (*convert) {
     kimg::FramePattern p;
+    conv.quiet = seq.quiet;
     if (kimg::FramePattern::parse(conv.in, p)) return kimg::convertSequence(conv, seq);
     if (!seq.frames.empty()) return kimg::usage("--frames goes with a frame pattern such as name.####.iff");
     return kimg::convert(conv);

@@ -10,15 +10,9 @@
 
 #include "commands.h"
 #include "files.h"
-#include "kelpimage/il/il.h"
-#include "kelpimage/image/formatgateway.h"
-#include "kelpimage/image/timagefile.h"
+#include "kelpimage/io/timagereader.h"
+#include "kelpimage/io/timagewriter.h"
 #include "kelpimage/movie/tmovie.h"
-#include "kelpimage/plugin/plugins.h"
-#include "kelpimage/plugin/pxf.h"
-#include "kelpimage/sgi/sgi.h"
-#include "lines.h"
-#include "psd.h"
 #include "sequence.h"
 #include "util.h"
 
@@ -31,127 +25,31 @@ struct Picture {
   std::vector<uint8_t> pixels;
 };
 
-bool readLines(Lines& lines, Picture& picture, std::string& why) {
-  picture.width = lines.width;
-  picture.height = lines.height;
-  size_t row = size_t(lines.width) * 4;
-  picture.pixels.resize(row * size_t(lines.height));
-  std::vector<uint8_t> line(row * size_t(lines.bytes));
-  for (int i = 0; i < lines.height; ++i) {
-    if (!lines.next(line.data())) {
-      why = lines.error.empty() ? "cannot be read" : lines.error;
-      return false;
-    }
-    int y = lines.topdown ? lines.height - 1 - i : i;
-    uint8_t* out = picture.pixels.data() + size_t(y) * row;
-    if (lines.bytes == 1) std::memcpy(out, line.data(), row);
-    else
-      for (size_t k = 0; k < row; ++k) out[k] = line[2 * k + 1];  // the high byte of each 16-bit sample
-  }
-  return true;
-}
-
-bool readIff(const std::string& path, Picture& picture, std::string& why) {
-  ILimage* im = ILopen(path.c_str(), "r");
-  if (!im) {
-    why = FLstrerror(flerrno);
-    return false;
-  }
-  bool ok = false;
-  if (!ILgetheader(im)) why = FLstrerror(flerrno);
-  else if (im->bytes == 4) why = "holds floating-point pixels, which a movie frame cannot";
-  else if (int rc = ILsetbpp(im, 1)) why = FLstrerror(rc);  // 16-bit channels as the library makes them 8
-  else {
-    std::unique_ptr<Lines> lines = iffLines(im, false);
-    lines->bytes = 1;
-    ok = readLines(*lines, picture, why);
-  }
-  ILclose(im);
-  return ok;
-}
-
-// One row of a plug-in's channels (red, green, blue, or grey) of `step`
-// bytes a sample into 4-byte pixels, the high byte of each sample.
-void packRow(void* const* channels, int colours, size_t step, int32_t width, uint8_t* out) {
-  const auto* r = static_cast<const uint8_t*>(channels[0]) + step - 1;
-  const auto* g = colours >= 2 ? static_cast<const uint8_t*>(channels[1]) + step - 1 : r;
-  const auto* b = colours == 3 ? static_cast<const uint8_t*>(channels[2]) + step - 1 : r;
-  if (colours == 3 && step == 1) {
-    for (int32_t x = 0; x < width; ++x, out += 4) {
-      out[0] = b[x];
-      out[1] = g[x];
-      out[2] = r[x];
-    }
-    return;
-  }
-  for (int32_t x = 0; x < width; ++x, out += 4) {
-    size_t at = size_t(x) * step;
-    out[0] = colours == 2 ? 0 : b[at];
-    out[1] = g[at];
-    out[2] = r[at];
-  }
-}
-
-// A picture of a plug-in format of 8 or 16-bit integer samples and 1 to 3
-// colour channels, read row by row straight from its plug-in. False when
-// the picture is of another kind, for the road through an IFF file.
-bool readPluginRows(const std::string& key, const std::string& path, Picture& picture) {
-  PxfHandle* handle = openPluginPicture(key, path);
-  const PxfImageData* im = handle ? handle->image : nullptr;
-  bool simple = im && im->colorKind == PXF_INTEGER && (im->colorBits == 8 || im->colorBits == 16) &&
-                im->colorChannels >= 1 && im->colorChannels <= 3 && im->width() >= 1 && im->height() >= 1 &&
-                im->width() <= 32767 && im->height() <= 32767;
-  PxfChannels* channels = simple ? PXF_chan_alloc(im, im->width(), key.c_str(), nullptr) : nullptr;
-  bool ok = channels != nullptr;
-  if (ok) {
-    picture.width = im->width();
-    picture.height = im->height();
-    picture.pixels.resize(size_t(picture.width) * size_t(picture.height) * 4);
-    size_t step = size_t(im->colorBits / 8);
-    int colours = im->colorChannels;
-    // Rows come in the order the file keeps them: from the top for most.
-    bool fromTop = im->orientation != PXF_BOTTOM_UP;
-    for (int32_t i = 0; i < picture.height && ok; ++i) {
-      int32_t row = fromTop ? picture.height - 1 - i : i;
-      ok = PXF_scan_read(handle, row, channels) == 0;
-      if (ok) packRow(channels->buffers, colours, step, picture.width,
-                      picture.pixels.data() + size_t(row) * size_t(picture.width) * 4);
-    }
-    PXF_chan_free(channels);
-  }
-  if (handle) PXF_close(handle);
-  return ok;
-}
-
-// Any picture the front door reads; 0, or the status after a message.
+// Any picture the library reads, its colour at 8 bits; 0, or the status
+// after a message.
 int readPicture(const std::string& name, Picture& picture) {
   Input input(name);
   if (!input.error().empty()) return fail(name, input.error());
-  Tstring key = TimageFile().getImageType(Tstring(input.path().c_str()));
-  if (key.isEmpty()) return fail(name, takeReport("not a picture of a format kimg reads"));
-  std::string why;
-  bool ok = false;
-  if (key == "kelp") {
-    ok = readIff(input.path(), picture, why);
-  } else if (key == "sgi") {
-    IMAGE* sgi = iopen(input.path().c_str(), "r");
-    if (!sgi) return fail(name, takeReport("cannot be read as an SGI picture"));
-    ok = readLines(*sgiLines(sgi, false), picture, why);
-    iclose(sgi);
-  } else if (key == "psd") {
-    std::unique_ptr<Lines> lines = psdLines(input.path(), PsdPart{}, false, why);
-    if (!lines) return why.empty() ? kFailed : fail(name, why);
-    ok = readLines(*lines, picture, why);
-  } else if (readPluginRows(key.str(), input.path(), picture)) {
-    ok = true;
-  } else {
-    TscratchFile iff;
-    if (!iff.error().empty()) return fail(name, iff.error());
-    if (anytoiffCompressed(input.path().c_str(), iff.path().c_str(), key.asChar(), 0, 0) != 0)
-      return fail(name, takeReport("cannot be read"));
-    ok = readIff(iff.path(), picture, why);
+  TimageReader reader;
+  if (!reader.open(input.path())) return failFrom(name, input.path(), reader.error());
+  const TimageSpec& spec = reader.spec();
+  std::vector<uint8_t> rgb(spec.rowBytes(TsampleType::kUint8) * size_t(spec.height));
+  if (!reader.readImage(rgb.data(), TsampleType::kUint8)) return failFrom(name, input.path(), reader.error());
+  picture.width = spec.width;
+  picture.height = spec.height;
+  picture.pixels.resize(size_t(spec.width) * size_t(spec.height) * 4);
+  const size_t channels = size_t(spec.channels());
+  const bool grey = spec.colorChannels == 1;
+  for (int32_t y = 0; y < spec.height; ++y) {
+    const uint8_t* in = rgb.data() + size_t(y) * size_t(spec.width) * channels;
+    // Blue, green, red, alpha, the bottom row first.
+    uint8_t* out = picture.pixels.data() + size_t(spec.height - 1 - y) * size_t(spec.width) * 4;
+    for (int32_t x = 0; x < spec.width; ++x, in += channels, out += 4) {
+      out[0] = in[grey ? 0 : 2], out[1] = in[grey ? 0 : 1], out[2] = in[0];
+      out[3] = spec.alpha ? in[channels - 1] : 255;
+    }
   }
-  return ok ? 0 : fail(name, why);
+  return 0;
 }
 
 // The layer's reason for the last failure, without the file name it starts
@@ -244,68 +142,26 @@ int makeMovie(const MovieOptions& o) {
   return 0;
 }
 
-// A frame written straight through the plug-in of `key`, 8 bits a colour
-// channel, to `path`. 1 when the plug-in writes no 8-bit pictures (for the
-// road through an IFF file), -1 after a failure, 0 once written.
-int writePluginRows(const std::string& key, const std::string& path, const TpixelMap& map) {
-  const PxfFormat* format = PXF_find(key.c_str());
-  if (!format || !format->ops || !format->ops->canWrite || !(format->depths & (1u << 7))) return 1;
-  PxfImageData image;
-  image.windowRight = image.window2[1] = map.width() - 1;
-  image.windowTop = image.window2[3] = map.height() - 1;
-  image.dataKind = FMT_def_image_data();
-  image.colorChannels = 3;
-  image.colorBits = image.matteBits = 8;
-  image.orientation = (format->orientations & uint32_t(PXF_BOTTOM_UP)) ? PXF_BOTTOM_UP : PXF_TOP_DOWN;
-  std::string extension = path.substr(std::min(path.size(), path.rfind('.')));
-  PxfFileInfo info;
-  PXF_info_init(&info);
-  info.key = key.c_str();
-  info.name = info.name2 = path.c_str();
-  info.one = 1;
-  info.extension = extension.c_str();
-  info.imageCount = 1;
-  info.image = &image;
-  PxfHandle* handle = PXF_open(&info, "w");
-  if (!handle) return -1;
-  PxfChannels* channels = PXF_chan_alloc(&image, map.width(), key.c_str(), nullptr);
-  int rc = channels ? 0 : -1;
-  for (int32_t i = 0; i < map.height() && rc == 0; ++i) {
-    int32_t row = image.orientation == PXF_TOP_DOWN ? map.height() - 1 - i : i;
-    const auto* p = reinterpret_cast<const uint8_t*>(map.pixelPointer(0, row));
-    for (int32_t x = 0; x < map.width(); ++x, p += 4)
-      for (int c = 0; c < 3; ++c) static_cast<uint8_t*>(channels->buffers[c])[x] = p[2 - c];
-    rc = PXF_scan_write(handle, row, channels) == 0 ? 0 : -1;
-  }
-  if (channels) PXF_chan_free(channels);
-  int closed = PXF_close(handle);
-  return rc == 0 && closed == 0 ? 0 : -1;
-}
-
 // One frame written as `name`, in the format its extension says.
-int writeFrame(const TpixelMap& map, const std::string& movie, const std::string& name) {
-  std::string format, why;
+int writeFrame(const TpixelMap& map, const std::string& name) {
+  TformatInfo format;
+  std::string why;
   if (!outputFormat(name, "", format, why)) return fail(name, why);
-  if (format == "iff" || format == "sgi") {
-    Output out(name);
-    if (!out.error().empty()) return fail(name, out.error());
-    std::unique_ptr<Lines> lines = mapLines(map, false);
-    int status = format == "iff" ? writeIff(*lines, out.path(), 1, 0, 0, movie, name)
-                                 : writeSgi(*lines, out.path(), false, movie, name);
-    return status ? status : out.commit();
-  }
-  Output out(name, Output::kNamed);
+  Output out(name, Output::kLibrary);  // the library writes the file whole itself
   if (!out.error().empty()) return fail(name, out.error());
-  int direct = writePluginRows(format, out.path(), map);
-  if (direct < 0) return fail(name, std::string("cannot be written as ") + format + ": " + PXF_last_error());
-  if (direct == 0) return out.commit();
-  // Other formats: an IFF file, which the format's plug-in writes out.
-  TscratchFile iff;
-  if (!iff.error().empty()) return fail(name, iff.error());
-  if (int status = writeIff(*mapLines(map, false), iff.path(), 0, 0, 0, movie, name)) return status;
-  int rc = ifftoany(iff.path().c_str(), out.path().c_str(), format.c_str());
-  int finished = ifftoanyFinish(out.path().c_str());
-  if (rc != 0 || finished != 0) return fail(name, takeReport("cannot be written as " + format));
+  TimageSpec spec;
+  spec.width = map.width();
+  spec.height = map.height();
+  std::vector<uint8_t> rgb(spec.rowBytes(TsampleType::kUint8) * size_t(spec.height));
+  for (int32_t y = 0; y < spec.height; ++y) {
+    const auto* p = reinterpret_cast<const uint8_t*>(map.pixelPointer(0, spec.height - 1 - y));
+    uint8_t* o = rgb.data() + size_t(y) * size_t(spec.width) * 3;
+    for (int32_t x = 0; x < spec.width; ++x, p += 4, o += 3) o[0] = p[2], o[1] = p[1], o[2] = p[0];
+  }
+  TimageWriter writer;
+  if (!writer.create(out.path(), spec, {}, format.key) || !writer.writeImage(rgb.data(), TsampleType::kUint8) ||
+      !writer.close())
+    return failFrom(name, out.path(), writer.error());
   return out.commit();
 }
 
@@ -338,7 +194,7 @@ int extractFrames(const MovieOptions& o) {
     }
     if (writing.size() >= 2) finishOne();
     writing.push_back(std::async(std::launch::async, [map, name = pattern.name(i + 1), &o] {
-      return writeFrame(*map, o.movie, name);
+      return writeFrame(*map, name);
     }));
   }
   while (!writing.empty()) finishOne();

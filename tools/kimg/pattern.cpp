@@ -8,6 +8,7 @@
 #include "commands.h"
 #include "files.h"
 #include "kelpimage/il/il.h"
+#include "kelpimage/io/tformatcatalogue.h"
 #include "util.h"
 
 namespace kimg {
@@ -45,9 +46,10 @@ int pattern(const PatternOptions& o) {
   uint32_t compress = 0;
   if (!parseSize(o.size, w, h)) return usage("--size must be WxH, each from 1 to 32768: " + o.size);
   compressionNumber(o.compression, compress);
-  std::string format, why;
+  TformatInfo format;
+  std::string why;
   if (!outputFormat(o.out, "", format, why)) return fail(o.out, why);
-  if (format != "iff") return fail(o.out, "pattern writes IFF files only (kimg convert makes SGI of them)");
+  if (format.key != "kelp") return fail(o.out, "pattern writes IFF files only (kimg convert makes others of them)");
   Output output(o.out);
   if (!output.error().empty()) return fail(o.out, output.error());
 

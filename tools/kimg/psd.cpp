@@ -9,7 +9,6 @@
 #include "commands.h"
 #include "kelpimage/photoshop/tpsdfile.h"
 #include "kelpimage/photoshop/tpsdwarning.h"
-#include "lines.h"
 #include "psd.h"
 #include "util.h"
 
@@ -150,123 +149,6 @@ int psd(const PsdOptions& o) {
   }
   printWarnings();
   return 0;
-}
-
-}  // namespace kimg
-
-namespace kimg {
-
-namespace {
-
-// The document and the channels the lines come from.
-struct PsdSource {
-  TpsdFile doc;
-  std::unique_ptr<TrgbaData> owned;
-  TpixelData16* pixels = nullptr;
-  int width = 0, height = 0;
-  int grey = -1;  // the one channel of an alpha picture, or -1 for colour
-  int row = 0;
-};
-
-TpsdLayer* findLayer(TpsdFile& doc, const std::string& name) {
-  if (name.size() > 1 && name[0] == '#') {
-    char* end = nullptr;
-    long n = std::strtol(name.c_str() + 1, &end, 10);
-    if (*end == '\0' && n >= 0) {
-      for (const auto& layer : doc.fLayers)
-        if (layer->fSectionType == sectionLayer && n-- == 0) return layer.get();
-      return nullptr;
-    }
-  }
-  return doc.getLayerObjFromName(Tstring(name.c_str()));
-}
-
-// Points `src` at the part; false with the reason.
-bool choosePart(PsdSource& src, const PsdPart& part, std::string& why) {
-  TpsdFile& doc = src.doc;
-  if (!part.layer.empty()) {
-    if (!doc.readAllLayerRecordInformation() && !doc.lastReason().isEmpty()) return why = doc.lastReason().str(), false;
-    TpsdLayer* layer = findLayer(doc, part.layer);
-    if (!layer) return why = "has no layer \"" + part.layer + "\"", false;
-    if (layer->width() <= 0 || layer->height() <= 0) return why = "layer \"" + part.layer + "\" is empty", false;
-    if (!(src.pixels = doc.layerPixels(*layer)))
-      return why = doc.lastReason().isEmpty() ? "layer \"" + part.layer + "\" has no pixels" : doc.lastReason().str(), false;
-    src.width = layer->width();
-    src.height = layer->height();
-    return true;
-  }
-  TrgbaData* image = nullptr;
-  if (!part.set.empty()) {
-    if (!doc.getCompositeImageOfLayerSet(Tstring(part.set.c_str()), image)) return why = doc.lastReason().str(), false;
-  } else if (part.alpha >= 0) {
-    if (!doc.getAlphaChannelMap(image, part.alpha)) return why = doc.lastReason().str(), false;
-    src.owned.reset(image);
-    src.grey = part.alpha + 3;
-  } else {
-    // The flattened image, in RGB whatever the document's colour mode.
-    if (!doc.readPicture(image)) return why = doc.lastReason().str(), false;
-    src.owned.reset(image);
-  }
-  src.pixels = image->pixels16();
-  src.width = int(image->width());
-  src.height = int(image->height());
-  for (auto& [id, ch] : src.pixels->fChannels) {
-    if (!ch) continue;
-    ch->rawPointer();
-    if (ch->expandFailed()) return why = "channel " + std::to_string(id) + " of the flattened image is damaged", false;
-  }
-  return true;
-}
-
-void putSample(uint8_t* line, size_t at, int bytes, const uint8_t* samples, size_t index) {
-  if (bytes == 2)
-    std::memcpy(line + at * 2, samples + index * 2, 2);
-  else
-    line[at] = samples[index];
-}
-
-}  // namespace
-
-std::unique_ptr<Lines> psdLines(const std::string& path, const PsdPart& part, bool topdown, std::string& why) {
-  auto src = std::make_shared<PsdSource>();
-  if (psdOpen(path, src->doc)) return why = "", nullptr;
-  if (!choosePart(*src, part, why)) return nullptr;
-  auto lines = std::make_unique<Lines>();
-  lines->width = src->width;
-  lines->height = src->height;
-  lines->bytes = src->doc.fDataFormat == dataFormat16 ? 2 : 1;
-  lines->topdown = topdown;
-  // Layers, sets and documents with transparency have alpha; alpha
-  // channels and opaque documents do not.
-  lines->alpha = src->grey < 0 && src->pixels->hasChannel(channelTransparency);
-  bool alpha = lines->alpha;
-  int bytes = lines->bytes;
-  lines->next = [src, alpha, bytes, topdown](uint8_t* line) {
-    int y = topdown ? src->row : src->height - 1 - src->row;
-    ++src->row;
-    size_t w = size_t(src->width);
-    size_t first = size_t(y) * w;
-    const uint8_t* planes[4] = {};
-    const int ids[4] = {channelBlue, channelGreen, channelRed, channelTransparency};
-    for (int c = 0; c < 4; ++c) {
-      int id = src->grey >= 0 && c < 3 ? src->grey : ids[c];
-      planes[c] = src->pixels->getChannelPixPtr(id);
-    }
-    uint16_t full = bytes == 2 ? 65535 : 255;
-    for (size_t x = 0; x < w; ++x) {
-      for (int c = 0; c < 4; ++c) {
-        if (planes[c] && (c < 3 || alpha)) {
-          putSample(line, 4 * x + size_t(c), bytes, planes[c], first + x);
-        } else if (bytes == 2) {
-          std::memcpy(line + (4 * x + size_t(c)) * 2, &full, 2);
-        } else {
-          line[4 * x + size_t(c)] = uint8_t(full);
-        }
-      }
-    }
-    return true;
-  };
-  return lines;
 }
 
 }  // namespace kimg

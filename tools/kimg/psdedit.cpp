@@ -5,10 +5,11 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "commands.h"
 #include "files.h"
-#include "kelpimage/image/timagefile.h"
+#include "kelpimage/io/timagereader.h"
 #include "kelpimage/photoshop/tpsdfile.h"
 #include "kelpimage/photoshop/tpsdwarning.h"
 #include "psd.h"
@@ -28,28 +29,39 @@ bool split(const std::string& text, std::string& name, std::string& value) {
   return true;
 }
 
-// A picture the front door reads, as the channels of a layer of `format`:
-// red, green, blue and transparency, the top row first.
-std::unique_ptr<TrgbaData> pictureOf(const std::string& path, TdataFormat format, std::string& why) {
-  TimageFile file;
-  TpixelMap map;
-  if (file.identifyAndOpen(Tstring(path.c_str())) != 0 || file.readPixelMap(map) != 0) {
-    why = takeReport("cannot be read");
+// A picture of any format the library reads, as the channels of a layer
+// of `format` (8 or 16 bits): red, green, blue and transparency, the top
+// row first.
+std::unique_ptr<TrgbaData> pictureOf(const std::string& name, TdataFormat format, std::string& why) {
+  Input input(name);
+  TimageReader reader;
+  if (!input.error().empty() || !reader.open(input.path())) {
+    why = input.error().empty() ? reader.error() : input.error();
     return nullptr;
   }
-  uint32_t w = uint32_t(map.width()), h = uint32_t(map.height());
+  const TimageSpec& spec = reader.spec();
+  const bool wide = format == dataFormat16;
+  const TsampleType type = wide ? TsampleType::kUint16 : TsampleType::kUint8;
+  std::vector<uint8_t> rows(spec.rowBytes(type) * size_t(spec.height));
+  if (!reader.readImage(rows.data(), type)) {
+    why = reader.error();
+    return nullptr;
+  }
+  uint32_t w = uint32_t(spec.width), h = uint32_t(spec.height);
   auto pixels = std::make_unique<TpixelData16>(format, w, h, false);
-  pixels->addChannel(channelTransparency, w, h, 0);
-  uint32_t scale = format == dataFormat16 ? 257 : 1;
-  for (uint32_t y = 0; y < h; ++y)
-    for (uint32_t x = 0; x < w; ++x) {
-      const Tpixel32* p = map.pixelPointer(int(x), int(h - 1 - y));  // the map keeps the bottom row first
-      uint32_t i = y * w + x;
-      pixels->setRed(i, p->fChannels.fRed * scale);
-      pixels->setGreen(i, p->fChannels.fGreen * scale);
-      pixels->setBlue(i, p->fChannels.fBlue * scale);
-      pixels->setTrans(i, p->fChannels.fAlpha * scale);
-    }
+  pixels->addChannel(channelTransparency, w, h, uint16_t(pixels->getMaxColor()));
+  const size_t channels = size_t(spec.channels());
+  auto sample = [&](size_t i) -> uint16_t {
+    return wide ? reinterpret_cast<const uint16_t*>(rows.data())[i] : rows[i];
+  };
+  for (uint32_t i = 0; i < w * h; ++i) {
+    size_t at = i * channels;
+    bool grey = spec.colorChannels == 1;
+    pixels->setRed(i, sample(at));
+    pixels->setGreen(i, sample(grey ? at : at + 1));
+    pixels->setBlue(i, sample(grey ? at : at + 2));
+    if (spec.alpha) pixels->setTrans(i, sample(at + channels - 1));
+  }
   return std::make_unique<TrgbaData>(w, h, pixels.release(), 4, false);
 }
 

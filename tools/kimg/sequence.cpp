@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "commands.h"
-#include "kelpimage/image/formatgateway.h"
+#include "kelpimage/io/tformatcatalogue.h"
 #include "util.h"
 
 namespace kimg {
@@ -154,7 +154,7 @@ int convertSequence(const ConvertOptions& o, const SequenceOptions& s) {
   // threads start.
   FrameConverter run;
   if (int status = prepareConvert(o, run)) return status;
-  loadAllPXFPlugins();
+  TformatCatalogue::formats();  // the plug-ins found once, before the threads
   size_t threads = s.threads > 0 ? size_t(s.threads) : std::max(1u, std::thread::hardware_concurrency());
   threads = std::min(threads, frames.size());
 

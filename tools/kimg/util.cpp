@@ -2,14 +2,12 @@
 
 #include <cctype>
 #include <cstdio>
-#include <utility>
 #include <vector>
 
 #include "files.h"
 #include "kelpimage/il/il.h"
 #include "kelpimage/base/terrorhandler.h"
-#include "kelpimage/image/formatgateway.h"
-#include "kelpimage/plugin/pxf.h"
+#include "kelpimage/io/tformatcatalogue.h"
 
 namespace kimg {
 namespace {
@@ -38,6 +36,10 @@ int fail(const std::string& file, const std::string& why) {
   if (reason.empty()) reason = "the operation failed";
   std::fprintf(stderr, "kimg: %s: %s\n", file.c_str(), reason.c_str());
   return kFailed;
+}
+
+int failFrom(const std::string& file, const std::string& path, const std::string& why) {
+  return fail(file, why.rfind(path + ": ", 0) == 0 ? why.substr(path.size() + 2) : why);
 }
 
 int failCode(const std::string& file, int code) { return fail(file, FLstrerror(code)); }
@@ -91,69 +93,23 @@ std::string tagText(uint32_t tag) {
   return s;
 }
 
-namespace {
-// The plug-in formats that write, with their extensions.
-std::vector<std::pair<std::string, std::vector<std::string>>> writablePlugins() {
-  loadAllPXFPlugins();
-  std::vector<std::pair<std::string, std::vector<std::string>>> formats;
-  for (int i = 0; const PxfFormat* f = PXF_format(i); ++i) {
-    if (!f->ops->canWrite) continue;
-    std::vector<std::string> extensions;
-    std::string all = f->extensions ? f->extensions : "";
-    for (size_t at = 0; at < all.size();) {
-      size_t semi = all.find(';', at);
-      if (semi == std::string::npos) semi = all.size();
-      if (semi > at) extensions.push_back(all.substr(at, semi - at));
-      at = semi + 1;
-    }
-    formats.emplace_back(f->key, extensions);
-  }
-  formats.emplace_back("psd", std::vector<std::string>{"psd"});  // the library's own road, no plug-in
-  return formats;
-}
-}  // namespace
-
-PxfHandle* openPluginPicture(const std::string& key, const std::string& path) {
-  PxfFileInfo info;
-  PXF_info_init(&info);
-  info.key = key.c_str();
-  info.name = info.name2 = path.c_str();
-  info.one = 1;
-  return PXF_open(&info, "r");
-}
-
-bool outputFormat(const std::string& name, const std::string& forced, std::string& format, std::string& why) {
-  std::string ext = (name == "-" || name.rfind("pipe:", 0) == 0) ? "" : extensionOf(name);
-  std::string own = !forced.empty() ? forced
-                    : ext.empty() || ext == "iff" ? "iff"
-                    : ext == "sgi" || ext == "rgb" || ext == "rgba" || ext == "bw" ? "sgi"
-                                                                                   : "";
-  if (own == "iff" || own == "sgi") {
-    format = own;
-    return true;
-  }
-  // Only names kimg does not write itself wake the plug-ins.
-  auto plugins = writablePlugins();
+bool outputFormat(const std::string& name, const std::string& forced, TformatInfo& format, std::string& why) {
   if (!forced.empty()) {
-    for (const auto& [key, extensions] : plugins)
-      if (key == forced) {
-        format = forced;
-        return true;
-      }
+    std::string key = forced == "iff" ? "kelp" : forced;
+    if (TformatCatalogue::find(key, format) && format.canWrite) return true;
     why = "kimg cannot write the format '" + forced + "' (kimg formats lists those it can)";
     return false;
   }
-  std::string list = "iff (.iff, or no extension), sgi (.sgi, .rgb, .rgba, .bw)";
-  for (const auto& [key, extensions] : plugins) {
+  std::string ext = (name == "-" || name.rfind("pipe:", 0) == 0) ? "" : extensionOf(name);
+  if (ext.empty()) return TformatCatalogue::find("kelp", format);
+  if (TformatCatalogue::forExtension(ext, format) && format.canWrite) return true;
+  std::string list;
+  for (const TformatInfo& f : TformatCatalogue::formats()) {
+    if (!f.canWrite) continue;
     std::string dotted;
-    for (const std::string& e : extensions) {
-      if (e == ext) {
-        format = key;
-        return true;
-      }
-      dotted += (dotted.empty() ? "." : ", .") + e;
-    }
-    list += ", " + key + (dotted.empty() ? "" : " (" + dotted + ")");
+    for (const std::string& e : f.extensions) dotted += (dotted.empty() ? "." : ", .") + e;
+    list += (list.empty() ? "" : ", ") + (f.key == "kelp" ? std::string("iff") : f.key) + " (" + dotted +
+            (f.key == "kelp" ? ", or no extension" : "") + ")";
   }
   why = "kimg cannot write ." + ext + " files; it writes " + list + ", or as --format says";
   return false;

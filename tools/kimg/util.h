@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-struct PxfHandle;
+struct TformatInfo;
 
 namespace kimg {
 
@@ -14,6 +14,8 @@ constexpr int kUsage = 2;
 
 // Prints "kimg: FILE: WHY" and gives kFailed.
 int fail(const std::string& file, const std::string& why);
+// The same, for a reason that names `path`, the file kimg opened for `file`.
+int failFrom(const std::string& file, const std::string& path, const std::string& why);
 int failCode(const std::string& file, int code);
 // Prints "kimg: WHY" with a pointer to the help, and gives kUsage.
 int usage(const std::string& why);
@@ -34,13 +36,9 @@ bool parseSize(const std::string& text, int& w, int& h, int most = 32768);
 
 std::string tagText(uint32_t tag);
 
-// A picture of a plug-in format opened for reading through the framework,
-// or null (PXF_last_error says why). PXF_close ends it.
-PxfHandle* openPluginPicture(const std::string& key, const std::string& path);
-
-// The format kimg writes `name` in: `forced` ("iff" or "sgi") if given, else
-// by the extension (.iff or none for IFF; .sgi, .rgb, .rgba, .bw for SGI).
-// False, with the reason, for an extension kimg cannot write.
-bool outputFormat(const std::string& name, const std::string& forced, std::string& format, std::string& why);
+// The format kimg writes `name` in: `forced` (a catalogue key, or "iff")
+// if given, else the one its extension says, IFF for none. False, with the
+// reason, for a format kimg cannot write.
+bool outputFormat(const std::string& name, const std::string& forced, TformatInfo& format, std::string& why);
 
 }  // namespace kimg

@@ -52,6 +52,9 @@ std::unique_ptr<ReaderBackend> sgiReader();
 std::unique_ptr<WriterBackend> sgiWriter();
 std::unique_ptr<ReaderBackend> psdReader();
 std::unique_ptr<WriterBackend> psdWriter();
+// A document into another file with its layers, sets and channels as they
+// are; `why` names the file that failed.
+bool copyDocument(const std::string& input, const std::string& output, std::string& why);
 std::unique_ptr<ReaderBackend> pluginReader(const TformatInfo& format);
 std::unique_ptr<WriterBackend> pluginWriter(const TformatInfo& format);
 

@@ -1,12 +1,13 @@
 // IFF through the library's own IL functions: 8 and 16-bit pictures, grey or
 // colour, with alpha (premultiplied, as renderers write it) and depth, the
 // images of a file as its frames, and the header's origin, pixel ratio,
-// resolution and fields. Lines are read from the top down; a picture is
-// written from the bottom up, as files of the format are, unless "Top
-// Down" is asked for.
+// resolution and fields. Lines are read and written from the top down, a
+// band of tiles at a time; "Top Down" 0 writes them from the bottom up,
+// holding the picture until its end, as the conversions of old did.
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <numeric>
 #include <vector>
@@ -90,7 +91,12 @@ class IffReader : public ReaderBackend {
     if (!fImage) return why = FLstrerror(flerrno), false;
     for (int i = 0; i < frame; ++i)
       if (ILnext(fImage) != 0) return why = "has no image " + std::to_string(frame + 1), false;
-    if (!ILgetheader(fImage)) return why = FLstrerror(flerrno), false;
+    if (!ILgetheader(fImage)) {
+      // A header refused for its size says the size it gives.
+      why = FLstrerror(flerrno);
+      if (fImage->ictl & ILC_REFUSED) why += " (" + std::to_string(fImage->width) + " x " + std::to_string(fImage->height) + ")";
+      return false;
+    }
     if (fImage->bytes == 4) return why = "IFF pictures of float samples are not read here", false;
     fBytes = fImage->bytes == 2 ? 2 : 1;
     if (fBytes == 2 && ILsetbpp(fImage, 2) != 0) return why = FLstrerror(flerrno), false;
@@ -116,6 +122,14 @@ class IffReader : public ReaderBackend {
     ILcodecfn pack = nullptr;
     ILfindcompressor(fImage->compress, name, &pack, nullptr);
     spec.compression = pack ? name : "unknown";
+    char type[64];
+    ILtypename(fImage->type, type, sizeof type);
+    char version[16];
+    std::snprintf(version, sizeof version, "0x%05x", unsigned(fImage->version));
+    spec.details = {{"type", std::string(type) + " (" + std::to_string(fImage->type) + ")"},
+                    {"tiles", std::to_string(fImage->pages)},
+                    {"pixel ratio", std::to_string(fImage->prnum) + ":" + std::to_string(fImage->prden)},
+                    {"version", version}};
     for (FLnode* n = fImage->fields.head; n; n = n->next) {
       if (n->type == IL_DPI) continue;
       auto* f = reinterpret_cast<ILfield*>(n);
@@ -215,7 +229,7 @@ class IffWriter : public WriterBackend {
   bool start(const TimageSpec& spec, std::string& why) {
     fSpec = spec;
     fBytes = spec.sampleType == TsampleType::kUint16 ? 2 : 1;
-    fTopDown = fOptions.get("Top Down", 0) != 0;
+    fTopDown = fOptions.get("Top Down", 1) != 0;
     uint32_t type = (spec.colorChannels == 3 ? ILT_COLOR : ILT_BLACK) | (spec.alpha ? ILT_ALPHA : 0) |
                     (spec.depth ? ILT_DEPTH : 0);
     uint16_t num = 1, den = 1;
@@ -223,7 +237,7 @@ class IffWriter : public WriterBackend {
     int rc = ILsetsize(fImage, spec.width, spec.height);
     if (!rc) rc = ILsettype(fImage, int32_t(type));
     if (!rc) rc = ILsetbpp(fImage, fBytes);
-    if (!rc) rc = ILsetcompress(fImage, uint32_t(fOptions.get("Compression", 1)));
+    if (!rc) rc = ILsetcompress(fImage, compressionFor(spec));
     if (!rc) rc = ILsetorigin(fImage, spec.x, spec.y);
     if (!rc) rc = ILsetratio(fImage, num, den);
     int tw = int(fOptions.get("Tile Width", 0)), th = int(fOptions.get("Tile Height", 0));
@@ -244,6 +258,15 @@ class IffWriter : public WriterBackend {
       fHeldDepth.assign(spec.depth ? size_t(spec.width) * size_t(spec.height) : 0, 0.0f);
     }
     return true;
+  }
+
+  // The option's, else the one the spec names (a copy keeps its file's), else RLE.
+  uint32_t compressionFor(const TimageSpec& spec) const {
+    static const char* const kNames[] = {"none", "rle", "qrl", "qr4"};
+    uint32_t chosen = 1;
+    for (uint32_t n = 0; n < 4; ++n)
+      if (spec.compression == kNames[n]) chosen = n;
+    return uint32_t(fOptions.get("Compression", chosen));
   }
 
   bool flushHeld(std::string& why) {

@@ -5,6 +5,7 @@
 // takes its rows from the bottom gets the picture whole at the end; a GIF
 // is written from the colour cube's indexes, its error spread as the
 // conversion to GIF spreads it.
+#include <cctype>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -187,6 +188,13 @@ class PluginWriter : public WriterBackend {
   bool open(ToutputStream& out, const TimageSpec& spec, const TwriteOptions& options, std::string& why) override {
     if (!fFormat) return why = "its plug-in is not loaded", false;
     fStream = pxfWriting(out);
+    // A format of several kinds of file (PPM, PGM, PAM) writes the one its name asks for.
+    const std::string& name = out.name();
+    size_t dot = name.rfind('.'), slash = name.rfind('/');
+    if (dot != std::string::npos && (slash == std::string::npos || dot > slash)) {
+      fVariant = name.substr(dot + 1);
+      for (char& c : fVariant) c = char(std::tolower(static_cast<unsigned char>(c)));
+    }
     for (const auto& [name, value] : options.values)
       for (int32_t i = 0; i < fFormat->ops->capabilityCount; ++i) {
         const PxfCapability& c = fFormat->ops->capabilities[i];

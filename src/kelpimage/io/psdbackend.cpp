@@ -52,6 +52,12 @@ class PsdReader : public ReaderBackend {
     spec.bits = fDoc.fDepth;
     spec.frames = fFrames;
     spec.compression = "Photoshop";
+    static const char* const kModes[] = {"bitmap", "grey", "indexed", "RGB", "CMYK", "?", "?", "multichannel",
+                                         "duotone", "Lab"};
+    spec.details = {{"colour", std::string(fDoc.fColorMode < 10 ? kModes[fDoc.fColorMode] : "?") + ", " +
+                                   std::to_string(fDoc.fChannelCount) + " channels" +
+                                   (fDoc.fMergedTransparency ? " (with transparency)" : "")},
+                    {"layers", std::to_string(fDoc.fLayers.size())}};
     if (spec.width < 1 || spec.height < 1) return why = "the part asked for is empty", false;
     fSpec = spec;
     return true;
@@ -218,6 +224,20 @@ class PsdWriter : public WriterBackend {
 };
 
 }  // namespace
+
+bool copyDocument(const std::string& input, const std::string& output, std::string& why) {
+  TpsdFile doc;
+  doc.open(TfilePath(input.c_str()), true);  // edit mode: saved elsewhere whole
+  if (doc.fPath.fullName().isEmpty() || (!doc.readAllLayerRecordInformation() && !doc.lastReason().isEmpty())) {
+    why = input + ": " + (doc.lastReason().isEmpty() ? "not a Photoshop document this library reads" : doc.lastReason().str());
+    return false;
+  }
+  if (!doc.savePsdFile(TfilePath(output.c_str()))) {
+    why = output + ": " + (doc.lastReason().isEmpty() ? "the document cannot be written" : doc.lastReason().str());
+    return false;
+  }
+  return true;
+}
 
 std::unique_ptr<ReaderBackend> psdReader() { return std::make_unique<PsdReader>(); }
 std::unique_ptr<WriterBackend> psdWriter() { return std::make_unique<PsdWriter>(); }

@@ -1,6 +1,7 @@
 // SGI rgb files through the library's own SGI functions: 8 and 16-bit, grey
 // or colour, with alpha, rows in any order; written run-length unless
 // "Compression" is 0. Their colour is taken as IFF's, premultiplied.
+#include <cstring>
 #include <vector>
 
 #include "kelpimage/base/terrorhandler.h"
@@ -32,11 +33,14 @@ class SgiReader : public ReaderBackend {
     unsigned z = fImage->zsize;
     spec.colorChannels = z >= 3 ? 3 : 1;
     spec.alpha = z == 2 || z >= 4;
-    spec.association = spec.alpha ? Tassociation::kPremultiplied : Tassociation::kStraight;
+    spec.association = Tassociation::kStraight;  // as every other reader of the format takes it
     fWide = (fImage->type & 0xFF) == 2;
     spec.sampleType = fWide ? TsampleType::kUint16 : TsampleType::kUint8;
     spec.bits = fWide ? 16 : 8;
     spec.compression = (fImage->type & 0xFF00) ? "run-length" : "verbatim";
+    spec.details = {{"dimensions", std::to_string(fImage->dim)},
+                    {"stored range", std::to_string(fImage->min) + " to " + std::to_string(fImage->max)},
+                    {"name", "\"" + std::string(fImage->name, strnlen(fImage->name, 80)) + "\""}};
     fSpec = spec;
     fRow.resize(size_t(spec.width) + 1);
     return true;
@@ -84,7 +88,8 @@ class SgiWriter : public WriterBackend {
     if (path.empty()) return why = out.error(), false;
     fSpec = spec;
     fWide = spec.sampleType == TsampleType::kUint16;
-    bool verbatim = options.get("Compression", 1) == 0;
+    // The option, else as the spec says (a copy keeps its file's), else run-length.
+    bool verbatim = options.get("Compression", spec.compression == "none" || spec.compression == "verbatim" ? 0 : 1) == 0;
     unsigned type = (verbatim ? SGI_VERBATIM : SGI_RLE) | (fWide ? 2u : 1u);
     CatchReports reports;
     fImage = iopen(path.c_str(), "w", type, 3, unsigned(spec.width), unsigned(spec.height), unsigned(spec.channels()));

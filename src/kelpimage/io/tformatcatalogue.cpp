@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <cstdio>
 #include <cstring>
 #include <mutex>
 
@@ -41,7 +42,7 @@ std::vector<TformatInfo> builtIn() {
   iff.options = {{"Compression", 0, 3, 1, "0 none, 1 RLE, 2 QRL, 3 QR4 (QRL and QR4 lose data)"},
                  {"Tile Width", 0, 65535, 0, "pixels a tile, 0 for the size's default"},
                  {"Tile Height", 0, 65535, 0, "pixels a tile, 0 for the size's default"},
-                 {"Top Down", 0, 1, 0, "1 writes lines from the top down"}};
+                 {"Top Down", 0, 1, 1, "1 writes bands of tiles from the top down; 0 from the bottom up, the picture held"}};
   TformatInfo sgi;
   sgi.key = "sgi";
   sgi.name = "SGI";
@@ -50,7 +51,6 @@ std::vector<TformatInfo> builtIn() {
   sgi.canRead = sgi.canWrite = sgi.builtIn = true;
   sgi.readTypes = sgi.writeTypes = kIntegers;
   sgi.alpha = true;
-  sgi.association = Tassociation::kPremultiplied;  // beside IFF, as renderers write it
   sgi.options = {{"Compression", 0, 1, 1, "0 verbatim, 1 run-length"}};
   TformatInfo psd;
   psd.key = "psd";
@@ -59,7 +59,7 @@ std::vector<TformatInfo> builtIn() {
   psd.extensions = {"psd"};
   psd.canRead = psd.canWrite = psd.builtIn = true;
   psd.readTypes = psd.writeTypes = kIntegers;
-  psd.alpha = psd.frames = true;
+  psd.alpha = psd.frames = psd.layers = true;
   return {iff, sgi, psd};
 }
 
@@ -142,11 +142,30 @@ const TformatOption* TformatInfo::option(const std::string& name) const {
   return nullptr;
 }
 
+bool TformatInfo::checkOption(const std::string& name, double value, std::string& why) const {
+  const TformatOption* o = option(name);
+  if (!o) {
+    std::string names;
+    for (const TformatOption& known : options) names += (names.empty() ? "" : ", ") + known.name;
+    why = "the " + key + " format has no option \"" + name + "\"; its options are: " + (names.empty() ? "none" : names);
+    return false;
+  }
+  if (o->minimum < o->maximum && !(value >= o->minimum && value <= o->maximum)) {
+    char range[64], given[32];
+    std::snprintf(range, sizeof range, "%g to %g", o->minimum, o->maximum);
+    std::snprintf(given, sizeof given, "%g", value);
+    why = "the " + key + " option \"" + o->name + "\" takes " + range + (o->help.empty() ? "" : " (" + o->help + ")") +
+          ", not " + given;
+    return false;
+  }
+  return true;
+}
+
 TsampleType TformatInfo::nearestWritten(TsampleType t) const {
   if (writes(t)) return t;
   // What keeps the most of `t`, widest first.
   static const TsampleType kOrder[4][4] = {
-      {TsampleType::kUint16, TsampleType::kFloat, TsampleType::kHalf, TsampleType::kUint8},   // from 8 bits
+      {TsampleType::kUint16, TsampleType::kHalf, TsampleType::kFloat, TsampleType::kUint8},   // from 8 bits: halves hold them
       {TsampleType::kFloat, TsampleType::kHalf, TsampleType::kUint8, TsampleType::kUint16},   // from 16 bits
       {TsampleType::kFloat, TsampleType::kUint16, TsampleType::kUint8, TsampleType::kHalf},   // from halves
       {TsampleType::kHalf, TsampleType::kUint16, TsampleType::kUint8, TsampleType::kFloat}};  // from floats

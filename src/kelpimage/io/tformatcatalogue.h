@@ -32,6 +32,9 @@ struct KELP_API TformatInfo {
   unsigned writeTypes = 0;   // TsampleBit of the samples it writes
   bool alpha = false, depth = false, grey = true;
   bool frames = false;       // several pictures in one file
+  // Its frames after the first are the first's layers, not pictures of
+  // their own: a conversion takes the first (the flattened image).
+  bool layers = false;
   bool tiles = false, resolution = false, fields = false;
   bool writesIndexes = false;  // a palette of the colour cube, written from colour
   // The association of the colour its files hold. anyAssociation: the
@@ -44,6 +47,8 @@ struct KELP_API TformatInfo {
   bool reads(TsampleType t) const { return readTypes & TsampleBit(t); }
   bool writes(TsampleType t) const { return writeTypes & TsampleBit(t); }
   const TformatOption* option(const std::string& name) const;  // case does not matter
+  // Whether the writer takes this option at this value; false, with why.
+  bool checkOption(const std::string& name, double value, std::string& why) const;
   // The sample type it writes nearest to `t`: `t` itself, else the widest it
   // writes that keeps the most (floats for halves, 16 bits for floats...).
   TsampleType nearestWritten(TsampleType t) const;

@@ -104,6 +104,8 @@ bool TimageReader::start(const TreadOptions& options) {
     if (!TformatCatalogue::identify(head, size_t(n), fFormat)) return fail("not a picture of a format the library reads");
   }
   if (!fFormat.canRead) return fail("the " + fFormat.name + " format is not read");
+  if ((!options.layer.empty() || !options.set.empty() || options.alpha >= 0) && !fFormat.layers)
+    return fail("a picture of the " + fFormat.name + " format has no layers, sets or alpha channels to choose from");
   return restart();
 }
 

@@ -38,6 +38,9 @@ struct KELP_API TimageSpec {
   // Named fields, their values as the file keeps their bytes (an IFF
   // file's by their four-character tags).
   std::vector<std::pair<std::string, std::string>> fields;
+  // What else the file says of itself, for people to read ("version",
+  // "colour", "layers"...): never written back.
+  std::vector<std::pair<std::string, std::string>> details;
 
   // Colour and alpha, the samples a pixel holds in an interleaved buffer.
   int channels() const { return colorChannels + (alpha ? 1 : 0); }

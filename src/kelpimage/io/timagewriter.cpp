@@ -104,19 +104,22 @@ bool TimageWriter::createMemory(std::vector<uint8_t>& bytes, const std::string& 
   return create(std::make_unique<IntoVector>(bytes), key, spec, options);
 }
 
+void TimageWriter::warn(const std::string& text) {
+  if (fWarnings.find(text) == std::string::npos) fWarnings += (fWarnings.empty() ? "" : "; ") + text;
+}
+
 TimageSpec TimageWriter::fileSpecFor(const TimageSpec& spec) {
   TimageSpec file = spec;
   file.sampleType = fFormat.nearestWritten(spec.sampleType);
   if (file.sampleType != spec.sampleType)
-    fWarnings += std::string(fWarnings.empty() ? "" : "; ") + TsampleName(spec.sampleType) + " samples are written as " +
-                 TsampleName(file.sampleType);
+    warn(std::string(TsampleName(spec.sampleType)) + " samples are written as " + TsampleName(file.sampleType));
   if (spec.alpha && !fFormat.alpha) {
     file.alpha = false;
-    fWarnings += std::string(fWarnings.empty() ? "" : "; ") + "the format holds no alpha: it is left out";
+    warn("the format holds no alpha: it is left out");
   }
   if (spec.depth && !fFormat.depth) {
     file.depth = false;
-    fWarnings += std::string(fWarnings.empty() ? "" : "; ") + "the format holds no depth: it is left out";
+    warn("the format holds no depth: it is left out");
   }
   if (file.alpha && !fFormat.anyAssociation) file.association = fFormat.association;
   if (!file.alpha) file.association = Tassociation::kStraight;
@@ -131,19 +134,8 @@ bool TimageWriter::start(const TimageSpec& spec, const TwriteOptions& options) {
   if (spec.width < 1 || spec.height < 1) return fail("a picture needs a size");
   if (spec.colorChannels != 1 && spec.colorChannels != 3) return fail("a picture has 1 or 3 colour channels");
   for (const auto& [name, value] : options.values) {
-    const TformatOption* o = fFormat.option(name);
-    if (!o) {
-      std::string names;
-      for (const TformatOption& known : fFormat.options) names += (names.empty() ? "" : ", ") + known.name;
-      return fail("the " + fFormat.key + " format has no option \"" + name + "\"; its options are: " +
-                  (names.empty() ? "none" : names));
-    }
-    if (o->minimum < o->maximum && !(value >= o->minimum && value <= o->maximum)) {
-      char text[160];
-      std::snprintf(text, sizeof text, "the %s option \"%s\" takes %g to %g, not %g", fFormat.key.c_str(),
-                    o->name.c_str(), o->minimum, o->maximum, value);
-      return fail(std::string(text) + (o->help.empty() ? "" : " (" + o->help + ")"));
-    }
+    std::string why;
+    if (!fFormat.checkOption(name, value, why)) return fail(why);
   }
   fSpec = spec;
   fFileSpec = fileSpecFor(spec);

@@ -80,6 +80,7 @@ class KELP_API TimageWriter {
  private:
   bool start(const TimageSpec& spec, const TwriteOptions& options);
   TimageSpec fileSpecFor(const TimageSpec& spec);
+  void warn(const std::string& text);
   bool fail(const std::string& why);
 
   std::unique_ptr<ToutputStream> fStream;

@@ -191,10 +191,23 @@ TpsdLayer* TpsdFile::addNewLayerToList() {
   return fLayers.back().get();
 }
 
+namespace {
+
+// A layer's pixels from a picture: a layer always has transparency, opaque
+// for a picture without.
+std::unique_ptr<TpixelData16> opaqueCopy(TrgbaData& image) {
+  auto pixels = std::make_unique<TpixelData16>(*image.pixels16());
+  if (!pixels->channel(channelTransparency))
+    pixels->addChannel(channelTransparency, image.width(), image.height(), uint16_t(pixels->getMaxColor()));
+  return pixels;
+}
+
+}  // namespace
+
 TpsdLayer* TpsdFile::addBGLayer(TrgbaData* image, const char* name) {
   uint32_t id = getLayerIdForNewLayer();
   TpsdLayer* layer = addNewLayerToList();
-  if (image && image->pixels16()) layer->fPixels = std::make_unique<TpixelData16>(*image->pixels16());
+  if (image && image->pixels16()) layer->fPixels = opaqueCopy(*image);
   initRecord(*layer, Tstring(name ? name : "Background"), image ? 4 : 3, image, id);
   fLayerInfoSize += uint32_t(change(*this, *layer));
   fLayerMaskSize += change(*this, *layer);
@@ -207,13 +220,7 @@ bool TpsdFile::insertNewLayer(const Tstring& name, TrgbaData* image, int index) 
         addBackGroundLayerInfo(nullptr, nullptr);
         uint32_t id = getLayerIdForNewLayer();
         TpsdLayer* layer = addNewLayerToList();
-        if (image && image->pixels16()) {
-          layer->fPixels = std::make_unique<TpixelData16>(*image->pixels16());
-          // A layer always has transparency: opaque for a picture without.
-          if (!layer->fPixels->channel(channelTransparency))
-            layer->fPixels->addChannel(channelTransparency, image->width(), image->height(),
-                                       uint16_t(layer->fPixels->getMaxColor()));
-        }
+        if (image && image->pixels16()) layer->fPixels = opaqueCopy(*image);
         initRecord(*layer, name, 4, image, id);
         fLayerInfoSize += uint32_t(change(*this, *layer));
         fLayerMaskSize += change(*this, *layer);
