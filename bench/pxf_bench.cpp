@@ -10,7 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "kelpimage/image/formatgateway.h"
+#include "kelpimage/convert/conversions.h"
+#include "kelpimage/plugin/plugins.h"
 #include "kelpimage/image/timagefile.h"
 #include "kelpimage/plugin/pxf.h"
 

@@ -10,7 +10,8 @@
 #include <vector>
 
 #include "kelpimage/il/il.h"
-#include "kelpimage/image/formatgateway.h"
+#include "kelpimage/convert/conversions.h"
+#include "kelpimage/plugin/plugins.h"
 #include "kelpimage/plugin/pxf.h"
 
 namespace {

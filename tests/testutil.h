@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "kelpimage/base/terrorhandler.h"
+#include "kelpimage/plugin/plugins.h"
 
 namespace kelptest {
 
@@ -75,5 +76,20 @@ inline void put32(std::vector<uint8_t>& b, uint32_t v) {
   for (int s = 24; s >= 0; s -= 8) b.push_back(uint8_t(v >> s));
 }
 inline void putTag(std::vector<uint8_t>& b, const char* tag) { putBytes(b, tag, 4); }
+
+#ifdef KELP_TEST_PLUGIN_DIR
+// The "grey" test plug-in on the plug-in path while it lives, beside the
+// build's own: "GREY", a width and a height of a byte each, then a grey
+// byte a pixel.
+struct GreyPlugin {
+  TempDir dir;
+  GreyPlugin() {
+    std::filesystem::copy_file(std::string(KELP_TEST_PLUGIN_DIR) + "/grey.so", dir.file("grey.so"));
+    setenv("PXF_PLUG_IN_PATH", (dir.path().string() + ";" + KELP_PLUGIN_OUTPUT_DIR).c_str(), 1);
+    loadAllPXFPlugins();
+  }
+  ~GreyPlugin() { unsetenv("PXF_PLUG_IN_PATH"); }
+};
+#endif
 
 }  // namespace kelptest

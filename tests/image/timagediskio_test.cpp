@@ -1,4 +1,4 @@
-// The disk class tells every format through the format provider, reads IFF,
+// The disk class tells every format through the plug-ins, reads IFF,
 // SGI and converted pictures into a Timage, and writes IFF or, through a
 // temporary IFF file, another format.
 #include <gtest/gtest.h>
@@ -9,59 +9,12 @@
 
 #include "kelpimage/base/terrorhandler.h"
 #include "kelpimage/image/timagediskio.h"
-#include "kelpimage/image/formatgateway.h"
 #include "kelpimage/sgi/sgi.h"
 #include "testutil.h"
 
 using namespace kelptest;
 
 namespace {
-// A provider that names IFF, SGI and "GREY" files: "GREY", width, height,
-// then one grey byte a pixel.
-struct Grey {
-  static const char* fileType(const char* name) {
-    auto b = readBytes(name);
-    if (b.size() >= 4 && std::memcmp(b.data(), "FOR4", 4) == 0) return "kelp";
-    if (b.size() >= 2 && b[0] == 0x01 && b[1] == 0xDA) return "sgi";
-    if (b.size() >= 4 && std::memcmp(b.data(), "GREY", 4) == 0) return "grey";
-    return "__none_";
-  }
-  static int anyToIff(const char* input, const char* output, const char*, int) {
-    auto b = readBytes(input);
-    if (b.size() < 6) return -1;
-    int w = b[4], h = b[5];
-    std::vector<uint8_t> px(size_t(w) * size_t(h) * 4, 255);
-    for (size_t i = 0; i < size_t(w) * size_t(h) && 6 + i < b.size(); ++i) px[i * 4] = px[i * 4 + 1] = px[i * 4 + 2] = b[6 + i];
-    ILimage* im = ILopen(output, "w");
-    ILsetsize(im, w, h);
-    int rc = ILsave(im, px.data(), nullptr, 0);
-    return ILclose(im) == 0 && rc == 0 ? 0 : -1;
-  }
-  static int iffToAny(const char* input, const char* output, const char* key) {
-    if (std::strcmp(key, "grey") != 0) return -1;
-    ILimage* im = ILopen(input, "r");
-    if (!im) return -1;
-    int32_t w = 0, h = 0;
-    ILgetsize(im, &w, &h);
-    std::vector<uint8_t> px(size_t(w) * size_t(h) * 4);
-    int rc = ILload(im, px.data(), nullptr);
-    ILclose(im);
-    if (rc) return -1;
-    std::vector<uint8_t> out = {'G', 'R', 'E', 'Y', uint8_t(w), uint8_t(h)};
-    for (size_t i = 0; i < size_t(w) * size_t(h); ++i) out.push_back(px[i * 4 + 1]);
-    writeBytes(output, out);
-    return 0;
-  }
-  static int resolution(const char*, unsigned&, unsigned&) { return -1; }
-  static int loadAll() { return 0; }
-};
-const TformatProvider kGrey = {Grey::loadAll, Grey::fileType, Grey::anyToIff, Grey::resolution, Grey::iffToAny, nullptr};
-
-
-struct WithProvider {
-  WithProvider() { setFormatProvider(&kGrey); }
-  ~WithProvider() { setFormatProvider(nullptr); }
-};
 
 uint8_t greenAt(const Timage& image, int x, int y) {
   return static_cast<const uint8_t*>(image.pixels(uint16_t(x), uint16_t(y)))[1];
@@ -69,7 +22,7 @@ uint8_t greenAt(const Timage& image, int x, int y) {
 }  // namespace
 
 TEST(TimageDiskIO, ReadsEveryKindItCanTell) {
-  WithProvider provider;
+  GreyPlugin greyPlugin;
   Reports reports;
   TempDir dir;
   // An IFF picture whose green is 10 x + y.
@@ -137,7 +90,7 @@ TEST(TimageDiskIO, ReadsEveryKindItCanTell) {
 }
 
 TEST(TimageDiskIO, WritesIffAndOtherFormats) {
-  WithProvider provider;
+  GreyPlugin greyPlugin;
   Reports reports;
   TempDir dir;
   Timage image(4, 3, kRGBA8);

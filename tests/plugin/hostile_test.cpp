@@ -8,7 +8,8 @@
 #include "kelpimage/base/tlimits.h"
 #include "kelpimage/plugin/plugins.h"
 #include "kelpimage/plugin/pxf.h"
-#include "kelpimage/image/formatgateway.h"
+#include "kelpimage/convert/conversions.h"
+#include "kelpimage/plugin/plugins.h"
 #include "testutil.h"
 
 namespace {

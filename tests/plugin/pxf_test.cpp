@@ -11,7 +11,8 @@
 
 #include "kelpimage/il/il.h"
 #include "kelpimage/base/terrorhandler.h"
-#include "kelpimage/image/formatgateway.h"
+#include "kelpimage/convert/conversions.h"
+#include "kelpimage/plugin/plugins.h"
 #include "kelpimage/image/timagefile.h"
 #include "kelpimage/plugin/plugins.h"
 #include "kelpimage/plugin/pxf.h"

@@ -120,6 +120,84 @@ PXF_IMAGE_PLUGIN("capture", "capture", "Capture", "What the conversions hand a p
                                0xC0000000u, 0, true, true, kCapabilities, 2, recognise, openRead, nullptr, readRow,
                                openWrite, nullptr, writeRow, closeFile, 0}));
 
+#elif defined(TEST_PLUGIN_GREY)
+// "GREY", a width and a height of a byte each, then a grey byte a pixel from
+// the bottom row up: the smallest format the file classes can convert through.
+namespace {
+struct Grey {
+  std::vector<uint8_t> bytes;  // reading: the file
+  PxfStream* out = nullptr;    // writing
+  int32_t width = 0, height = 0, next = 0;
+  int colours = 1;
+  std::vector<uint8_t> written;
+};
+
+int recognise(const uint8_t* b, size_t n) { return n >= 6 && std::memcmp(b, "GREY", 4) == 0; }
+
+void* openRead(PxfStream* in, PxfImageData* image, int32_t* frames, char* error, size_t size) {
+  auto* s = new Grey;
+  if (!pxfplugin::readWhole(in, s->bytes, error, size) || s->bytes.size() < 6 || s->bytes[4] == 0 || s->bytes[5] == 0) {
+    if (!*error) std::snprintf(error, size, "not a grey file");
+    delete s;
+    return nullptr;
+  }
+  s->width = s->bytes[4];
+  s->height = s->bytes[5];
+  pxfplugin::describePicture(image, s->width, s->height, PXF_TOP_DOWN, 1, false, 8);
+  *frames = 1;
+  return s;
+}
+
+int readRow(void* state, int32_t row, void* const* out, int64_t stride, char* error, size_t size) {
+  auto* s = static_cast<Grey*>(state);
+  size_t at = 6 + size_t(row) * size_t(s->width);
+  if (row < 0 || row >= s->height || at + size_t(s->width) > s->bytes.size())
+    return pxfplugin::fail(error, size, "the file ends early");
+  pxfplugin::deinterleave(s->bytes.data() + at, 1, 1, out, stride, 0, 1, s->width);
+  return 0;
+}
+
+void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const*, const PxfLut*, char* error,
+                size_t size) {
+  if (image->width() > 255 || image->height() > 255 || image->colorChannels < 1) {
+    pxfplugin::fail(error, size, "grey files are at most 255 x 255");
+    return nullptr;
+  }
+  auto* s = new Grey;
+  s->out = out;
+  s->width = image->width();
+  s->height = image->height();
+  s->colours = image->colorChannels;
+  s->written = {'G', 'R', 'E', 'Y', uint8_t(s->width), uint8_t(s->height)};
+  s->written.resize(6 + size_t(s->width) * size_t(s->height));
+  return s;
+}
+
+int writeRow(void* state, int32_t row, const void* const* in, int64_t stride, char*, size_t) {
+  auto* s = static_cast<Grey*>(state);
+  uint8_t* to = s->written.data() + 6 + size_t(row) * size_t(s->width);
+  // The green channel of colour, or the one channel of grey.
+  const void* channel = s->colours >= 3 ? in[1] : in[0];
+  for (int32_t x = 0; x < s->width; ++x) to[x] = pxfplugin::sampleOf<uint8_t>(channel, stride, x);
+  s->next++;
+  return 0;
+}
+
+int closeFile(void* state, char* error, size_t size) {
+  auto* s = static_cast<Grey*>(state);
+  int rc = 0;
+  if (s->out && s->out->write(s->out->user, s->written.data(), int64_t(s->written.size())) < 0)
+    rc = pxfplugin::fail(error, size, "cannot be written");
+  delete s;
+  return rc;
+}
+}  // namespace
+
+PXF_IMAGE_PLUGIN("grey", "grey", "Grey", "A byte a pixel, for the file classes' tests",
+                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 2u, 1u << 7, 0u, 0u, 0u, 0, true, true,
+                               nullptr, 0, recognise, openRead, nullptr, readRow, openWrite, nullptr, writeRow,
+                               closeFile, 0}));
+
 #elif defined(TEST_PLUGIN_WRONG_PROGRAM)
 PXF_PLUGIN_EXPORT const char* const type = "image";
 PXF_PLUGIN_EXPORT const char* const program = "Elsewhere";

@@ -9,7 +9,8 @@
 #include "kelpimage/base/terrorhandler.h"
 #include "kelpimage/base/tfile.h"
 #include "kelpimage/image/imagefilecommon.h"
-#include "kelpimage/image/formatgateway.h"
+#include "kelpimage/convert/conversions.h"
+#include "kelpimage/plugin/plugins.h"
 
 namespace {
 TstringArray& pluginNames() {

@@ -14,7 +14,8 @@
 #include "kelpimage/base/tfile.h"
 #include "kelpimage/image/imagefilecommon.h"
 #include "kelpimage/image/tpsdtexturefile.h"
-#include "kelpimage/image/formatgateway.h"
+#include "kelpimage/convert/conversions.h"
+#include "kelpimage/plugin/plugins.h"
 
 TmtCriticalSection TimageFile::fsCS;
 TstringArray TimageFile::kPluginStringArray(8);

@@ -7,7 +7,7 @@
 #include <mutex>
 
 #include "kelpimage/plugin/pxf.h"
-#include "kelpimage/plugin/pxfinternal.h"
+#include "kelpimage/plugin/plugins.h"
 
 namespace {
 
@@ -175,7 +175,7 @@ TsampleType TformatInfo::nearestWritten(TsampleType t) const {
 }
 
 std::vector<TformatInfo> TformatCatalogue::formats() {
-  pxfLoadAllPlugins();
+  loadAllPXFPlugins();
   Table& t = table();
   std::lock_guard<std::mutex> hold(t.lock);
   int plugins = countPlugins();

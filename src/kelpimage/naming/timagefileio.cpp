@@ -9,6 +9,7 @@
 
 #include "kelpimage/naming/tbatchglobals.h"
 #include "kelpimage/naming/tprojectmgr.h"
+#include "kelpimage/convert/conversions.h"
 #include "kelpimage/plugin/plugins.h"
 
 namespace {

@@ -17,7 +17,6 @@
 #include <vector>
 
 #include "kelpimage/il/chunk/fl.h"
-#include "kelpimage/image/formatgateway.h"
 #include "kelpimage/plugin/pxf.h"
 #include "kelpimage/plugin/pxfinternal.h"
 
@@ -179,7 +178,7 @@ bool nextPluginFile(void** handle, char** path) {
   return true;
 }
 
-int pxfLoadAllPlugins() {
+int loadAllPXFPlugins() {
   std::lock_guard<std::mutex> guard(gScanLock);
   setenv("TF_PXF_SGI_MATTE", "1", 1);
   collectPluginFiles();
@@ -196,7 +195,7 @@ int formatIsMultiframe(const char* key) {
   return format && (format->flags & PXF_MULTIFRAME) ? 1 : 0;
 }
 
-const char* pxfFileTypeOf(const char* path) {
+const char* pxfFileType(const char* path) {
   struct stat st;
   if (!path || ::stat(path, &st) != 0) return nullptr;
   uint8_t flag = 0;

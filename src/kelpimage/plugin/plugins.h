@@ -1,7 +1,6 @@
 // The plug-in formats as the rest of the library and its hosts see them:
-// loading, the table of plug-in files, and the conversions out of IFF that
-// keep multi-frame outputs open. Conversions run through the format gateway
-// (kelpimage/image/formatgateway.h), which this subsystem serves.
+// loading, the table of plug-in files, and what a plug-in says a file is.
+// The conversions through IFF are in kelpimage/convert/conversions.h.
 #pragma once
 
 #include <cstdint>
@@ -16,23 +15,9 @@ KELP_API const char* keyFromPluginTable(const char* pluginFileName);
 // 1 when the format keeps several frames in one file.
 KELP_API int formatIsMultiframe(const char* key);
 
-// 0 when `key` names a format that can be written (checked before work starts).
-KELP_API int ifftoanyInit(const char* output, const char* key);
-// anytoiff through the plug-ins, into an IFF file of the given compression
-// (0 none, 1 RLE, 2 QRL, 3 QR4) rather than a stored temporary one: for a
-// host that keeps the IFF file. 0 or -1, with a report.
-KELP_API int anytoiffCompressed(const char* input, const char* output, const char* key, int frame, uint32_t compression);
-// Closes every multi-frame output left open by ifftoany; returns 0.
-KELP_API int ifftoanyClose();
-// Gives up one output that ifftoany keeps open, for a caller whose later
-// frames failed: nothing of it is written, and the target stays as it was.
-KELP_API void ifftoanyAbandon(const char* output);
-
-// Options of the writing plug-ins, by the name of a capability the format
-// offers ("Quality", "Compression"...), handed to every later ifftoany of
-// that format. 0, or -1 with a message when the format or the capability is
-// unknown or cannot be set. Options are process-wide: a host sets them
-// before it converts.
-KELP_API int ifftoanySetOption(const char* key, const char* capability, float value);
-// Forgets the options of every format.
-KELP_API void ifftoanyClearOptions();
+// 0 when plug-ins are ready, non-zero otherwise. Each call scans the
+// plug-in folders again; a plug-in is loaded the first time it is found.
+KELP_API int loadAllPXFPlugins();
+// The key of the plug-in format that claims the file; "__none_" when none
+// does; null when the file cannot be looked at.
+KELP_API const char* pxfFileType(const char* name);

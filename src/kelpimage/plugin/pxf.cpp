@@ -365,3 +365,9 @@ void PXF_lut_free(PxfLut* lut) {
 const char* FMT_def_image_data() { return "rgb"; }
 
 void ERR_mask_s(int) {}
+
+std::string withReason(std::string text) {
+  const char* why = PXF_last_error();
+  if (why && *why) text += std::string(": ") + why;
+  return text;
+}

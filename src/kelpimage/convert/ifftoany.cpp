@@ -1,30 +1,47 @@
 // Conversion out of IFF: a written IFF file becomes the format a caller
-// asked for, through the plug-in of that format. Outputs are written beside
-// their target under a temporary name and renamed into place when complete;
-// a multi-frame output stays open between calls until ifftoanyClose.
-#include <sys/stat.h>
-#include <unistd.h>
-
+// asked for. Plug-in formats get its lines through their plug-in at the
+// format's nearest sample size, the colour's bytes as they are; GIF and
+// Photoshop documents go through the library's writers. Outputs are written
+// beside their target under a temporary name and renamed into place when
+// complete; a multi-frame output stays open between calls until it is
+// finished.
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "kelpimage/base/tatomicfile.h"
 #include "kelpimage/base/terrorhandler.h"
-#include "kelpimage/base/tfilemode.h"
-#include "kelpimage/image/formatgateway.h"
-#include "kelpimage/image/tiffimagefile.h"
-#include "kelpimage/image/timagefile.h"
-#include "kelpimage/image/tpsdtexturefile.h"
+#include "kelpimage/convert/conversion.h"
+#include "kelpimage/convert/conversions.h"
+#include "kelpimage/il/il.h"
+#include "kelpimage/io/timagereader.h"
+#include "kelpimage/io/timagewriter.h"
 #include "kelpimage/plugin/plugins.h"
 #include "kelpimage/plugin/pxf.h"
 #include "kelpimage/plugin/pxfinternal.h"
 
+using kelpconvert::report;
+
 namespace {
+
+// An output of ifftoany, open between the frames of a format of several:
+// a plug-in's handle on a file under a temporary name beside its target,
+// or one of the library's writers.
+struct ConversionOutput {
+  PxfFormat* format = nullptr;
+  PxfHandle* handle = nullptr;
+  int frame = 0;
+  TatomicFile file;
+  std::unique_ptr<TimageWriter> writer;
+};
+
+int finishOutput(const std::string& target, ConversionOutput& out);
+void abandonOutput(ConversionOutput& out);
+
 
 // Outputs by target. The map lives to the end of the process, and outputs
 // still open then are completed, so that no frame written is lost. Threads
@@ -101,8 +118,7 @@ void spreadLine(const Spread& s, const uint8_t* line, const float* z, void* cons
 }
 
 // A clipping range stored after the tile group, if any.
-bool readClipRange(TiffImageFile& in, float& low, float& high) {
-  ILimage* im = in.image();
+bool readClipRange(ILimage* im, float& low, float& high) {
   FLendrgroup(im);
   uint32_t tag = 0, size = 0;
   bool found = false;
@@ -118,10 +134,21 @@ bool readClipRange(TiffImageFile& in, float& low, float& high) {
   return found;
 }
 
+struct ClosesImage {
+  ILimage* im;
+  ~ClosesImage() {
+    if (im) ILclose(im);
+  }
+};
+
+ConversionOutput& conversionOutput(const std::string& target);
+bool openOutputFrame(const std::string& target, ConversionOutput& out, PxfFileInfo& info);
+
 int convertOut(const char* input, const char* output, const char* key) {
-  TiffImageFile in(input, "r");
-  if (!in.isActive()) {
-    reportConversionError(std::string(input) + ": " + FLstrerror(flerrno));
+  ILimage* in = ILopen(input, "r");
+  ClosesImage closes{in};
+  if (!in || !ILgetheader(in)) {
+    report(std::string(input) + ": " + FLstrerror(flerrno));
     return -1;
   }
   ConversionOutput& record = conversionOutput(output);
@@ -131,7 +158,7 @@ int convertOut(const char* input, const char* output, const char* key) {
     if (!record.format) return -1;
   }
   PxfFormat* format = record.format;
-  std::vector<PxfCapSetting*> settings = outputSettings(format, in.dpi());
+  std::vector<PxfCapSetting*> settings = kelpconvert::outputSettings(format, in->dpi);
   struct SettingsGuard {
     std::vector<PxfCapSetting*>& s;
     ~SettingsGuard() {
@@ -139,41 +166,41 @@ int convertOut(const char* input, const char* output, const char* key) {
     }
   } settingsGuard{settings};
 
-  unsigned short width = 0, height = 0, num = 1, den = 1;
-  in.getSize(width, height);
-  in.getRatio(num, den);
+  int32_t width = 0, height = 0, num = 1, den = 1;
+  ILgetsize(in, &width, &height);
+  ILgetratio(in, &num, &den);
   PxfImageData image;
   image.aspectRatio = 1.0f;
   if (num != den && den != 0 && height != 0) image.aspectRatio = float(den * width) / float(num * height);
   image.aspectWidth = width;
   image.aspectHeight = height;
-  image.dpi = in.dpi() >= 1.0f ? in.dpi() : 0.0f;
+  image.dpi = in->dpi >= 1.0f ? in->dpi : 0.0f;
   // IFF's ratio num:den is a pixel's height to its width; renderers write
   // premultiplied colour.
   if (num > 0 && den > 0) image.pixelAspect = float(den) / float(num);
   image.association = PXF_PREMULTIPLIED;
 
-  int32_t bytes = in.bytesPerPixel();
+  int32_t bytes = ILgetbpp(in);
   if (bytes != 1 && bytes != 2)
-    reportConversionError(std::string(input) + ": " + std::to_string(bytes) + " bytes a channel are read as 1");
-  if (bytes == 2) in.modifyControlFlags(ILC_DEEP, 1);
+    report(std::string(input) + ": " + std::to_string(bytes) + " bytes a channel are read as 1");
+  if (bytes == 2) ILctrl(in, ILC_DEEP, 1);
   int32_t bits = outputBits(format, bytes * 8);
   if (bits == 0) {
-    reportConversionError(std::string(output) + ": the " + key + " plug-in writes no sample size");
+    report(std::string(output) + ": the " + key + " plug-in writes no sample size");
     return -1;
   }
   int32_t outBytes = bits <= 8 ? 1 : ((bits - 9) >> 3) + 2;
 
-  unsigned type = in.type();
+  unsigned type = unsigned(ILgettype(in));
   int colors = (type & ILT_COLOR) ? 3 : (type & ILT_BLACK) ? 1 : 0;
   bool depth = type & ILT_DEPTH;
   if (depth && format->depth == 0) {
-    reportConversionError(std::string(output) + ": the " + key + " format holds no depth: it is left out");
+    report(std::string(output) + ": the " + key + " format holds no depth: it is left out");
     depth = false;
   }
   bool floatDepth = format->flags & PXF_FLOAT_DEPTH;
   if (depth && !floatDepth && !(format->depthWidths & 0xC0000000u)) {
-    reportConversionError(std::string(output) + ": the " + key + " format holds no depth as integers: it is left out");
+    report(std::string(output) + ": the " + key + " format holds no depth as integers: it is left out");
     depth = false;
   }
   bool matte = (type & ILT_ALPHA) && format->matte != 0;
@@ -191,7 +218,7 @@ int convertOut(const char* input, const char* output, const char* key) {
   image.indexChannels = 0;
   image.indexBits = 16;
 
-  bool topdown = in.queryControlFlags(ILC_TOPDOWN) != 0;
+  bool topdown = (in->ictl & ILC_TOPDOWN) != 0;
   int32_t wanted = topdown ? PXF_TOP_DOWN : PXF_BOTTOM_UP;
   bool invert = !(format->orientations & uint32_t(wanted));
   image.orientation = invert ? (wanted == PXF_TOP_DOWN ? PXF_BOTTOM_UP : PXF_TOP_DOWN) : wanted;
@@ -206,7 +233,7 @@ int convertOut(const char* input, const char* output, const char* key) {
   info.image = &image;
   bool adding = record.handle != nullptr;
   if (!openOutputFrame(output, record, info)) {
-    reportConversionError(withReason(std::string(output) + (adding ? ": a frame cannot be added" : ": cannot be written")));
+    report(withReason(std::string(output) + (adding ? ": a frame cannot be added" : ": cannot be written")));
     return -1;
   }
   PxfImageData& opened = *record.handle->image;
@@ -216,7 +243,7 @@ int convertOut(const char* input, const char* output, const char* key) {
 
   PxfChannels* channels = PXF_chan_alloc(&image, width, key, nullptr);
   if (!channels) {
-    reportConversionError("out of memory");
+    report("out of memory");
     abandonOutput(record);
     return -1;
   }
@@ -231,8 +258,8 @@ int convertOut(const char* input, const char* output, const char* key) {
   spread.colors = std::min(colors, image.colorChannels);
   int rc = 0;
   if (whole) {
-    if (in.load(pixels.data(), depth ? zs.data() : nullptr) != 0) {
-      reportConversionError(std::string(input) + ": " + FLstrerror(flerrno));
+    if (ILload(in, pixels.data(), depth ? zs.data() : nullptr) != 0) {
+      report(std::string(input) + ": " + FLstrerror(flerrno));
       rc = -1;
     } else if (depth && !floatDepth) {
       spread.clip = readClipRange(in, spread.low, spread.high);
@@ -245,18 +272,18 @@ int convertOut(const char* input, const char* output, const char* key) {
     if (whole) {
       line += size_t(row) * lineBytes;
       if (depth) z = zs.data() + size_t(row) * width;
-    } else if (int code = in.readLine(pixels.data(), depth ? zs.data() : nullptr)) {
-      reportConversionError(std::string(input) + ": " + FLstrerror(code));
+    } else if (int code = ILreadline(in, pixels.data(), depth ? zs.data() : nullptr)) {
+      report(std::string(input) + ": " + FLstrerror(code));
       rc = -1;
       break;
     }
     spreadLine(spread, line, z, channels->buffers, width);
     int written = PXF_scan_write(record.handle, topdown ? height - row - 1 : row, channels);
     if (written == PXF_ENOSCAN) {
-      reportConversionError(std::string(output) + ": the " + key + " plug-in cannot write by lines");
+      report(std::string(output) + ": the " + key + " plug-in cannot write by lines");
       rc = -1;
     } else if (written != 0) {
-      reportConversionError(withReason(std::string(output) + ": cannot be written"));
+      report(withReason(std::string(output) + ": cannot be written"));
       rc = -1;
     }
   }
@@ -269,59 +296,40 @@ int convertOut(const char* input, const char* output, const char* key) {
   return 0;
 }
 
-}  // namespace
-
-std::string withReason(std::string text) {
-  const char* why = PXF_last_error();
-  if (why && *why) text += std::string(": ") + why;
-  return text;
-}
-
-void reportConversionError(const std::string& text) {
-  TerrorHandler::send(Tstring(text.c_str()));
-}
-
-int ifftoanyInit(const char*, const char* key) {
-  loadAllPXFPlugins();
-  if (!key || !*key) return -1;
-  if (std::strcmp(key, "gif") == 0 || std::strcmp(key, "psd") == 0) return 0;
-  if (!PXF_find(key)) {
-    reportConversionError(std::string("Unknown image type: ") + key);
+// GIF and Photoshop documents: the library's writer, the colour's bytes as
+// they are, a frame a call for a format of several.
+int throughWriter(const char* input, const char* output, const char* key) {
+  TimageReader in;
+  if (!in.open(input, TreadOptions{"kelp", false, {}, {}, -1})) {
+    report(in.error());
     return -1;
   }
+  ConversionOutput& record = conversionOutput(output);
+  TimageSpec spec = in.spec();
+  spec.depth = false;
+  bool adding = record.writer != nullptr;
+  if (!adding) record.writer = std::make_unique<TimageWriter>();
+  TimageWriter& out = *record.writer;
+  if (adding ? !out.nextFrame(spec) : !out.create(output, spec, {}, key)) {
+    report(out.error());
+    abandonOutput(record);
+    return -1;
+  }
+  const TimageSpec& file = out.spec();
+  const Tassociation asIs = file.alpha ? file.association : Tassociation::kStraight;
+  std::vector<uint8_t> rows(in.spec().rowBytes(file.sampleType) * size_t(in.spec().height));
+  if (!in.readImage(rows.data(), file.sampleType, 0, asIs)) {
+    report(in.error());
+    abandonOutput(record);
+    return -1;
+  }
+  if (!out.writeImage(rows.data(), file.sampleType, 0, asIs)) {
+    report(out.error());
+    abandonOutput(record);
+    return -1;
+  }
+  if (!out.format().frames) return finishOutput(output, record);
   return 0;
-}
-
-// A layered document of the picture: its flattened image and a background
-// layer holding it. Any step that fails fails the conversion.
-static int iffToPsd(const char* input, const char* output) {
-  TimageFile in;
-  TpixelMap map;
-  if (in.identifyAndOpen(Tstring(input), false, 0) != 0 || in.readPixelMap(map) != 0) {
-    in.close();
-    reportConversionError(std::string(input) + ": cannot be read");
-    return -1;
-  }
-  in.close();
-  TpsdTextureFile psd;
-  bool ok = psd.create(TfilePath(output), uint16_t(map.width()), uint16_t(map.height())) == 0 &&
-            psd.setCompositeImage(map) == 0 && psd.saveBackgroundImage(map, nullptr) == 0;
-  auto* doc = dynamic_cast<zkPhotoshop::TpsdFile*>(psd.document());
-  std::string why = doc ? doc->lastError().str() : std::string();
-  bool closed = psd.close() == 0;  // the document is saved here
-  if (why.empty()) why = psd.lastError().str();
-  if (!closed || !ok) {
-    reportConversionError(why.empty() ? std::string(output) + ": cannot be written" : why);
-    return -1;
-  }
-  return 0;
-}
-
-int pxfIffToAny(const char* input, const char* output, const char* key) {
-  if (!input || !output || !key) return -1;
-  if (std::strcmp(key, "gif") == 0) return ifftogif(input, output);
-  if (std::strcmp(key, "psd") == 0) return iffToPsd(input, output);
-  return convertOut(input, output, key);
 }
 
 ConversionOutput& conversionOutput(const std::string& target) {
@@ -329,22 +337,33 @@ ConversionOutput& conversionOutput(const std::string& target) {
   return outputs().records[target];
 }
 
+// Ends an open output: complete, it takes the target's place; otherwise the
+// temporary file goes and the target stays as it was. 0 or -1.
 int finishOutput(const std::string& target, ConversionOutput& out) {
+  if (out.writer) {
+    bool ok = out.writer->close();
+    if (!ok) report(out.writer->error());
+    out.writer.reset();
+    return ok ? 0 : -1;
+  }
   if (!out.handle) return 0;
   const char* key = out.format ? out.format->key : "";
   int rc = PXF_close(out.handle);
   out.handle = nullptr;
   out.format = nullptr;
   if (rc != 0) {
-    reportConversionError(withReason(target + ": cannot be written as " + key));
+    report(withReason(target + ": cannot be written as " + key));
     out.file.abandon();
   } else if (!out.file.commit()) {
-    reportConversionError(out.file.error());
+    report(out.file.error());
     rc = -1;
   }
   return rc;
 }
 
+// Opens the output of `target` with `info` (whose name it fills with the
+// partial file), or, when it is open already, moves it on to its next frame
+// with `info.image`. False after giving the output up.
 bool openOutputFrame(const std::string& target, ConversionOutput& out, PxfFileInfo& info) {
   if (out.handle) {
     *out.handle->image = *info.image;
@@ -354,7 +373,7 @@ bool openOutputFrame(const std::string& target, ConversionOutput& out, PxfFileIn
     }
   } else {
     if (!out.file.open(target, TatomicFile::kNamed)) {
-      reportConversionError(out.file.error());
+      report(out.file.error());
       return false;
     }
     info.name = info.name2 = out.file.path().c_str();
@@ -371,14 +390,38 @@ bool openOutputFrame(const std::string& target, ConversionOutput& out, PxfFileIn
   return false;
 }
 
+// Gives an output up: the temporary file goes.
 void abandonOutput(ConversionOutput& out) {
+  if (out.writer) out.writer->abandon();
+  out.writer.reset();
   if (out.handle) PXF_close(out.handle);
   out.file.abandon();
   out.handle = nullptr;
   out.format = nullptr;
 }
 
-int pxfFinishOutput(const char* output) {
+}  // namespace
+
+void kelpconvert::report(const std::string& text) { TerrorHandler::send(Tstring(text.c_str())); }
+
+int ifftoanyInit(const char*, const char* key) {
+  loadAllPXFPlugins();
+  if (!key || !*key) return -1;
+  if (std::strcmp(key, "gif") == 0 || std::strcmp(key, "psd") == 0) return 0;
+  if (!PXF_find(key)) {
+    report(std::string("Unknown image type: ") + key);
+    return -1;
+  }
+  return 0;
+}
+
+int ifftoany(const char* input, const char* output, const char* key) {
+  if (!input || !output || !key) return -1;
+  if (std::strcmp(key, "gif") == 0 || std::strcmp(key, "psd") == 0) return throughWriter(input, output, key);
+  return convertOut(input, output, key);
+}
+
+int ifftoanyFinish(const char* output) {
   Outputs& all = outputs();
   std::map<std::string, ConversionOutput>::node_type node;
   {

@@ -1,19 +1,23 @@
 // Conversion into IFF: a picture any plug-in reads becomes a temporary IFF
-// file at 8 bits a channel, with its depth and matte, and `getResolution`
-// tells a picture's size without converting it.
+// file at 8 bits a channel, with its depth and matte (a Photoshop document
+// its flattened image, through the library's reader, at the document's
+// depth), and `getResolution` tells a picture's size without converting it.
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <memory>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "kelpimage/image/formatgateway.h"
-#include "kelpimage/image/tiffimagefile.h"
-#include "kelpimage/image/tpsdtexturefile.h"
+#include "kelpimage/convert/conversion.h"
+#include "kelpimage/convert/conversions.h"
+#include "kelpimage/il/il.h"
+#include "kelpimage/photoshop/psdinterface.h"
+#include "kelpimage/photoshop/tpsdinterleave.h"
 #include "kelpimage/plugin/plugins.h"
 #include "kelpimage/plugin/pxf.h"
 #include "kelpimage/plugin/pxfinternal.h"
@@ -37,7 +41,7 @@ bool statInput(const char* input) {
   struct stat st;
   if (input && ::stat(input, &st) == 0) return true;
   std::string why = std::strerror(errno);
-  reportConversionError(std::string(input ? input : "(no name)") + ": " + why);
+  kelpconvert::report(std::string(input ? input : "(no name)") + ": " + why);
   return false;
 }
 
@@ -125,7 +129,7 @@ PxfHandle* openInput(const char* input, const char* key) {
   PXF_info_init(&info);
   if (key) {
     if (!PXF_find(key)) {
-      reportConversionError(std::string(input) + ": no plug-in reads the format \"" + key + "\"");
+      kelpconvert::report(std::string(input) + ": no plug-in reads the format \"" + key + "\"");
       return nullptr;
     }
     info.key = key;
@@ -133,7 +137,7 @@ PxfHandle* openInput(const char* input, const char* key) {
     uint8_t flag = 0;
     info.key = PXF_get_file_type(input, 0, &flag);
     if (!info.key) {
-      reportConversionError(std::string(input) + ": not a picture of a format any plug-in reads");
+      kelpconvert::report(std::string(input) + ": not a picture of a format any plug-in reads");
       return nullptr;
     }
   }
@@ -141,7 +145,7 @@ PxfHandle* openInput(const char* input, const char* key) {
   info.one = 1;
   info.comment = "Image converted using anytoiff";
   PxfHandle* handle = PXF_open(&info, "r");
-  if (!handle) reportConversionError(withReason(std::string(input) + ": cannot be read as " + info.key));
+  if (!handle) kelpconvert::report(withReason(std::string(input) + ": cannot be read as " + info.key));
   return handle;
 }
 
@@ -153,51 +157,52 @@ void closeCurrent() {
 int convert(PxfHandle* handle, const char* output, uint32_t compression) {
   PxfImageData* image = handle->image;
   if (!image) {
-    reportConversionError(std::string(handle->name) + ": the picture is empty");
+    kelpconvert::report(std::string(handle->name) + ": the picture is empty");
     return -1;
   }
   const PxfImageData& im = *image;
   if (!im.dataKind || std::strcmp(im.dataKind, "rgb") != 0) {
-    reportConversionError(std::string(handle->name) + ": not a colour picture");
+    kelpconvert::report(std::string(handle->name) + ": not a colour picture");
     return -1;
   }
   if (im.colorBits > 32) {
-    reportConversionError(std::string(handle->name) + ": more than 32 bits a sample");
+    kelpconvert::report(std::string(handle->name) + ": more than 32 bits a sample");
     return -1;
   }
   int32_t width = im.width(), height = im.height();
   if (width < 1 || height < 1 || width > 32768 || height > 32768 ||
       uint64_t(width) * uint64_t(height) > ILmaxpixels(0)) {
-    reportConversionError(std::string(handle->name) + ": a picture of " + std::to_string(width) + " x " +
+    kelpconvert::report(std::string(handle->name) + ": a picture of " + std::to_string(width) + " x " +
                           std::to_string(height));
     return -1;
   }
-  TiffImageFile out;
-  if (!out.open(output, "w")) {
-    reportConversionError(std::string(output) + ": " + FLstrerror(flerrno));
+  ILimage* out = ILopen(output, "w");
+  if (!out) {
+    kelpconvert::report(std::string(output) + ": " + FLstrerror(flerrno));
     return -1;
   }
-  out.setSize(uint16_t(width), uint16_t(height));
-  out.setCompression(TiffImageFile::TfileCompression(compression));
-  out.modifyControlFlags(ILC_TOPDOWN, 0);
+  ILsetsize(out, width, height);
+  ILsetcompress(out, compression);
+  ILctrl(out, ILC_TOPDOWN, 0);
   if (im.aspectWidth != 0 && im.aspectRatio != float(im.aspectWidth) / float(im.aspectHeight)) {
     int n = int(float(im.aspectHeight) * im.aspectRatio);
-    if (n != im.aspectWidth) out.setRatio(im.aspectWidth, n);
+    if (n != im.aspectWidth) ILsetratio(out, im.aspectWidth, n);
   }
-  if (im.dpi >= 1.0f) out.setDpi(im.dpi);
+  if (im.dpi >= 1.0f) out->dpi = im.dpi;
   bool depth = im.depthChannels > 0;
-  out.setType(int(ILT_COLOR | (im.matteChannels > 0 ? ILT_ALPHA : 0) | (depth ? ILT_DEPTH : 0)));
+  ILsettype(out, int32_t(ILT_COLOR | (im.matteChannels > 0 ? ILT_ALPHA : 0) | (depth ? ILT_DEPTH : 0)));
   bool fast = im.colorBits % 8 == 0 && (im.matteChannels == 0 || im.matteBits % 8 == 0) && im.colorKind != PXF_FLOAT;
 
   PxfChannels* channels = PXF_chan_alloc(image, width, handle->format->key, nullptr);
   if (!channels) {
-    reportConversionError("out of memory");
+    kelpconvert::report("out of memory");
+    ILclose(out);
     return -1;
   }
   // Rows go out as they come: from the bottom, or, for a file that stores
   // its top row first, from the top, which the line writer takes as well.
   bool fromTop = im.orientation != PXF_BOTTOM_UP;
-  if (fromTop) out.modifyControlFlags(ILC_TOPDOWN, 1);
+  if (fromTop) ILctrl(out, ILC_TOPDOWN, 1);
   std::vector<uint8_t> pixels(size_t(width) * 4);
   std::vector<float> zs(depth ? size_t(width) : 0);
   int depthChannel = im.colorChannels + im.matteChannels;
@@ -205,22 +210,22 @@ int convert(PxfHandle* handle, const char* output, uint32_t compression) {
   for (int32_t i = 0; i < height && rc == 0; ++i) {
     int32_t row = fromTop ? height - 1 - i : i;
     if (PXF_scan_read(handle, row, channels) != 0) {
-      reportConversionError(withReason(std::string(handle->name) + ": row " + std::to_string(row) + " cannot be read"));
+      kelpconvert::report(withReason(std::string(handle->name) + ": row " + std::to_string(row) + " cannot be read"));
       rc = -1;
       break;
     }
     if (!fillLine(im, channels->buffers, pixels.data(), width, fast)) {
-      reportConversionError(std::string(handle->name) + ": the picture has no colour channels");
+      kelpconvert::report(std::string(handle->name) + ": the picture has no colour channels");
       rc = -1;
       break;
     }
     if (depth) fillDepth(im, channels->buffers[depthChannel], zs.data(), width);
-    if (out.writeLine(pixels.data(), depth ? zs.data() : nullptr) != 0) rc = -1;
+    if (ILwriteline(out, pixels.data(), depth ? zs.data() : nullptr) != 0) rc = -1;
   }
   PXF_chan_free(channels);
-  int closed = out.close();
+  int closed = ILclose(out);
   if (rc == 0 && closed != 0) {
-    reportConversionError(std::string(output) + ": cannot be written: " + FLstrerror(closed));
+    kelpconvert::report(std::string(output) + ": cannot be written: " + FLstrerror(closed));
     rc = -1;
   }
   return rc;
@@ -235,33 +240,65 @@ static std::mutex& inputLock() {
   return lock;
 }
 
-// Converts frame `frame` of `input` into an IFF file of `compression`.
-// Photoshop documents take their own road: the flattened image, at the
-// document's depth. A document that cannot be read is a failure here, not
-// at the caller's later open of an empty output.
+// A Photoshop document's flattened image into an IFF file of `compression`,
+// at the document's depth: its channels 0, 1, 2 and transparency as they lie
+// (over opaque white where it has fewer), the bottom line first. A document
+// that cannot be read is a failure here, not at the caller's later open of
+// an empty output.
 static int psdToIff(const char* input, const char* output, uint32_t compression) {
-  TpsdTextureFile psd;
-  if (psd.openWithoutCache(TfilePath(input), false) != 0) {
-    reportConversionError(std::string(input) + ": not a Photoshop document this library reads");
+  using namespace zkPhotoshop;
+  TphotoshopFile* file = nullptr;
+  if (openPsdFile(TfilePath(input), file, false) != statusOk || file->filePath().fullName().isEmpty()) {
+    delete file;
+    kelpconvert::report(std::string(input) + ": not a Photoshop document this library reads");
     return -1;
   }
+  std::unique_ptr<TphotoshopFile> owned(file);
+  TrgbaData* image = nullptr;
   uint8_t* pixels = nullptr;
   int channels = 0, width = 0, height = 0, bytes = 1;
-  int rc = psd.readPixels(pixels, channels, width, height, bytes);
-  std::unique_ptr<uint8_t[]> owned(pixels);
-  if (rc != 0) {
-    auto* doc = dynamic_cast<zkPhotoshop::TpsdFile*>(psd.document());
-    reportConversionError(doc && !doc->lastError().isEmpty() ? doc->lastError().str() : std::string(input) + ": cannot be read");
-  } else if (psd.writePixels(TfilePath(output), pixels, width, height, "kelp", bytes, compression) != 0) {
-    reportConversionError(std::string(output) + ": cannot be written");
-    rc = -1;
+  if (compositeImage(file, image) != statusOk || interleaveImage(image, 255, pixels, channels, width, height, bytes) != 0) {
+    auto* doc = dynamic_cast<TpsdFile*>(file);
+    kelpconvert::report(doc && !doc->lastError().isEmpty() ? doc->lastError().str() : std::string(input) + ": cannot be read");
+    return -1;
   }
-  psd.close();
-  return rc;
+  std::unique_ptr<uint8_t[]> held(pixels);
+  ILimage* out = ILopen(output, "w");
+  if (!out) {
+    kelpconvert::report(std::string(output) + ": " + FLstrerror(flerrno));
+    return -1;
+  }
+  int rc = ILsetsize(out, width, height);
+  if (!rc) rc = ILsettype(out, int32_t(IL_RGBA));
+  if (!rc) rc = ILsetbpp(out, bytes);
+  if (!rc) rc = ILsetcompress(out, compression);
+  // Lines are blue, green, red, alpha, the bottom line first.
+  const size_t b = size_t(bytes);
+  std::vector<uint8_t> line(size_t(width) * 4 * b);
+  for (int y = height - 1; y >= 0 && !rc; --y) {
+    const uint8_t* src = pixels + size_t(y) * size_t(width) * 4 * b;
+    for (size_t x = 0; x < size_t(width); ++x)
+      for (size_t c = 0; c < 4; ++c) std::memcpy(&line[(x * 4 + c) * b], src + (x * 4 + (c == 3 ? 3 : 2 - c)) * b, b);
+    rc = ILwriteline(out, line.data(), nullptr);
+  }
+  int closed = ILclose(out);
+  if (rc || closed) {
+    kelpconvert::report(std::string(output) + ": cannot be written: " + FLstrerror(rc ? rc : closed));
+    return -1;
+  }
+  return 0;
+}
+
+static bool isPsd(const char* input) {
+  uint8_t head[6] = {};
+  std::FILE* f = input ? std::fopen(input, "rb") : nullptr;
+  bool whole = f && std::fread(head, 1, sizeof head, f) == sizeof head;
+  if (f) std::fclose(f);
+  return whole && std::memcmp(head, "8BPS", 4) == 0 && head[4] == 0 && head[5] == 1;
 }
 
 static int anyToIff(const char* input, const char* output, const char* key, int frame, uint32_t compression) {
-  if (input && TpsdTextureFile::isFilePsd(Tstring(input))) return psdToIff(input, output, compression);
+  if (isPsd(input)) return psdToIff(input, output, compression);
   std::lock_guard<std::mutex> hold(inputLock());
   if (gCurrentInput && (!input || std::strcmp(gCurrentInput->name, input) != 0 || !sameFile(input))) closeCurrent();
   if (!gCurrentInput) {
@@ -272,7 +309,7 @@ static int anyToIff(const char* input, const char* output, const char* key, int 
   }
   bool multiframe = gCurrentInput->format->flags & PXF_MULTIFRAME;
   if (multiframe && PXF_set_frame(gCurrentInput, frame) != frame) {
-    reportConversionError(withReason(std::string(input) + ": has no frame " + std::to_string(frame)));
+    kelpconvert::report(withReason(std::string(input) + ": has no frame " + std::to_string(frame)));
     return -1;
   }
   int rc = convert(gCurrentInput, output, compression);
@@ -282,26 +319,26 @@ static int anyToIff(const char* input, const char* output, const char* key, int 
   return rc;
 }
 
-int pxfAnyToIff(const char* input, const char* output, const char* key, int frame) {
+int anytoiff(const char* input, const char* output, const char* key, int frame) {
   // The file is a temporary one, read once: stored, it costs least both ways.
-  return anyToIff(input, output, key, frame, TiffImageFile::kNone);
+  return anyToIff(input, output, key, frame, 0);
 }
 
 int anytoiffCompressed(const char* input, const char* output, const char* key, int frame, uint32_t compression) {
-  if (compression > TiffImageFile::kQR4) {
-    reportConversionError("no IFF compression " + std::to_string(compression));
+  if (compression > 3) {
+    kelpconvert::report("no IFF compression " + std::to_string(compression));
     return -1;
   }
   return anyToIff(input, output, key, frame, compression);
 }
 
-int pxfGetResolution(const char* input, unsigned& width, unsigned& height) {
+int getResolution(const char* input, unsigned& width, unsigned& height) {
   if (!statInput(input)) return -1;
   PxfHandle* handle = openInput(input, nullptr);
   if (!handle) return -1;
   int rc = 0;
   if (!handle->image) {
-    reportConversionError(std::string(input) + ": the picture is empty");
+    kelpconvert::report(std::string(input) + ": the picture is empty");
     rc = -1;
   } else {
     width = unsigned(handle->image->width());

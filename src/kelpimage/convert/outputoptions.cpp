@@ -8,11 +8,12 @@
 #include <mutex>
 #include <string>
 #include <utility>
+#include <vector>
 
-#include "kelpimage/image/formatgateway.h"
+#include "kelpimage/convert/conversion.h"
+#include "kelpimage/convert/conversions.h"
 #include "kelpimage/plugin/plugins.h"
 #include "kelpimage/plugin/pxf.h"
-#include "kelpimage/plugin/pxfinternal.h"
 
 namespace {
 
@@ -43,7 +44,7 @@ int ifftoanySetOption(const char* key, const char* capability, float value) {
   loadAllPXFPlugins();
   const PxfFormat* format = PXF_find(key);
   if (!format) {
-    reportConversionError(std::string("Unknown image type: ") + key);
+    kelpconvert::report(std::string("Unknown image type: ") + key);
     return -1;
   }
   for (int32_t i = 0; i < format->ops->capabilityCount; ++i) {
@@ -53,7 +54,7 @@ int ifftoanySetOption(const char* key, const char* capability, float value) {
         char range[96], given[32];
         std::snprintf(range, sizeof range, "%g to %g", double(c.minimum), double(c.maximum));
         std::snprintf(given, sizeof given, "%g", double(value));
-        reportConversionError(std::string("The ") + key + " option \"" + c.name + "\" takes " + range +
+        kelpconvert::report(std::string("The ") + key + " option \"" + c.name + "\" takes " + range +
                               (c.help ? std::string(" (") + c.help + ")" : std::string()) + ", not " + given);
         return -1;
       }
@@ -62,7 +63,7 @@ int ifftoanySetOption(const char* key, const char* capability, float value) {
       return 0;
     }
   }
-  reportConversionError(std::string("The ") + key + " format has no option \"" + capability +
+  kelpconvert::report(std::string("The ") + key + " format has no option \"" + capability +
                         "\"; its options are: " + settableNames(format));
   return -1;
 }
@@ -72,7 +73,7 @@ void ifftoanyClearOptions() {
   options().values.clear();
 }
 
-std::vector<PxfCapSetting*> outputSettings(const PxfFormat* format, float dpi) {
+std::vector<PxfCapSetting*> kelpconvert::outputSettings(const PxfFormat* format, float dpi) {
   std::vector<PxfCapSetting*> settings;
   auto add = [&](int16_t code, float value) {
     if (PxfCapSetting* s = PXF_cap_setting_alloc(1)) {
