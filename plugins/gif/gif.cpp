@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include <gif_lib.h>
@@ -41,7 +42,15 @@ struct State {
   std::vector<GifPixelType> line, whole;  // one frame line; an interlaced frame's lines
   std::vector<uint8_t> canvasRow;         // RGBA
   int frameCount = 0;
+  ~State();
 };
+
+// Whatever giflib holds goes with the state, on every way out.
+State::~State() {
+  int code = 0;
+  if (gif && writing) EGifCloseFile(gif, &code);
+  else if (gif) DGifCloseFile(gif, &code);
+}
 
 int recognise(const uint8_t* b, size_t n) {
   return n >= 6 && (std::memcmp(b, "GIF87a", 6) == 0 || std::memcmp(b, "GIF89a", 6) == 0);
@@ -273,8 +282,7 @@ void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const*
   GifFreeMapObject(map);
   if (!ok) {
     fail(error, size, "%s", GifErrorString(s->gif->Error));
-    EGifCloseFile(s->gif, &code);
-    return nullptr;
+    return nullptr;  // the state closes the file
   }
   s->frameCount = 1;
   return s.release();
@@ -304,7 +312,8 @@ int closeFile(void* state, char* error, size_t size) {
   int code = 0, rc = 0;
   if (s->writing) {
     if (s->next != s->height) rc = fail(error, size, "only %d of %d rows were written", s->next, s->height);
-    if (EGifCloseFile(s->gif, &code) != GIF_OK && rc == 0)
+    GifFileType* gif = std::exchange(s->gif, nullptr);
+    if (EGifCloseFile(gif, &code) != GIF_OK && rc == 0)
       rc = fail(error, size, "%s", pxfplugin::streamError(s->stream, GifErrorString(code)));
   } else {
     closeDecoder(s);

@@ -91,6 +91,33 @@ TEST(TpsdTextureFile, TheCacheKeepsADocumentUntilItsFileChanges) {
   TpsdFileCache::theCache().clear();
 }
 
+// A document replaced on disk while a holder reads it: the next open reads
+// the new file, and the holder's document stays whole until it lets go (the
+// sanitizer build sees that nothing freed is touched).
+TEST(TpsdTextureFile, AReplacedDocumentStaysWholeForItsHolder) {
+  kelptest::TempDir dir;
+  std::string copy = dir.file("doc.psd");
+  std::filesystem::copy_file(data("group.psd"), copy);
+  TpsdTextureFile holder;
+  ASSERT_EQ(holder.open(TfilePath(copy.c_str()), false), 0);
+  zkPhotoshop::TphotoshopFile* held = holder.document();
+  std::filesystem::copy_file(data("2layers.psd"), copy, std::filesystem::copy_options::overwrite_existing);
+  struct utimbuf later {1000000000, 1000000000};
+  ASSERT_EQ(utime(copy.c_str(), &later), 0);
+  TpsdTextureFile fresh;
+  ASSERT_EQ(fresh.open(TfilePath(copy.c_str()), false), 0);
+  EXPECT_NE(fresh.document(), held);
+  EXPECT_EQ(fresh.resolutionX(), 101);
+  TpsdFileCache::theCache().clear();
+  // The holder's document is the old one, whole: what it read stays; what
+  // it reads now comes from the new bytes, or fails cleanly.
+  EXPECT_EQ(holder.document(), held);
+  EXPECT_EQ(held->imageWidth(), 100u);
+  TstringArray sets;
+  holder.layerSetNames(sets);
+  EXPECT_EQ(holder.close(), 0);
+}
+
 TEST(TpsdTextureFile, WritesALayeredDocumentOfAPicture) {
   kelptest::TempDir dir;
   TpixelMap map(3, 2);

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "kelpimage/base/tlimits.h"
+#include "kelpimage/io/timagereader.h"
 #include "kelpimage/plugin/plugins.h"
 #include "kelpimage/plugin/pxf.h"
 #include "kelpimage/convert/conversions.h"
@@ -80,4 +81,25 @@ TEST(HostileInputs, AJpegCutShortFailsUnlessLenient) {
   EXPECT_NE(said.find("Premature end of JPEG file"), std::string::npos) << said;
   PXF_chan_free(channels);
   PXF_close(handle);
+}
+
+// What the fuzz targets found: refused from memory with the reason, and
+// nothing held after (the sanitizer build sees to leaks).
+TEST(HostileInputs, FuzzFindingsAreRefusedFromMemory) {
+  struct Case {
+    const char* file;
+    const char* key;
+    const char* reason;
+  };
+  for (const Case& c : {Case{"gif-bad-signature-taken-as-gif.gif", "gif", ""},
+                        Case{"exr-attribute-claims-1792-mib.exr", "exr", "more than the file holds"}}) {
+    SCOPED_TRACE(c.file);
+    std::vector<uint8_t> bytes = kelptest::readBytes(hostile(c.file));
+    TimageReader reader;
+    TreadOptions options;
+    options.key = c.key;
+    EXPECT_FALSE(reader.openMemory(bytes.data(), bytes.size(), "found", options));
+    EXPECT_EQ(reader.error().rfind("found: ", 0), 0u) << reader.error();
+    EXPECT_NE(reader.error().find(c.reason), std::string::npos) << reader.error();
+  }
 }

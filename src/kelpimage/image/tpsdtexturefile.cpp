@@ -38,60 +38,60 @@ TpsdFileCache& TpsdFileCache::theCache() {
 TpsdFileCache::~TpsdFileCache() { clear(); }
 
 int TpsdFileCache::getFile(const Tstring& name, TphotoshopFile*& file) {
+  std::shared_ptr<TphotoshopFile> held = share(name);
+  if (!held) return -1;
+  file = held.get();
+  return 0;
+}
+
+std::shared_ptr<TphotoshopFile> TpsdFileCache::share(const Tstring& name) {
   std::lock_guard<std::mutex> hold(fLock);
   auto it = fEntries.find(name);
-  if (it == fEntries.end()) return -1;
-  if (modificationTime(name) == it->second.fModificationTime) {
-    file = it->second.fFile;
-    return 0;
-  }
-  delete it->second.fFile;  // the file changed on disk: read it anew
-  fEntries.erase(it);
-  return -1;
+  if (it == fEntries.end()) return nullptr;
+  if (modificationTime(name) == it->second.fModificationTime) return it->second.fFile;
+  fEntries.erase(it);  // the file changed on disk: read anew; holders keep theirs
+  return nullptr;
 }
 
 int TpsdFileCache::addFile(const Tstring& name, TphotoshopFile* file) {
   std::lock_guard<std::mutex> hold(fLock);
   if (fEntries.count(name)) return -1;
-  fEntries[name] = TfileCacheEntry{file, modificationTime(name)};
+  fEntries[name] = TfileCacheEntry{std::shared_ptr<TphotoshopFile>(file), modificationTime(name)};
   return 0;
 }
 
 void TpsdFileCache::clear() {
   std::lock_guard<std::mutex> hold(fLock);
-  for (auto& [name, entry] : fEntries) delete entry.fFile;
   fEntries.clear();
 }
 
 bool TpsdTextureFile::isFilePsd(const Tstring& name) { return zkPhotoshop::isFilePsd(TfilePath(name)); }
 
 TpsdTextureFile::~TpsdTextureFile() {
-  if (!fUseCache && fPsd) {
-    closePsdFile(fPsd);
-    delete fPsd;
-  }
+  if (!fUseCache && fPsd) closePsdFile(fPsd);
 }
 
 int TpsdTextureFile::open(const TfilePath& path, bool editMode) {
   fCreated = false;
   fUseCache = true;
   const Tstring& name = path.fullName();
-  if (TpsdFileCache::theCache().getFile(name, fPsd) == 0) {
-    fPsd->setIsFileEditMode(editMode);
-  } else {
-    fPsd = nullptr;
-    if (openPsdFile(path, fPsd, editMode) != statusOk || fPsd->filePath().fullName().isEmpty()) {
-      delete fPsd;
+  fHeld = TpsdFileCache::theCache().share(name);
+  if (!fHeld) {
+    TphotoshopFile* made = nullptr;
+    if (openPsdFile(path, made, editMode) != statusOk || made->filePath().fullName().isEmpty()) {
+      delete made;
       fPsd = nullptr;
       return -1;
     }
-    if (TpsdFileCache::theCache().addFile(name, fPsd) != 0) {
-      // Another thread kept the same file meanwhile: use that one.
-      delete fPsd;
+    if (TpsdFileCache::theCache().addFile(name, made) != 0) delete made;  // another thread kept it meanwhile
+    fHeld = TpsdFileCache::theCache().share(name);
+    if (!fHeld) {
       fPsd = nullptr;
-      if (TpsdFileCache::theCache().getFile(name, fPsd) != 0) return -1;
+      return -1;
     }
   }
+  fPsd = fHeld.get();
+  fPsd->setIsFileEditMode(editMode);
   fResolutionX = uint16_t(fPsd->imageWidth());
   fResolutionY = uint16_t(fPsd->imageHeight());
   return 0;
@@ -100,11 +100,15 @@ int TpsdTextureFile::open(const TfilePath& path, bool editMode) {
 int TpsdTextureFile::openWithoutCache(const TfilePath& path, bool editMode) {
   fCreated = false;
   fUseCache = false;
-  if (openPsdFile(path, fPsd, editMode) != statusOk || fPsd->filePath().fullName().isEmpty()) {
-    delete fPsd;
+  TphotoshopFile* made = nullptr;
+  if (openPsdFile(path, made, editMode) != statusOk || made->filePath().fullName().isEmpty()) {
+    delete made;
+    fHeld.reset();
     fPsd = nullptr;
     return -1;
   }
+  fHeld.reset(made);
+  fPsd = made;
   return 0;
 }
 
@@ -118,8 +122,11 @@ int TpsdTextureFile::create(const TfilePath& path) {
   fCreated = true;
   fUseCache = false;
   fPsd = nullptr;
+  fHeld.reset();
   unsigned short w = fResolutionX, h = fResolutionY;
-  return createPsdFile(path, fPsd, w, h) == statusOk ? 0 : -1;
+  int rc = createPsdFile(path, fPsd, w, h) == statusOk ? 0 : -1;
+  fHeld.reset(fPsd);
+  return rc;
 }
 
 int TpsdTextureFile::close() {
@@ -127,12 +134,9 @@ int TpsdTextureFile::close() {
   bool ok = closePsdFile(fPsd);
   auto* doc = dynamic_cast<zkPhotoshop::TpsdFile*>(fPsd);
   fLastError = !ok && doc ? doc->lastError() : Tstring();
-  if (!fCreated && fUseCache)
-    fPsd = nullptr;  // it stays alive in the cache
-  else {
-    delete fPsd;
-    fPsd = nullptr;
-  }
+  // A cached document stays alive for the cache and its other holders.
+  fPsd = nullptr;
+  fHeld.reset();
   return ok ? 0 : -1;
 }
 

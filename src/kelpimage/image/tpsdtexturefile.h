@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 
 #include "kelpimage/base/tarray.h"
@@ -17,22 +18,28 @@
 
 // Documents opened through TpsdTextureFile::open, by full name, each with
 // the modification time its file had. Guarded by a lock: the map is safe
-// from any thread, a document in it is used by one thread at a time.
+// from any thread, a document in it is used by one thread at a time. The
+// cache shares its documents: one dropped from it (its file changed, or the
+// cache cleared) stays whole for those who hold it, and goes with the last.
 class KELP_API TpsdFileCache {
  public:
   // 0 and the document when it is kept and its file has not changed since;
-  // -1 otherwise (a changed file's document is dropped).
+  // -1 otherwise (a changed file's document is dropped from the cache). The
+  // pointer is the cache's: share() keeps the document alive for a holder.
   int getFile(const Tstring& name, zkPhotoshop::TphotoshopFile*& file);
-  // -1 when the name is kept already.
+  // The document as getFile finds it, held; null when getFile gives -1.
+  std::shared_ptr<zkPhotoshop::TphotoshopFile> share(const Tstring& name);
+  // The cache takes the document; -1 (and the document stays the
+  // caller's) when the name is kept already.
   int addFile(const Tstring& name, zkPhotoshop::TphotoshopFile* file);
-  // Deletes every kept document.
+  // Drops every kept document.
   void clear();
   static TpsdFileCache& theCache();
   ~TpsdFileCache();
 
  private:
   struct TfileCacheEntry {
-    zkPhotoshop::TphotoshopFile* fFile = nullptr;
+    std::shared_ptr<zkPhotoshop::TphotoshopFile> fFile;
     Ttime fModificationTime;
   };
   std::map<Tstring, TfileCacheEntry> fEntries;
@@ -128,7 +135,8 @@ class KELP_API TpsdTextureFile {
                  int& height, int& bytes);
   int imageInto(TpixelMap& map, int which, const Tstring& name, bool insert, int index);
 
-  zkPhotoshop::TphotoshopFile* fPsd = nullptr;
+  zkPhotoshop::TphotoshopFile* fPsd = nullptr;  // the document read, held by fHeld
+  std::shared_ptr<zkPhotoshop::TphotoshopFile> fHeld;
   unsigned short fResolutionX = 256;
   unsigned short fResolutionY = 256;
   bool fUseCache = false;
