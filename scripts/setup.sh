@@ -1,18 +1,35 @@
 #!/usr/bin/env bash
-# Installs what building and testing kelp-image needs on a Debian machine.
-# Does nothing when everything is there already. With the argument "fuzz" it
-# also installs clang and its fuzzing runtime, for the fuzz preset.
+# Installs what kelp-image needs on a Debian machine, and nothing that is
+# there already. The argument names the job:
+#   build  (the default) the compiler, CMake and the libraries kimg and the
+#          plug-ins are built on: enough to build and run kimg;
+#   test   the above, GoogleTest, the Python package's needs (NumPy,
+#          pybind11, Dask, pytest) and the independent tools the tests hold
+#          the library against (ImageMagick, OpenImageIO, netpbm, PIL,
+#          psd-tools, FFmpeg);
+#   bench  the above, Google Benchmark and the peers the benchmarks time
+#          (libvips, OpenImageIO, ImageMagick);
+#   fuzz   the above and clang with its fuzzing runtime, for the fuzz preset.
 set -euo pipefail
 
-packages=(g++ cmake ninja-build pkg-config python3 libgtest-dev libgmock-dev libbenchmark-dev
-          libpng-dev libjpeg62-turbo-dev libtiff-dev libgif-dev libopenexr-dev libwebp-dev
-          libstb-dev libnetpbm-dev openimageio-tools
-          libcli11-dev zlib1g-dev libmuparser-dev gzip binutils-mips-linux-gnu
-          imagemagick netpbm python3-psd-tools gimp
-          libavformat-dev libavcodec-dev libavutil-dev libswscale-dev ffmpeg)
-if [ "${1:-}" = fuzz ]; then
-  packages+=(clang libclang-rt-14-dev)
-fi
+build=(g++ cmake ninja-build pkg-config python3
+       libpng-dev libjpeg62-turbo-dev libtiff-dev libgif-dev libopenexr-dev libwebp-dev libstb-dev libnetpbm-dev
+       libcli11-dev zlib1g-dev libmuparser-dev
+       libavformat-dev libavcodec-dev libavutil-dev libswscale-dev)
+test=(libgtest-dev libgmock-dev gzip binutils-mips-linux-gnu
+      python3-dev python3-numpy pybind11-dev python3-pybind11 python3-pytest python3-dask python3-distributed
+      imagemagick openimageio-tools netpbm python3-pil python3-psd-tools ffmpeg)
+bench=(libbenchmark-dev libvips-tools)
+fuzz=(clang libclang-rt-14-dev)
+
+packages=("${build[@]}")
+case "${1:-build}" in
+  build) ;;
+  test) packages+=("${test[@]}") ;;
+  bench) packages+=("${test[@]}" "${bench[@]}") ;;
+  fuzz) packages+=("${test[@]}" "${fuzz[@]}") ;;
+  *) echo "setup.sh: build, test, bench or fuzz, not $1" >&2; exit 2 ;;
+esac
 
 missing=()
 for p in "${packages[@]}"; do

@@ -5,8 +5,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 preset="${1:-default}"
-bash scripts/setup.sh
-cmake --preset "$preset" >/dev/null
+bash scripts/setup.sh test
+cmake --preset "$preset" -DKELP_BUILD_TESTS=ON >/dev/null
 cmake --build --preset "$preset"
 if [ $# -ge 2 ]; then
   ctest --preset "$preset" -j"$(nproc)" -R "$2"

@@ -181,9 +181,9 @@ int run(int argc, char** argv) {
   if (*chunks) return kimg::chunks(chunkFile);
   if (*pattern) return kimg::pattern(pat);
   if (*convert) {
-    kimg::FramePattern p;
+    TframePattern p;
     conv.quiet = seq.quiet;
-    if (kimg::FramePattern::parse(conv.in, p)) return kimg::convertSequence(conv, seq);
+    if (TframePattern::parse(conv.in, p)) return kimg::convertSequence(conv, seq);
     if (!seq.frames.empty()) return kimg::usage("--frames goes with a frame pattern such as name.####.iff");
     return kimg::convert(conv);
   }

@@ -68,8 +68,8 @@ int startLayer(const std::string& name) {
 // The pictures named, frame patterns standing for their frames on disk.
 int gatherFiles(const std::vector<std::string>& names, std::vector<std::string>& files) {
   for (const std::string& f : names) {
-    FramePattern pattern;
-    if (!FramePattern::parse(f, pattern)) files.push_back(f);
+    TframePattern pattern;
+    if (!TframePattern::parse(f, pattern)) files.push_back(f);
     else if (int status = sequenceFiles(f, "", files)) return status;
   }
   if (files.empty()) return usage("kimg movie OUT.avi needs pictures, or a frame pattern that has frames on disk");
@@ -166,8 +166,8 @@ int writeFrame(const TpixelMap& map, const std::string& name) {
 }
 
 int extractFrames(const MovieOptions& o) {
-  FramePattern pattern;
-  if (!FramePattern::parse(o.extract, pattern))
+  TframePattern pattern;
+  if (!TframePattern::parse(o.extract, pattern))
     return usage("--extract takes a frame pattern such as frame.####.iff: " + o.extract);
   if (!o.frames.empty()) return usage("kimg movie IN.avi --extract PATTERN takes no pictures");
   if (int status = startLayer(o.movie)) return status;

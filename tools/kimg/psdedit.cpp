@@ -117,25 +117,6 @@ int applyEdits(TpsdFile& doc, const PsdOptions& o, const std::string& file) {
   return 0;
 }
 
-// A new document's background, as Photoshop makes one: an opaque white
-// layer of the whole document.
-std::unique_ptr<TrgbaData> whiteBackground(TdataFormat format, uint32_t w, uint32_t h) {
-  auto pixels = std::make_unique<TpixelData16>(format, w, h, false);
-  pixels->addChannel(channelTransparency, w, h, uint16_t(pixels->getMaxColor()));
-  return std::make_unique<TrgbaData>(w, h, pixels.release(), 4, false);
-}
-
-// The flattened image of a document whose every layer this library made:
-// the composite of its layers.
-int flattenLayers(TpsdFile& doc, const std::string& file) {
-  TrgbaData* made = nullptr;
-  if (!doc.readDocumentImage(made)) return fail(file, doc.lastReason().str());
-  std::unique_ptr<TrgbaData> image(made);
-  for (PHOTOSHOP_CHANNEL c : {channelRed, channelGreen, channelBlue})
-    doc.fCompositePixels->copyChannel(c, *image->pixels16());
-  return 0;
-}
-
 }  // namespace
 
 bool psdEditing(const PsdOptions& o) {
@@ -156,7 +137,7 @@ int psdEdit(const PsdOptions& o) {
     w = uint16_t(o.newSize[0]), h = uint16_t(o.newSize[1]);
     doc.fDepth = uint16_t(o.depth);
     doc.create(TfilePath(o.out.c_str()), w, h);
-    doc.addBackGroundLayerInfo(whiteBackground(doc.fDataFormat, w, h).get(), "Background");
+    doc.addWhiteBackground();
   } else {
     if (int status = psdOpen(o.file, doc)) return status;
     doc.open(TfilePath(o.file.c_str()), true);  // edit mode: saved to -o
@@ -164,8 +145,7 @@ int psdEdit(const PsdOptions& o) {
   }
   theWarnings().clear();
   if (int status = applyEdits(doc, o, name)) return status;
-  if (!o.newSize.empty())
-    if (int status = flattenLayers(doc, o.out)) return status;
+  if (!o.newSize.empty() && !doc.flattenLayers()) return fail(o.out, doc.lastReason().str());
   if (!doc.savePsdFile(TfilePath(o.out.c_str()))) return fail(o.out, doc.lastReason().str());
   return 0;
 }

@@ -13,95 +13,17 @@
 
 #include "commands.h"
 #include "kelpimage/io/tformatcatalogue.h"
+#include "kelpimage/naming/tframepattern.h"
 #include "util.h"
 
 namespace kimg {
 
-bool FramePattern::parse(const std::string& name, FramePattern& p) {
-  size_t slash = name.rfind('/');
-  size_t base = slash == std::string::npos ? 0 : slash + 1;
-  size_t hash = name.find('#', base);
-  if (hash != std::string::npos) {
-    size_t end = name.find_first_not_of('#', hash);
-    if (end == std::string::npos) end = name.size();
-    if (name.find('#', end) != std::string::npos) return false;  // one run of marks only
-    p.prefix = name.substr(0, hash);
-    p.suffix = name.substr(end);
-    p.width = end - hash > 1 ? int(end - hash) : 0;
-    return true;
-  }
-  size_t percent = name.find('%', base);
-  if (percent == std::string::npos) return false;
-  size_t at = percent + 1;
-  int width = 0;
-  bool zero = at < name.size() && name[at] == '0';
-  while (at < name.size() && std::isdigit(static_cast<unsigned char>(name[at]))) width = width * 10 + (name[at++] - '0');
-  if (at >= name.size() || name[at] != 'd' || (width > 0 && !zero) || width > 18) return false;
-  p.prefix = name.substr(0, percent);
-  p.suffix = name.substr(at + 1);
-  p.width = width > 1 ? width : 0;
-  return true;
-}
-
-std::string FramePattern::name(long frame) const {
-  char digits[32];
-  std::snprintf(digits, sizeof digits, "%0*ld", width, frame);
-  return prefix + digits + suffix;
-}
-
-bool FramePattern::frameOf(const std::string& file, long& frame) const {
-  if (file.size() <= prefix.size() + suffix.size() || file.compare(0, prefix.size(), prefix) != 0 ||
-      file.compare(file.size() - suffix.size(), suffix.size(), suffix) != 0)
-    return false;
-  std::string digits = file.substr(prefix.size(), file.size() - prefix.size() - suffix.size());
-  if (digits.empty() || digits.size() > 18 || !std::all_of(digits.begin(), digits.end(), ::isdigit)) return false;
-  // Padded frames have exactly their width; unpadded ones no leading zero.
-  if (width > 0 ? int(digits.size()) != width : (digits.size() > 1 && digits[0] == '0')) return false;
-  frame = std::stol(digits);
-  return true;
-}
-
-std::vector<long> FramePattern::onDisk() const {
-  size_t slash = prefix.rfind('/');
-  std::string dir = slash == std::string::npos ? "." : prefix.substr(0, slash == 0 ? 1 : slash);
-  std::string lead = slash == std::string::npos ? "" : prefix.substr(0, slash + 1);
-  std::vector<long> frames;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d)) {
-      long frame = 0;
-      if (frameOf(lead + e->d_name, frame)) frames.push_back(frame);
-    }
-    closedir(d);
-  }
-  std::sort(frames.begin(), frames.end());
-  return frames;
-}
-
-bool parseFrameRange(const std::string& text, std::vector<long>& frames, std::string& why) {
-  long first = 0, last = 0, step = 1;
-  char dash = 0, x = 0, rest = 0;
-  int n = std::sscanf(text.c_str(), "%ld%c%ld%c%ld%c", &first, &dash, &last, &x, &step, &rest);
-  bool ok = (n == 1) || (n == 3 && dash == '-') || (n == 5 && dash == '-' && x == 'x');
-  if (n == 1) last = first;
-  if (!ok || step < 1 || last < first || first < 0) {
-    why = "--frames must be FIRST-LAST or FIRST-LASTxSTEP, FIRST no more than LAST, STEP at least 1: " + text;
-    return false;
-  }
-  if ((last - first) / step >= 10000000) {
-    why = "--frames names too many frames: " + text;
-    return false;
-  }
-  frames.clear();
-  for (long f = first; f <= last; f += step) frames.push_back(f);
-  return true;
-}
-
 namespace {
 
 // The frames a run converts: --frames, or those on disk.
-int framesOf(const FramePattern& in, const std::string& pattern, const std::string& range, std::vector<long>& frames) {
+int framesOf(const TframePattern& in, const std::string& pattern, const std::string& range, std::vector<long>& frames) {
   std::string why;
-  if (!range.empty()) return parseFrameRange(range, frames, why) ? 0 : usage(why);
+  if (!range.empty()) return TframePattern::parseRange(range, frames, why) ? 0 : usage(why);
   frames = in.onDisk();
   if (frames.empty()) return fail(pattern, "no frames of this pattern exist");
   return 0;
@@ -144,9 +66,9 @@ class Progress {
 }  // namespace
 
 int convertSequence(const ConvertOptions& o, const SequenceOptions& s) {
-  FramePattern in, out;
-  FramePattern::parse(o.in, in);
-  if (!FramePattern::parse(o.out, out)) return usage("the output of a frame sequence needs a frame pattern too: " + o.out);
+  TframePattern in, out;
+  TframePattern::parse(o.in, in);
+  if (!TframePattern::parse(o.out, out)) return usage("the output of a frame sequence needs a frame pattern too: " + o.out);
   if (o.frame >= 0) return usage("--frame takes one frame of one file; for sequences use --frames");
   std::vector<long> frames;
   if (int status = framesOf(in, o.in, s.frames, frames)) return status;
@@ -190,8 +112,8 @@ int convertSequence(const ConvertOptions& o, const SequenceOptions& s) {
 }
 
 int sequenceFiles(const std::string& pattern, const std::string& range, std::vector<std::string>& files) {
-  FramePattern p;
-  if (!FramePattern::parse(pattern, p)) {
+  TframePattern p;
+  if (!TframePattern::parse(pattern, p)) {
     files.push_back(pattern);
     return 0;
   }

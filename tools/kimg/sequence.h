@@ -5,23 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "kelpimage/naming/tframepattern.h"
+
 namespace kimg {
-
-struct FramePattern {
-  std::string prefix, suffix;
-  int width = 0;  // digits of a padded frame; 0 unpadded
-
-  // True when `name` holds a frame pattern, which `pattern` then takes.
-  static bool parse(const std::string& name, FramePattern& pattern);
-  std::string name(long frame) const;
-  // The frame number of a file name of this pattern; false when it is none.
-  bool frameOf(const std::string& file, long& frame) const;
-  // The frames of this pattern that exist on disk, in order.
-  std::vector<long> onDisk() const;
-};
-
-// "FIRST-LAST" or "FIRST-LASTxSTEP", or one frame "N".
-bool parseFrameRange(const std::string& text, std::vector<long>& frames, std::string& why);
 
 struct SequenceOptions {
   std::string frames;  // empty: the frames on disk

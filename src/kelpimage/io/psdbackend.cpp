@@ -196,18 +196,14 @@ class PsdWriter : public WriterBackend {
       ok = doc.addNormalLayer(Tstring(("Layer " + std::to_string(i)).c_str()), fFrames[i].image.get());
     // The flattened image is the first frame, or with layers above it their composite.
     TrgbaData* flat = fFrames.front().image.get();
-    std::unique_ptr<TrgbaData> composite;
     if (ok && fFrames.size() > 1) {
-      TrgbaData* made = nullptr;
-      ok = doc.readDocumentImage(made);
-      composite.reset(made);
-      flat = made;
-    }
-    if (ok)
+      ok = doc.flattenLayers();
+    } else if (ok) {
       for (PHOTOSHOP_CHANNEL c : {channelRed, channelGreen, channelBlue})
         doc.fCompositePixels->copyChannel(c, *flat->pixels16());
-    if (ok && flat->pixels16()->getTransparencyPixelPtr())
-      ok = doc.setCompositeTransparency(flat->pixels16()->getTransparencyPixelPtr());
+      if (flat->pixels16()->getTransparencyPixelPtr())
+        ok = doc.setCompositeTransparency(flat->pixels16()->getTransparencyPixelPtr());
+    }
     if (ok) ok = doc.savePsdFile(TfilePath(fPath.c_str()));
     if (!ok) why = doc.lastReason().isEmpty() ? "the document cannot be written" : doc.lastReason().str();
     return ok;

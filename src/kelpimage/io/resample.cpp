@@ -35,29 +35,39 @@ Resampler::~Resampler() {
 int Resampler::feed(void* arg, uint8_t** color, float** depth) {
   auto* self = static_cast<Resampler*>(arg);
   if (depth) *depth = nullptr;
-  const TimageSpec& spec = self->fReader->spec();
-  if (self->fSourceRow >= spec.height ||
-      !self->fReader->readRows(self->fSourceRow, self->fSourceRow + 1, self->fSource.data(), self->fType, 0,
-                               Tassociation::kPremultiplied)) {
-    self->fError = self->fReader->error().empty() ? "the rows ran out" : self->fReader->error();
+  std::string why;
+  if (self->fSourceRow >= self->fSpec.height || !self->fRows(self->fSourceRow, self->fSource.data(), why)) {
+    self->fError = why.empty() ? "the rows ran out" : why;
     return FL_EFIT;
   }
   ++self->fSourceRow;
-  widen(self->fSource.data(), self->fWide.data(), spec.channels(), TsampleBytes(self->fType), size_t(spec.width));
+  widen(self->fSource.data(), self->fWide.data(), self->fSpec.channels(), TsampleBytes(self->fType),
+        size_t(self->fSpec.width));
   if (color) *color = self->fWide.data();
   return 0;
 }
 
 bool Resampler::start(TimageReader& reader, int32_t width, int32_t height, const std::string& filter, float blurX,
                       float blurY, std::string& why) {
-  const TimageSpec& spec = reader.spec();
-  fReader = &reader;
-  fType = spec.sampleType == TsampleType::kUint8 ? TsampleType::kUint8 : TsampleType::kUint16;
+  TsampleType type = reader.spec().sampleType == TsampleType::kUint8 ? TsampleType::kUint8 : TsampleType::kUint16;
+  auto rows = [&reader, type](int32_t y, uint8_t* row, std::string& failed) {
+    if (reader.readRows(y, y + 1, row, type, 0, Tassociation::kPremultiplied)) return true;
+    failed = reader.error();
+    return false;
+  };
+  return start(reader.spec(), rows, width, height, filter, blurX, blurY, why);
+}
+
+bool Resampler::start(const TimageSpec& source, Rows rows, int32_t width, int32_t height, const std::string& filter,
+                      float blurX, float blurY, std::string& why) {
+  fSpec = source;
+  fRows = std::move(rows);
+  fType = source.sampleType == TsampleType::kUint8 ? TsampleType::kUint8 : TsampleType::kUint16;
   const size_t bytes = TsampleBytes(fType);
   fWidth = width;
   fSourceRow = 0;
-  fSource.assign(spec.rowBytes(fType), 0);
-  fWide.assign(size_t(spec.width) * 4 * bytes, 0);
+  fSource.assign(source.rowBytes(fType), 0);
+  fWide.assign(size_t(source.width) * 4 * bytes, 0);
   fResult.assign(size_t(width) * 4 * bytes, 0);
   flerrno = 0;
   fZoom = ILnewzoom(filter.empty() ? nullptr : filter.c_str());
@@ -67,7 +77,7 @@ bool Resampler::start(TimageReader& reader, int32_t width, int32_t height, const
   if (!fZoom) return why = FLstrerror(flerrno), false;
   ILsetzoomblur(fZoom, blurX, blurY);
   int mode = bytes == 2 ? 3 : 0;
-  if (ILbindzoom(fZoom, this, feed, mode, width, height, spec.width, spec.height) > 1)
+  if (ILbindzoom(fZoom, this, feed, mode, width, height, source.width, source.height) > 1)
     return why = FLstrerror(flerrno), false;
   return true;
 }
@@ -75,7 +85,7 @@ bool Resampler::start(TimageReader& reader, int32_t width, int32_t height, const
 bool Resampler::next(uint8_t* row, std::string& why) {
   if (int rc = ILreadzoom(fZoom, fResult.data(), nullptr)) return why = fError.empty() ? FLstrerror(rc) : fError, false;
   if (ILzoomswapped(fZoom)) ILswappairs16(fResult.data(), fWidth);
-  narrow(fResult.data(), row, fReader->spec().channels(), TsampleBytes(fType), size_t(fWidth));
+  narrow(fResult.data(), row, fSpec.channels(), TsampleBytes(fType), size_t(fWidth));
   return true;
 }
 

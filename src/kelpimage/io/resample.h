@@ -1,9 +1,9 @@
-// A picture's rows at another size, through the IL zoom filters: a reader's
-// frame resampled a row at a time, colour premultiplied so that alpha
-// weighs it, at 8 or 16 bits.
+// A picture's rows at another size, through the IL zoom filters, a row at
+// a time, at 8 or 16 bits; colour premultiplied, so that alpha weighs it.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,19 +21,27 @@ class Resampler {
   Resampler(const Resampler&) = delete;
   Resampler& operator=(const Resampler&) = delete;
 
-  // Binds the current frame of `reader`; false, with the reason, when the
-  // filter is unknown or the sizes cannot be zoomed.
+  // Source rows of `source` (its size and channels) in type() one after
+  // the other from the top, premultiplied: false, with why, at a failure.
+  using Rows = std::function<bool(int32_t y, uint8_t* row, std::string& why)>;
+
+  // Binds a source; false, with the reason, when the filter is unknown or
+  // the sizes cannot be zoomed.
+  bool start(const TimageSpec& source, Rows rows, int32_t width, int32_t height, const std::string& filter,
+             float blurX, float blurY, std::string& why);
+  // The current frame of `reader`.
   bool start(TimageReader& reader, int32_t width, int32_t height, const std::string& filter, float blurX, float blurY,
              std::string& why);
   // 16 bits for pictures wider than 8, else 8.
   TsampleType type() const { return fType; }
-  // The next row from the top: the reader's channels, interleaved, premultiplied.
+  // The next row from the top: the source's channels, interleaved, premultiplied.
   bool next(uint8_t* row, std::string& why);
 
  private:
   static int feed(void* self, uint8_t** color, float** depth);
 
-  TimageReader* fReader = nullptr;
+  TimageSpec fSpec;
+  Rows fRows;
   ILzoom* fZoom = nullptr;
   TsampleType fType = TsampleType::kUint8;
   int32_t fWidth = 0, fSourceRow = 0;

@@ -148,6 +148,12 @@ class KELP_API TpsdFile : public TphotoshopFile {
   // whose layers this library honours should hold. A new value the caller
   // owns, with transparency.
   bool readDocumentImage(TrgbaData*& out);
+  // The flattened image of a document whose every layer this library made:
+  // the composite of its layers, in red, green and blue.
+  bool flattenLayers();
+  // A new document's background, as Photoshop makes one: an opaque white
+  // layer of the whole document.
+  bool addWhiteBackground();
   // Blends ordinary layers (bottom first) onto `canvas`, which is made
   // transparent when null.
   void blendLayersInSet(const std::vector<TpsdLayer*>& layers, uint32_t width, uint32_t height, TdataFormat format,

@@ -179,6 +179,24 @@ bool TpsdFile::readDocumentImage(TrgbaData*& out) {
       false);
 }
 
+bool TpsdFile::flattenLayers() {
+  TrgbaData* made = nullptr;
+  if (!readDocumentImage(made)) return false;
+  std::unique_ptr<TrgbaData> image(made);
+  addBackGroundLayerInfo(nullptr, nullptr);
+  if (!fCompositePixels) return fail("has no flattened image to fill"), false;
+  for (PHOTOSHOP_CHANNEL c : {channelRed, channelGreen, channelBlue})
+    fCompositePixels->copyChannel(c, *image->pixels16());
+  return true;
+}
+
+bool TpsdFile::addWhiteBackground() {
+  auto pixels = std::make_unique<TpixelData16>(fDataFormat, fImageWidth, fImageHeight, false);
+  pixels->addChannel(channelTransparency, fImageWidth, fImageHeight, uint16_t(pixels->getMaxColor()));
+  TrgbaData background(fImageWidth, fImageHeight, pixels.release(), 4, false);
+  return addBackGroundLayerInfo(&background, "Background");
+}
+
 bool TpsdFile::readLayerSetImage(const Tstring& name, TrgbaData*& out) {
   out = nullptr;
   TpsdStream s;
