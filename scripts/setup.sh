@@ -19,7 +19,7 @@ build=(g++ cmake ninja-build pkg-config python3
 test=(libgtest-dev libgmock-dev gzip binutils-mips-linux-gnu
       python3-dev python3-numpy pybind11-dev python3-pybind11 python3-pytest python3-dask python3-distributed
       imagemagick openimageio-tools netpbm python3-pil python3-psd-tools ffmpeg)
-bench=(libbenchmark-dev libvips-tools)
+bench=(libbenchmark-dev libvips-tools python3-matplotlib)
 fuzz=(clang libclang-rt-14-dev)
 
 packages=("${build[@]}")

@@ -203,7 +203,7 @@ void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const*
   s->png = png_create_write_struct(PNG_LIBPNG_VER_STRING, s, onError, onWarning);
   s->info = s->png ? png_create_info_struct(s->png) : nullptr;
   float dpi = pxfplugin::setting(settings, pxfplugin::kDpiCode, 0.0f);
-  int level = int(pxfplugin::setting(settings, pxfplugin::kCompressionCode, 6.0f));
+  int level = int(pxfplugin::setting(settings, pxfplugin::kCompressionCode, 2.0f));
   if (!s->row || !s->info || !writeHeader(s, dpi, level)) {
     fail(error, size, "%s", s->message[0] ? s->message : "libpng could not start");
     release(s);
@@ -246,7 +246,8 @@ int closeFile(void* state, char* error, size_t size) {
 
 const PxfCapability kCapabilities[] = {
     pxfplugin::dpiCapability(),
-    {pxfplugin::kCompressionCode, "Compression", 1, 2, 0.0f, 9.0f, 6.0f, "zlib's level, 0 (none) to 9 (smallest)"},
+    {pxfplugin::kCompressionCode, "Compression", 1, 2, 0.0f, 9.0f, 2.0f,
+     "zlib's level, 0 (none) to 9 (smallest); 2, the default, keeps pace with a pipeline and stays small"},
 };
 
 }  // namespace

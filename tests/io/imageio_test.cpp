@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "kelpimage/io/tconvert.h"
 #include "kelpimage/io/timagereader.h"
 #include "kelpimage/io/timagewriter.h"
 #include "testutil.h"
@@ -437,6 +438,40 @@ TEST(ImageIO, SamplesConvertByOneRule) {
   EXPECT_EQ(clamped[0], 65535);
   EXPECT_EQ(clamped[1], 0);
   EXPECT_EQ(clamped[2], 32768);
+}
+
+}  // namespace
+
+namespace {
+
+// A conversion reads the next band while it writes the last: the file's
+// bytes are those of one thread reading and writing in turn.
+TEST(ImageIO, ConversionBytesAreTheSameAtAnyThreadCount) {
+  TempDir dir;
+  TimageSpec spec = specOf(3, true, TsampleType::kUint16);
+  spec.width = 700;
+  spec.height = 1700;  // several bands
+  std::vector<uint16_t> px(size_t(spec.width) * size_t(spec.height) * 4);
+  for (size_t i = 0; i < px.size(); ++i) px[i] = uint16_t((i * 2654435761u) >> 7);
+  ASSERT_TRUE(write(dir.file("in.tif"), spec, px.data(), TsampleType::kUint16));
+  for (const char* out : {"o.png", "o.iff", "o.tif", "o.exr", "o.sgi"}) {
+    SCOPED_TRACE(out);
+    std::string one = dir.file(std::string("1") + out), two = dir.file(std::string("2") + out), error;
+    TconvertOptions options;
+    options.threads = 1;
+    ASSERT_TRUE(TconvertImage(dir.file("in.tif"), one, options, error)) << error;
+    options.threads = 2;
+    ASSERT_TRUE(TconvertImage(dir.file("in.tif"), two, options, error)) << error;
+    EXPECT_EQ(readBytes(one), readBytes(two));
+  }
+  // A failure on either side stops both, and leaves nothing.
+  std::vector<uint8_t> whole = readBytes(dir.file("in.tif"));
+  whole.resize(whole.size() * 3 / 4);
+  writeBytes(dir.file("cut.tif"), whole);
+  std::string error;
+  EXPECT_FALSE(TconvertImage(dir.file("cut.tif"), dir.file("cut.png"), {}, error));
+  EXPECT_EQ(error.rfind(dir.file("cut.tif") + ": ", 0), 0u) << error;
+  EXPECT_FALSE(std::filesystem::exists(dir.file("cut.png")));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "kelpimage/io/backend.h"
+#include "kelpimage/io/bands.h"
 #include "kelpimage/io/resample.h"
 
 namespace {
@@ -83,7 +84,8 @@ class Conversion {
   }
 
   // Band by band, read in the sample type and association the file gets:
-  // one conversion, in the reader.
+  // one conversion, in the reader. The next band is read while the last is
+  // written, unless the caller asked for one thread.
   bool pump() {
     const TimageSpec& file = fWriter.spec();
     const TimageSpec& in = fReader.spec();
@@ -91,15 +93,26 @@ class Conversion {
     const Tassociation association = file.alpha ? file.association : Tassociation::kStraight;
     const size_t rowBytes = in.rowBytes(type);
     const int32_t band = int32_t(std::clamp<size_t>(kBandBytes / std::max<size_t>(rowBytes, 1), 1, size_t(in.height)));
-    std::vector<uint8_t> pixels(rowBytes * size_t(band));
-    std::vector<float> depth(file.depth ? size_t(in.width) * size_t(band) : 0);
-    float* z = depth.empty() ? nullptr : depth.data();
-    for (int32_t y = 0; y < in.height; y += band) {
-      int32_t end = std::min(in.height, y + band);
-      if (!fReader.readRows(y, end, pixels.data(), type, 0, association, z)) return fail(fReader.error());
-      if (!fWriter.writeRows(y, end, pixels.data(), type, 0, association, z)) return fail(fWriter.error());
+    std::vector<uint8_t> pixels[2];
+    std::vector<float> depth[2];
+    for (int slot = 0; slot < 2; ++slot) {
+      pixels[slot].resize(rowBytes * size_t(band));
+      depth[slot].resize(file.depth ? size_t(in.width) * size_t(band) : 0);
     }
-    return true;
+    auto z = [&](int slot) { return depth[slot].empty() ? nullptr : depth[slot].data(); };
+    std::string readError, writeError;
+    auto read = [&](int32_t y0, int32_t y1, int slot) {
+      if (fReader.readRows(y0, y1, pixels[slot].data(), type, 0, association, z(slot))) return true;
+      readError = fReader.error();
+      return false;
+    };
+    auto write = [&](int32_t y0, int32_t y1, int slot) {
+      if (fWriter.writeRows(y0, y1, pixels[slot].data(), type, 0, association, z(slot))) return true;
+      writeError = fWriter.error();
+      return false;
+    };
+    if (kelpio::runBands(in.height, band, fOptions.threads != 1, read, write)) return true;
+    return fail(!writeError.empty() ? writeError : readError);
   }
 
   bool pumpResized() {

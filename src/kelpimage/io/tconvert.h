@@ -27,6 +27,10 @@ struct KELP_API TconvertOptions {
   int32_t width = 0, height = 0;
   std::string filter;
   float blurX = 0.0f, blurY = 0.0f;
+  // 1: one thread reads and writes in turn; otherwise the next band is read
+  // on a second thread while the last is written. The file's bytes are the
+  // same either way.
+  int threads = 0;
 };
 
 // False, with "FILE: reason" naming the file that failed, when the
