@@ -3,3 +3,6 @@
 #pragma once
 
 #define KELP_API __attribute__((visibility("default")))
+// Marks a member of an exported class that only the library calls: it
+// stays inside.
+#define KELP_LOCAL __attribute__((visibility("hidden")))

@@ -3,6 +3,7 @@
 // beside files; association; frames; regions; options; damaged bytes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
@@ -462,7 +463,14 @@ TEST(ImageIO, ConversionBytesAreTheSameAtAnyThreadCount) {
     ASSERT_TRUE(TconvertImage(dir.file("in.tif"), one, options, error)) << error;
     options.threads = 2;
     ASSERT_TRUE(TconvertImage(dir.file("in.tif"), two, options, error)) << error;
-    EXPECT_EQ(readBytes(one), readBytes(two));
+    // IFF headers carry the time they were written: all else is the same.
+    auto undated = [](std::vector<uint8_t> bytes) {
+      static const uint8_t kDate[] = {'D', 'A', 'T', 'E'};
+      auto at = std::search(bytes.begin(), bytes.end(), std::begin(kDate), std::end(kDate));
+      if (at != bytes.end() && bytes.end() - at >= 32) std::fill(at + 8, at + 32, 0);
+      return bytes;
+    };
+    EXPECT_EQ(undated(readBytes(one)), undated(readBytes(two)));
   }
   // A failure on either side stops both, and leaves nothing.
   std::vector<uint8_t> whole = readBytes(dir.file("in.tif"));

@@ -1,7 +1,9 @@
 #!/bin/sh
-# The library exports exactly the names in the list, all under one version.
-# Usage: check-exports.sh LIBRARY LIST [--update]; --update rewrites the list
-# from the library, for a change of interface that is meant.
+# The library exports exactly the names in the list, all under one version,
+# and each of them is declared in a public header (listed, one a line, in
+# the file HEADERS when given).
+# Usage: check-exports.sh LIBRARY LIST [--update | HEADERS]; --update
+# rewrites the list from the library, for a change of interface that is meant.
 set -eu
 lib="$1"
 list="$2"
@@ -20,6 +22,10 @@ if [ "$update" = --update ]; then
   cp "$dir/actual" "$list"
   echo "exports: $list rewritten with $(wc -l < "$list") names"
   exit 0
+fi
+if [ -n "$update" ] && [ -f "$update" ]; then
+  # shellcheck disable=SC2046
+  python3 "$(dirname "$0")/public-names.py" "$dir/actual" $(cat "$update")
 fi
 LC_ALL=C sort -u "$list" > "$dir/expected"
 if ! diff -u "$dir/expected" "$dir/actual"; then

@@ -1,5 +1,7 @@
 #include "kelpimage/photoshop/tchannel.h"
 
+#include "kelpimage/photoshop/channelwork.h"
+
 #include <zlib.h>
 
 #include <algorithm>

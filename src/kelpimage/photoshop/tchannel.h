@@ -102,9 +102,9 @@ class KELP_API Tchannel {
   // bytes; the next rawPointer expands them again. takeRaw hands the
   // buffer over for another channel to reuse (lendBuffer), which saves the
   // system the work of a fresh one.
-  void releaseRaw();
-  TsampleBuffer takeRaw();
-  void lendBuffer(TsampleBuffer& buffer);
+  KELP_LOCAL void releaseRaw();
+  KELP_LOCAL TsampleBuffer takeRaw();
+  KELP_LOCAL void lendBuffer(TsampleBuffer& buffer);
   // True when the last expansion found the file bytes damaged.
   bool expandFailed() const { return fExpandFailed; }
   bool hasCompressed() const { return !fCompressed.empty(); }
@@ -128,24 +128,16 @@ class KELP_API Tchannel {
   TsampleBuffer fRaw;  // host-order samples, row after row; empty until made
 
  private:
-  bool expandRaw();
-  bool expandRLE();
-  bool expandZip(bool predict);
-  bool compressRLE(bool separate);
-  bool compressZip(bool predict);
+  KELP_LOCAL bool expandRaw();
+  KELP_LOCAL bool expandRLE();
+  KELP_LOCAL bool expandZip(bool predict);
+  KELP_LOCAL bool compressRLE(bool separate);
+  KELP_LOCAL bool compressZip(bool predict);
 
   bool fExpanded = false;  // fRaw holds the expansion of fCompressed
   bool fExpandFailed = false;
 };
 
-// Expands the channels on `threads` threads (0: one a core), the largest
-// first; a memory failure in any of them is thrown as std::bad_alloc once
-// all are done.
-KELP_API void expandInParallel(const std::vector<Tchannel*>& channels, unsigned threads = 0);
-// Packs the channels (their file form, row tables in front) the same way.
-KELP_API void compressInParallel(const std::vector<Tchannel*>& channels, unsigned threads = 0);
-// Threads to use for `threads` (0: one a core), at least 1 and at most 8.
-KELP_API unsigned threadsFor(unsigned threads);
 
 // PackBits, as the document's run-length rows have it. `packRow` writes at
 // most count + count / 64 + 2 bytes and returns how many it wrote.

@@ -1,5 +1,7 @@
 #include "kelpimage/photoshop/tpsdblender.h"
 
+#include "kelpimage/photoshop/channelwork.h"
+
 #include <algorithm>
 #include <array>
 #include <cmath>

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "kelpimage/photoshop/channelwork.h"
 #include "kelpimage/photoshop/psdguard.h"
 #include "kelpimage/photoshop/psdstream.h"
 #include "kelpimage/photoshop/tpsdfile.h"

@@ -166,7 +166,7 @@ class KELP_API TpsdFile : public TphotoshopFile {
   void applySetMask(uint32_t width, uint32_t height, TdataFormat format, TpsdLayer& layer, TpixelData16& canvas);
   // The indexes in fLayers of the set's head (the first of that name from
   // the top) and of its end; false when there is no such set.
-  bool findLayerSet(const Tstring& name, int& head, int& end) const;
+  KELP_LOCAL bool findLayerSet(const Tstring& name, int& head, int& end) const;
   // Whether the set named `name` shows anything: its head is not hidden and
   // it holds an ordinary layer that is not hidden, inside nested sets that
   // are not hidden.
@@ -268,20 +268,20 @@ class KELP_API TpsdFile : public TphotoshopFile {
  private:
   // Opens the file and reads header, colour mode data and resources.
   // False (with lastError) when the file cannot be opened or is refused.
-  bool openAndReadStart(TpsdStream& stream);
+  KELP_LOCAL bool openAndReadStart(TpsdStream& stream);
   // Header to global blocks; false when the document has no layer section.
-  bool walkLayers(TpsdStream& stream);
-  void readLayerSection(TpsdStream& stream, int64_t sectionEnd);
-  void readGlobalBlocks(TpsdStream& stream, int64_t end);
-  void readLayersAt(TpsdStream& stream, int64_t infoEnd);
-  void readResourceData(TpsdStream& stream, TpsdResource& resource, int64_t end);
-  void lendSpareBuffers(TpixelData16* pixels);
+  KELP_LOCAL bool walkLayers(TpsdStream& stream);
+  KELP_LOCAL void readLayerSection(TpsdStream& stream, int64_t sectionEnd);
+  KELP_LOCAL void readGlobalBlocks(TpsdStream& stream, int64_t end);
+  KELP_LOCAL void readLayersAt(TpsdStream& stream, int64_t infoEnd);
+  KELP_LOCAL void readResourceData(TpsdStream& stream, TpsdResource& resource, int64_t end);
+  KELP_LOCAL void lendSpareBuffers(TpixelData16* pixels);
   // Every channel of the flattened image, colour and alpha alike, expanded;
   // null (with lastError) when they cannot be read. Throws TpsdDamaged.
-  std::unique_ptr<TpixelData16> readAllImagePlanes();
+  KELP_LOCAL std::unique_ptr<TpixelData16> readAllImagePlanes();
   bool save(const TfilePath& path);
-  void ensureRead();
-  bool gatherForSaving();
+  KELP_LOCAL void ensureRead();
+  KELP_LOCAL bool gatherForSaving();
   void writeHeader(TpsdOut& out, uint32_t height, uint32_t width, uint16_t channels);
   void writeColorModeData(TpsdOut& out);
   void writeResources(TpsdOut& out);
@@ -290,21 +290,21 @@ class KELP_API TpsdFile : public TphotoshopFile {
   void writeRawImageData(TpsdOut& out, int channels);
   // Channel `id` of the flattened image, packed by `method` unless it is
   // packed already.
-  Tchannel* packedComposite(int id, int32_t method);
+  KELP_LOCAL Tchannel* packedComposite(int id, int32_t method);
   TpsdResource* resource(uint16_t id);
-  void resizeResource(TpsdResource& r, int64_t change);
+  KELP_LOCAL void resizeResource(TpsdResource& r, int64_t change);
   // Reads a layer's channels when not read yet, and expands them.
-  bool loadLayer(TpsdLayer& layer);
+  KELP_LOCAL bool loadLayer(TpsdLayer& layer);
   // Blends fLayers[first] up to fLayers[last - 1], nested sets included,
   // onto `current` (made when null).
-  bool compositeLayers(int first, int last, std::unique_ptr<TpixelData16>& current);
-  void seekToImageData(TpsdStream& stream);
+  KELP_LOCAL bool compositeLayers(int first, int last, std::unique_ptr<TpixelData16>& current);
+  KELP_LOCAL void seekToImageData(TpsdStream& stream);
   // Runs `op` with every failure of a read turned into `failed`, the reason
   // kept and memory failures warned of.
   template <class Op, class R>
   R guarded(Op&& op, R failed);
   void fail(const Tstring& reason);
-  bool readRawPlane(TpsdStream& stream, PHOTOSHOP_CHANNEL id, uint64_t plane);
+  KELP_LOCAL bool readRawPlane(TpsdStream& stream, PHOTOSHOP_CHANNEL id, uint64_t plane);
 
   unsigned fThreads = 0;
   bool fCreated = false;  // made by create, not read from a file

@@ -6,6 +6,7 @@
 
 #include "kelpimage/photoshop/tchannel.h"
 #include "kelpimage/photoshop/tpsdfile.h"
+#include "kelpimage/photoshop/channelwork.h"
 
 namespace zkPhotoshop {
 

@@ -5,6 +5,7 @@
 
 #include "kelpimage/photoshop/psdstream.h"
 #include "kelpimage/photoshop/tpsdwarning.h"
+#include "kelpimage/photoshop/channelwork.h"
 
 namespace zkPhotoshop {
 

@@ -68,20 +68,20 @@ class KELP_API TpsdLayer {
 
   // Expands every channel read, on `threads` threads (0: one a core);
   // false when one of them is damaged.
-  bool expandChannels(unsigned threads = 0);
+  KELP_LOCAL bool expandChannels(unsigned threads = 0);
   // Gives back the expanded samples; the file bytes stay.
-  void releaseRaw();
+  KELP_LOCAL void releaseRaw();
   // This layer's pixels at its place on a canvas of width x height; what
   // lies outside falls away.
   void copyToCanvas(uint32_t width, uint32_t height, TpixelData16& canvas);
   // A layer without a transparency channel is opaque over its rectangle:
   // the canvas's transparency there is made full.
-  void makeOpaqueWithoutTransparency(uint32_t width, uint32_t height, TpixelData16& canvas) const;
+  KELP_LOCAL void makeOpaqueWithoutTransparency(uint32_t width, uint32_t height, TpixelData16& canvas) const;
   // Channel -2, the mask, at its place on a canvas of width x height.
   void copyMaskToCanvas(uint32_t width, uint32_t height, TpixelData16& canvas) const;
   // ANDs the canvas's transparency with the mask (its default colour
   // outside its rectangle), unless the mask is disabled or absent.
-  void applyMask(uint32_t width, uint32_t height, TdataFormat format, TpixelData16& canvas) const;
+  KELP_LOCAL void applyMask(uint32_t width, uint32_t height, TdataFormat format, TpixelData16& canvas) const;
   // The rectangle clamped to a document of width x height.
   TlRect clamped(const TlRect& r, uint32_t width, uint32_t height) const;
 
@@ -121,9 +121,9 @@ class KELP_API TpsdLayer {
   uint8_t fOpacity = 0;
 
  private:
-  void readMask(TpsdStream& stream, int64_t end);
-  void readRanges(TpsdStream& stream, int64_t end);
-  void readBlocks(TpsdStream& stream, int64_t end, std::vector<uint32_t>& warnings);
+  KELP_LOCAL void readMask(TpsdStream& stream, int64_t end);
+  KELP_LOCAL void readRanges(TpsdStream& stream, int64_t end);
+  KELP_LOCAL void readBlocks(TpsdStream& stream, int64_t end, std::vector<uint32_t>& warnings);
 };
 
 // Layers in file order, the bottom one first.

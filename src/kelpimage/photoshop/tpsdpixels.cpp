@@ -3,6 +3,7 @@
 // The bytes are kept as the file has them and expanded on demand.
 #include <algorithm>
 
+#include "kelpimage/photoshop/channelwork.h"
 #include "kelpimage/photoshop/psdguard.h"
 #include "kelpimage/photoshop/psdstream.h"
 #include "kelpimage/photoshop/tpsdfile.h"
