@@ -290,8 +290,9 @@ bool headerName(PxfStream* in, int most, std::string& name) {
 }
 
 // Walks the headers' attributes before OpenEXR reads them: a size that
-// claims more bytes than the file holds is damage, refused before anything
-// is made for it (OpenEXR would allocate what the size says).
+// claims more bytes than the file holds, or a name longer than the file's
+// version allows, is damage, refused before anything is made for it
+// (OpenEXR would allocate what the size says).
 bool headersFit(PxfStream* in, char* error, size_t size) {
   const int64_t total = in->size(in->user);
   if (total < 0) return true;  // a stream of unknown length: OpenEXR's checks alone
@@ -303,10 +304,12 @@ bool headersFit(PxfStream* in, char* error, size_t size) {
   for (;;) {
     std::string name, type;
     for (;;) {
-      if (!headerName(in, most, name)) return in->seek(in->user, 0) == 0;
-      if (name.empty()) break;
       uint8_t b[4];
-      if (!headerName(in, most, type) || in->read(in->user, b, 4) != 4) return in->seek(in->user, 0) == 0;
+      if (!headerName(in, most, name) || (!name.empty() && (!headerName(in, most, type) || in->read(in->user, b, 4) != 4))) {
+        pxfplugin::fail(error, size, "the header is damaged: a name runs past %d characters or past the file's end", most);
+        return false;
+      }
+      if (name.empty()) break;
       int64_t length = int32_t(uint32_t(b[0]) | uint32_t(b[1]) << 8 | uint32_t(b[2]) << 16 | uint32_t(b[3]) << 24);
       int64_t at = in->tell(in->user);
       if (length < 0 || at + length > total) {
