@@ -36,6 +36,7 @@
 #include <vector>
 
 #include "kelpimage/plugin/pxf.h"
+#include "exrheader.h"
 #include "plugin_util.h"
 
 using pxfplugin::fail;
@@ -277,61 +278,10 @@ bool sampledFully(const Imf::Header& h, std::string& why) {
   return true;
 }
 
-// A name of the header: up to `most` bytes and a null; false at the end of
-// the bytes or past `most`.
-bool headerName(PxfStream* in, int most, std::string& name) {
-  name.clear();
-  for (char c = 0;;) {
-    if (in->read(in->user, &c, 1) != 1) return false;
-    if (c == '\0') return true;
-    if (int(name.size()) >= most) return false;
-    name += c;
-  }
-}
-
-// Walks the headers' attributes before OpenEXR reads them: a size that
-// claims more bytes than the file holds, or a name longer than the file's
-// version allows, is damage, refused before anything is made for it
-// (OpenEXR would allocate what the size says).
-bool headersFit(PxfStream* in, char* error, size_t size) {
-  const int64_t total = in->size(in->user);
-  if (total < 0) return true;  // a stream of unknown length: OpenEXR's checks alone
-  uint8_t head[8];
-  if (in->seek(in->user, 0) != 0 || in->read(in->user, head, 8) != 8) return true;  // OpenEXR says what is wrong
-  const uint32_t flags = uint32_t(head[5]) | uint32_t(head[6]) << 8 | uint32_t(head[7]) << 16;
-  const int most = (flags & 0x4) ? 255 : 31;  // long names
-  const bool parts = flags & 0x10;            // several parts: headers until an empty one
-  for (;;) {
-    std::string name, type;
-    for (;;) {
-      uint8_t b[4];
-      if (!headerName(in, most, name) || (!name.empty() && (!headerName(in, most, type) || in->read(in->user, b, 4) != 4))) {
-        pxfplugin::fail(error, size, "the header is damaged: a name runs past %d characters or past the file's end", most);
-        return false;
-      }
-      if (name.empty()) break;
-      int64_t length = int32_t(uint32_t(b[0]) | uint32_t(b[1]) << 8 | uint32_t(b[2]) << 16 | uint32_t(b[3]) << 24);
-      int64_t at = in->tell(in->user);
-      if (length < 0 || at + length > total) {
-        pxfplugin::fail(error, size, "the header's attribute \"%s\" claims %lld bytes, more than the file holds",
-                        name.c_str(), (long long)length);
-        return false;
-      }
-      if (in->seek(in->user, at + length) != 0) return in->seek(in->user, 0) == 0;
-    }
-    if (!parts) break;
-    // The list of parts' headers ends with an empty one.
-    int64_t at = in->tell(in->user);
-    char next = 0;
-    if (in->read(in->user, &next, 1) != 1 || next == '\0' || in->seek(in->user, at) != 0) break;
-  }
-  return in->seek(in->user, 0) == 0;
-}
-
 // Opens the stream's first part with colour; 0, or -1 with the reason.
 int openReader(PxfStream* in, Reader& r, PxfImageData* image, char* error, size_t size) {
   startThreads();
-  if (!headersFit(in, error, size)) return -1;
+  if (!exrplugin::headersFit(in, error, size)) return -1;
   r.stream = std::make_unique<InStream>(in);
   r.file = std::make_unique<Imf::MultiPartInputFile>(*r.stream);
   int part = colourPart(*r.file);
