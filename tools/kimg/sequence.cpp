@@ -9,9 +9,9 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
-#include <thread>
 
 #include "commands.h"
+#include "kelpimage/base/tparallel.h"
 #include "kelpimage/io/tformatcatalogue.h"
 #include "kelpimage/naming/tframepattern.h"
 #include "util.h"
@@ -77,31 +77,23 @@ int convertSequence(const ConvertOptions& o, const SequenceOptions& s) {
   FrameConverter run;
   if (int status = prepareConvert(o, run)) return status;
   TformatCatalogue::formats();  // the plug-ins found once, before the threads
-  size_t threads = s.threads > 0 ? size_t(s.threads) : std::max(1u, std::thread::hardware_concurrency());
-  threads = std::min(threads, frames.size());
-
   Progress progress(frames.size(), !s.quiet);
-  std::atomic<size_t> next{0};
   std::atomic<bool> stop{false};
   std::mutex badLock;
   std::vector<long> bad;
-  auto work = [&] {
-    for (size_t i; !stop.load() && (i = next.fetch_add(1)) < frames.size();) {
-      std::string from = in.name(frames[i]), to = out.name(frames[i]);
-      takeReport("");  // what earlier frames of this thread left unsaid is not this frame's
-      if (run(from, to) != 0) {
-        std::lock_guard<std::mutex> hold(badLock);
-        bad.push_back(frames[i]);
-        if (!s.skipBad) stop = true;
-        continue;
-      }
-      progress.done(from, to, s.verbose);
+  // A frame a piece of the library's parallel loop, on --threads threads (0: a core each).
+  TparallelFor(frames.size(), unsigned(std::max(s.threads, 0)), [&](size_t i) {
+    if (stop) return;
+    std::string from = in.name(frames[i]), to = out.name(frames[i]);
+    takeReport("");  // what earlier frames of this thread left unsaid is not this frame's
+    if (run(from, to) != 0) {
+      std::lock_guard<std::mutex> hold(badLock);
+      bad.push_back(frames[i]);
+      if (!s.skipBad) stop = true;
+      return;
     }
-  };
-  std::vector<std::thread> pool;
-  for (size_t t = 1; t < threads; ++t) pool.emplace_back(work);
-  work();
-  for (std::thread& t : pool) t.join();
+    progress.done(from, to, s.verbose);
+  });
   progress.end();
   if (bad.empty()) return 0;
   std::sort(bad.begin(), bad.end());

@@ -144,6 +144,105 @@ struct ClosesImage {
 ConversionOutput& conversionOutput(const std::string& target);
 bool openOutputFrame(const std::string& target, ConversionOutput& out, PxfFileInfo& info);
 
+// What an IFF picture becomes in a plug-in's format: the record the plug-in
+// is handed, how its lines are spread into channels, and their order.
+struct OutPlan {
+  PxfImageData image;
+  Spread spread{};
+  int32_t width = 0, height = 0, bytes = 1;
+  bool topdown = false, invert = false;
+};
+
+// Channels, sample bits, depth and orientation for `format`; false after a report.
+bool planOutput(ILimage* in, const PxfFormat* format, const std::string& input, const std::string& output,
+                const char* key, OutPlan& plan) {
+  int32_t num = 1, den = 1;
+  ILgetsize(in, &plan.width, &plan.height);
+  ILgetratio(in, &num, &den);
+  PxfImageData& image = plan.image;
+  image.aspectRatio = 1.0f;
+  if (num != den && den != 0 && plan.height != 0) image.aspectRatio = float(den * plan.width) / float(num * plan.height);
+  image.aspectWidth = plan.width;
+  image.aspectHeight = plan.height;
+  image.dpi = in->dpi >= 1.0f ? in->dpi : 0.0f;
+  // IFF's ratio num:den is a pixel's height to its width; renderers write
+  // premultiplied colour.
+  if (num > 0 && den > 0) image.pixelAspect = float(den) / float(num);
+  image.association = PXF_PREMULTIPLIED;
+  plan.bytes = ILgetbpp(in);
+  if (plan.bytes != 1 && plan.bytes != 2) report(input + ": " + std::to_string(plan.bytes) + " bytes a channel are read as 1");
+  if (plan.bytes == 2) ILctrl(in, ILC_DEEP, 1);
+  int32_t bits = outputBits(format, plan.bytes * 8);
+  if (bits == 0) return report(output + ": the " + key + " plug-in writes no sample size"), false;
+  const unsigned type = unsigned(ILgettype(in));
+  const int colors = (type & ILT_COLOR) ? 3 : (type & ILT_BLACK) ? 1 : 0;
+  bool depth = type & ILT_DEPTH;
+  if (depth && format->depth == 0) {
+    report(output + ": the " + key + " format holds no depth: it is left out");
+    depth = false;
+  }
+  const bool floatDepth = format->flags & PXF_FLOAT_DEPTH;
+  if (depth && !floatDepth && !(format->depthWidths & 0xC0000000u)) {
+    report(output + ": the " + key + " format holds no depth as integers: it is left out");
+    depth = false;
+  }
+  const bool matte = (type & ILT_ALPHA) && format->matte != 0;
+  image.windowLeft = image.window2[0] = 0;
+  image.windowRight = image.window2[1] = plan.width - 1;
+  image.windowBottom = image.window2[2] = 0;
+  image.windowTop = image.window2[3] = plan.height - 1;
+  image.dataKind = FMT_def_image_data();
+  image.colorChannels = colors;
+  image.colorBits = image.matteBits = bits;
+  image.matteChannels = matte ? 1 : 0;
+  image.depthChannels = depth ? 1 : 0;
+  image.depthBits = floatDepth ? 32 : 31;
+  image.depthKind = floatDepth ? PXF_FLOAT : PXF_INTEGER;
+  image.indexChannels = 0;
+  image.indexBits = 16;
+  plan.topdown = (in->ictl & ILC_TOPDOWN) != 0;
+  const int32_t wanted = plan.topdown ? PXF_TOP_DOWN : PXF_BOTTOM_UP;
+  plan.invert = !(format->orientations & uint32_t(wanted));
+  image.orientation = plan.invert ? (wanted == PXF_TOP_DOWN ? PXF_BOTTOM_UP : PXF_TOP_DOWN) : wanted;
+  const int32_t outBytes = bits <= 8 ? 1 : ((bits - 9) >> 3) + 2;
+  plan.spread = Spread{plan.bytes == 2 ? 2 : 1, plan.bytes == 2 ? 16 : 8, bits, outBytes, colors, matte, depth,
+                       floatDepth, false, 0.0f, 0.0f};
+  return true;
+}
+
+// Every line of the picture into the plug-in; 0, or -1 after a report.
+int writeLines(ILimage* in, ConversionOutput& record, OutPlan& plan, PxfChannels* channels, const std::string& input,
+               const std::string& output, const char* key) {
+  Spread& spread = plan.spread;
+  // Integer depth is scaled by the clipping range stored after the pixels,
+  // so it needs the whole picture read first; float depth goes line by line.
+  const bool whole = plan.invert || (spread.depth && !spread.floatDepth);
+  const size_t lineBytes = size_t(plan.width) * size_t(plan.bytes == 2 ? 2 : 1) * 4;
+  std::vector<uint8_t> pixels(lineBytes * (whole ? size_t(plan.height) : 1));
+  std::vector<float> zs(spread.depth ? size_t(plan.width) * (whole ? size_t(plan.height) : 1) : 0);
+  if (whole) {
+    if (ILload(in, pixels.data(), spread.depth ? zs.data() : nullptr) != 0)
+      return report(input + ": " + FLstrerror(flerrno)), -1;
+    if (spread.depth && !spread.floatDepth) spread.clip = readClipRange(in, spread.low, spread.high);
+  }
+  for (int32_t i = 0; i < plan.height; ++i) {
+    const int32_t row = plan.invert ? plan.height - 1 - i : i;
+    const uint8_t* line = pixels.data();
+    const float* z = spread.depth ? zs.data() : nullptr;
+    if (whole) {
+      line += size_t(row) * lineBytes;
+      if (spread.depth) z = zs.data() + size_t(row) * size_t(plan.width);
+    } else if (int code = ILreadline(in, pixels.data(), spread.depth ? zs.data() : nullptr)) {
+      return report(input + ": " + FLstrerror(code)), -1;
+    }
+    spreadLine(spread, line, z, channels->buffers, plan.width);
+    int written = PXF_scan_write(record.handle, plan.topdown ? plan.height - row - 1 : row, channels);
+    if (written == PXF_ENOSCAN) return report(output + ": the " + key + " plug-in cannot write by lines"), -1;
+    if (written != 0) return report(withReason(output + ": cannot be written")), -1;
+  }
+  return 0;
+}
+
 int convertOut(const char* input, const char* output, const char* key) {
   ILimage* in = ILopen(input, "r");
   ClosesImage closes{in};
@@ -165,64 +264,8 @@ int convertOut(const char* input, const char* output, const char* key) {
       for (PxfCapSetting* p : s) delete[] p;
     }
   } settingsGuard{settings};
-
-  int32_t width = 0, height = 0, num = 1, den = 1;
-  ILgetsize(in, &width, &height);
-  ILgetratio(in, &num, &den);
-  PxfImageData image;
-  image.aspectRatio = 1.0f;
-  if (num != den && den != 0 && height != 0) image.aspectRatio = float(den * width) / float(num * height);
-  image.aspectWidth = width;
-  image.aspectHeight = height;
-  image.dpi = in->dpi >= 1.0f ? in->dpi : 0.0f;
-  // IFF's ratio num:den is a pixel's height to its width; renderers write
-  // premultiplied colour.
-  if (num > 0 && den > 0) image.pixelAspect = float(den) / float(num);
-  image.association = PXF_PREMULTIPLIED;
-
-  int32_t bytes = ILgetbpp(in);
-  if (bytes != 1 && bytes != 2)
-    report(std::string(input) + ": " + std::to_string(bytes) + " bytes a channel are read as 1");
-  if (bytes == 2) ILctrl(in, ILC_DEEP, 1);
-  int32_t bits = outputBits(format, bytes * 8);
-  if (bits == 0) {
-    report(std::string(output) + ": the " + key + " plug-in writes no sample size");
-    return -1;
-  }
-  int32_t outBytes = bits <= 8 ? 1 : ((bits - 9) >> 3) + 2;
-
-  unsigned type = unsigned(ILgettype(in));
-  int colors = (type & ILT_COLOR) ? 3 : (type & ILT_BLACK) ? 1 : 0;
-  bool depth = type & ILT_DEPTH;
-  if (depth && format->depth == 0) {
-    report(std::string(output) + ": the " + key + " format holds no depth: it is left out");
-    depth = false;
-  }
-  bool floatDepth = format->flags & PXF_FLOAT_DEPTH;
-  if (depth && !floatDepth && !(format->depthWidths & 0xC0000000u)) {
-    report(std::string(output) + ": the " + key + " format holds no depth as integers: it is left out");
-    depth = false;
-  }
-  bool matte = (type & ILT_ALPHA) && format->matte != 0;
-  image.windowLeft = image.window2[0] = 0;
-  image.windowRight = image.window2[1] = width - 1;
-  image.windowBottom = image.window2[2] = 0;
-  image.windowTop = image.window2[3] = height - 1;
-  image.dataKind = FMT_def_image_data();
-  image.colorChannels = colors;
-  image.colorBits = image.matteBits = bits;
-  image.matteChannels = matte ? 1 : 0;
-  image.depthChannels = depth ? 1 : 0;
-  image.depthBits = floatDepth ? 32 : 31;
-  image.depthKind = floatDepth ? PXF_FLOAT : PXF_INTEGER;
-  image.indexChannels = 0;
-  image.indexBits = 16;
-
-  bool topdown = (in->ictl & ILC_TOPDOWN) != 0;
-  int32_t wanted = topdown ? PXF_TOP_DOWN : PXF_BOTTOM_UP;
-  bool invert = !(format->orientations & uint32_t(wanted));
-  image.orientation = invert ? (wanted == PXF_TOP_DOWN ? PXF_BOTTOM_UP : PXF_TOP_DOWN) : wanted;
-
+  OutPlan plan;
+  if (!planOutput(in, format, input, output, key, plan)) return -1;
   std::string extension = output;
   if (size_t dot = extension.rfind('.'); dot != std::string::npos) extension = extension.substr(dot);
   PxfFileInfo info;
@@ -230,63 +273,19 @@ int convertOut(const char* input, const char* output, const char* key) {
   info.key = key;
   info.extension = extension.c_str();
   info.settings = settings.data();
-  info.image = &image;
+  info.image = &plan.image;
   bool adding = record.handle != nullptr;
   if (!openOutputFrame(output, record, info)) {
     report(withReason(std::string(output) + (adding ? ": a frame cannot be added" : ": cannot be written")));
     return -1;
   }
   PxfImageData& opened = *record.handle->image;
-  image.colorChannels = std::max(image.colorChannels, opened.colorChannels);
-  image.matteChannels = std::max(image.matteChannels, opened.matteChannels);
-  image.depthChannels = std::max(image.depthChannels, opened.depthChannels);
-
-  PxfChannels* channels = PXF_chan_alloc(&image, width, key, nullptr);
-  if (!channels) {
-    report("out of memory");
-    abandonOutput(record);
-    return -1;
-  }
-  // Integer depth is scaled by the clipping range stored after the pixels,
-  // so it needs the whole picture read first; float depth goes line by line.
-  bool whole = invert || (depth && !floatDepth);
-  size_t lineBytes = size_t(width) * size_t(bytes == 2 ? 2 : 1) * 4;
-  std::vector<uint8_t> pixels(lineBytes * (whole ? height : 1));
-  std::vector<float> zs(depth ? size_t(width) * (whole ? height : 1) : 0);
-  Spread spread{bytes == 2 ? 2 : 1, bytes == 2 ? 16 : 8, bits, outBytes, colors, matte, depth, floatDepth,
-                false, 0.0f, 0.0f};
-  spread.colors = std::min(colors, image.colorChannels);
-  int rc = 0;
-  if (whole) {
-    if (ILload(in, pixels.data(), depth ? zs.data() : nullptr) != 0) {
-      report(std::string(input) + ": " + FLstrerror(flerrno));
-      rc = -1;
-    } else if (depth && !floatDepth) {
-      spread.clip = readClipRange(in, spread.low, spread.high);
-    }
-  }
-  for (int32_t i = 0; i < height && rc == 0; ++i) {
-    int32_t row = invert ? height - 1 - i : i;
-    const uint8_t* line = pixels.data();
-    const float* z = depth ? zs.data() : nullptr;
-    if (whole) {
-      line += size_t(row) * lineBytes;
-      if (depth) z = zs.data() + size_t(row) * width;
-    } else if (int code = ILreadline(in, pixels.data(), depth ? zs.data() : nullptr)) {
-      report(std::string(input) + ": " + FLstrerror(code));
-      rc = -1;
-      break;
-    }
-    spreadLine(spread, line, z, channels->buffers, width);
-    int written = PXF_scan_write(record.handle, topdown ? height - row - 1 : row, channels);
-    if (written == PXF_ENOSCAN) {
-      report(std::string(output) + ": the " + key + " plug-in cannot write by lines");
-      rc = -1;
-    } else if (written != 0) {
-      report(withReason(std::string(output) + ": cannot be written"));
-      rc = -1;
-    }
-  }
+  plan.image.colorChannels = std::max(plan.image.colorChannels, opened.colorChannels);
+  plan.image.matteChannels = std::max(plan.image.matteChannels, opened.matteChannels);
+  plan.image.depthChannels = std::max(plan.image.depthChannels, opened.depthChannels);
+  plan.spread.colors = std::min(plan.spread.colors, plan.image.colorChannels);
+  PxfChannels* channels = PXF_chan_alloc(&plan.image, plan.width, key, nullptr);
+  int rc = channels ? writeLines(in, record, plan, channels, input, output, key) : (report("out of memory"), -1);
   PXF_chan_free(channels);
   if (rc != 0) {
     abandonOutput(record);

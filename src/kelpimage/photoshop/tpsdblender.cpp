@@ -1,12 +1,12 @@
 #include "kelpimage/photoshop/tpsdblender.h"
 
+#include "kelpimage/base/tparallel.h"
 #include "kelpimage/photoshop/channelwork.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstring>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -263,12 +263,10 @@ void TpsdBlender::blend(TpixelData16& source, TpixelData16& canvas, uint32_t key
   // Pixels are independent: bands of rows go to threads where that pays.
   int64_t area = (y1 - y0) * (x1 - x0);
   unsigned threads = area < (1 << 18) ? 1 : fThreads;
-  std::vector<std::thread> pool;
   int64_t height = y1 - y0;
-  for (unsigned t = 1; t < threads; ++t)
-    pool.emplace_back(band, y0 + height * t / threads, y0 + height * (t + 1) / threads);
-  band(y0, y0 + height / threads);
-  for (std::thread& t : pool) t.join();
+  TparallelFor(threads, threads, [&](size_t t) {
+    band(y0 + height * int64_t(t) / threads, y0 + height * int64_t(t + 1) / threads);
+  });
 }
 
 }  // namespace zkPhotoshop

@@ -19,6 +19,7 @@ namespace zkPhotoshop {
 
 class TpsdStream;
 class TpsdOut;
+struct TpsdLayerSection;
 struct Buffer;
 
 class KELP_API TphotoshopFile {
@@ -280,6 +281,9 @@ class KELP_API TpsdFile : public TphotoshopFile {
   // null (with lastError) when they cannot be read. Throws TpsdDamaged.
   KELP_LOCAL std::unique_ptr<TpixelData16> readAllImagePlanes();
   bool save(const TfilePath& path);
+  KELP_LOCAL void collectLayers(TpsdLayerSection& section);
+  KELP_LOCAL void planLayerSection(TpsdLayerSection& section);
+  KELP_LOCAL void writeLayerSection(TpsdOut& o, const TpsdLayerSection& section);
   KELP_LOCAL void ensureRead();
   KELP_LOCAL bool gatherForSaving();
   void writeHeader(TpsdOut& out, uint32_t height, uint32_t width, uint16_t channels);

@@ -152,26 +152,31 @@ bool TpsdFile::savePsdFile(const TfilePath& path) {
   return guarded([&] { return save(path); }, false);
 }
 
-bool TpsdFile::save(const TfilePath& path) {
-  if (!fSaveNeeded && !fEditMode) return true;
-  if (!gatherForSaving()) return false;
-  Tstring target = fEditMode ? path.fullName() : fPath.fullName();
-  // Layers as they will go out: channel lengths and extra data sizes from
-  // the bytes themselves.
+// The layer and mask section as it goes out: the live layers' records,
+// channel bytes and extra data, and the lengths in front of them.
+struct TpsdLayerSection {
   std::vector<TpsdLayer*> live;
-  std::vector<Buffer> extras;
+  std::vector<Buffer> extras, records;
   std::vector<std::vector<Payload>> payloads;
-  auto collect = [&] {
-    live.clear(), extras.clear(), payloads.clear();
-    for (const auto& layer : fLayers) {
-      if (layer->fState == 2) continue;
-      live.push_back(layer.get());
-      payloads.push_back(payloadsOf(*layer));
-      extras.push_back(extraOf(*layer));
-      layer->fExtraSize = uint32_t(extras.back().b.size());
-    }
-  };
-  collect();
+  uint64_t info = 0, infoLength = 0, blocks = 0, sectionLength = 0;
+  uint32_t lr16Pad = 0;
+};
+
+// Layers as they will go out: channel lengths and extra data sizes from the
+// bytes themselves.
+void TpsdFile::collectLayers(TpsdLayerSection& s) {
+  s.live.clear(), s.extras.clear(), s.payloads.clear();
+  for (const auto& layer : fLayers) {
+    if (layer->fState == 2) continue;
+    s.live.push_back(layer.get());
+    s.payloads.push_back(payloadsOf(*layer));
+    s.extras.push_back(extraOf(*layer));
+    layer->fExtraSize = uint32_t(s.extras.back().b.size());
+  }
+}
+
+void TpsdFile::planLayerSection(TpsdLayerSection& s) {
+  collectLayers(s);
   if (fEditMode) recomputeLayerSize();
   if (fEditMode || fLayers.empty()) {
     fCompositeAdded = fBackgroundAdded = true;
@@ -183,43 +188,85 @@ bool TpsdFile::save(const TfilePath& path) {
   }
   size_t before = fLayers.size();
   addBackGroundLayerInfo(nullptr, nullptr);
-  if (fLayers.size() != before) collect();  // the background layer was added
-
+  if (fLayers.size() != before) collectLayers(s);  // the background layer was added
   // The layer info: count, records, channel bytes.
-  uint64_t info = live.empty() ? 0 : 2;
-  std::vector<Buffer> records;
-  for (size_t i = 0; i < live.size(); ++i) {
-    TpsdLayer& l = *live[i];
+  s.info = s.live.empty() ? 0 : 2;
+  for (size_t i = 0; i < s.live.size(); ++i) {
+    TpsdLayer& l = *s.live[i];
     Buffer r;
     putRect(r, l.fRect);
     r.u16(uint32_t(l.fChannels.size()));
     for (const TpsdChannelInfo& c : l.fChannels) r.u16(uint16_t(c.id)), r.u32(c.length);
     r.u32(l.fSignature ? l.fSignature : fourCC("8BIM")), r.u32(l.fBlendKey);
     r.u8(l.fOpacity), r.u8(l.fClipping), r.u8(l.fFlags), r.u8(l.fFiller);
-    r.u32(uint32_t(extras[i].b.size()));
-    r.raw(extras[i].b.data(), extras[i].b.size());
-    info += r.b.size();
-    for (const Payload& p : payloads[i]) info += 2 + p.size;
-    records.push_back(std::move(r));
+    r.u32(uint32_t(s.extras[i].b.size()));
+    r.raw(s.extras[i].b.data(), s.extras[i].b.size());
+    s.info += r.b.size();
+    for (const Payload& p : s.payloads[i]) s.info += 2 + p.size;
+    s.records.push_back(std::move(r));
   }
   // The lengths the document keeps, unless its content needs more: then
   // the content's own, so that the file is always whole.
-  uint64_t infoLength = std::max<uint64_t>(fLayerInfoSize, info);
-  if (fDepth != 16 && infoLength % 2) ++infoLength;
-  uint32_t lr16Pad = fLr16Pad ? fLr16Pad : 4 - uint32_t(infoLength % 4);
-  uint64_t blocks = 0;
+  s.infoLength = std::max<uint64_t>(fLayerInfoSize, s.info);
+  if (fDepth != 16 && s.infoLength % 2) ++s.infoLength;
+  s.lr16Pad = fLr16Pad ? fLr16Pad : 4 - uint32_t(s.infoLength % 4);
   for (const TpsdBlock& b : fGlobalBlocks) {
     uint32_t pad = b.pad || fDepth != 16 || !b.length ? b.pad : 4 - b.length % 4;
-    blocks += 12 + b.length + pad;
+    s.blocks += 12 + b.length + pad;
   }
-  uint64_t section = fDepth == 16 ? 4 + 4 + fGlobalMask.size() + 12 + infoLength + lr16Pad
-                                  : 4 + infoLength + 4 + fGlobalMask.size();
-  section += blocks + fSectionTail.size();
-  uint64_t sectionLength = std::max<uint64_t>(uint64_t(std::max(fLayerMaskSize, 0)), section);
-  if (infoLength > UINT32_MAX || sectionLength > UINT32_MAX) damaged("the layers are too large for the format");
-  fLayerInfoSize = uint32_t(infoLength);
-  fLayerMaskSize = int32_t(sectionLength);
+  uint64_t section = fDepth == 16 ? 4 + 4 + fGlobalMask.size() + 12 + s.infoLength + s.lr16Pad
+                                  : 4 + s.infoLength + 4 + fGlobalMask.size();
+  section += s.blocks + fSectionTail.size();
+  s.sectionLength = std::max<uint64_t>(uint64_t(std::max(fLayerMaskSize, 0)), section);
+  if (s.infoLength > UINT32_MAX || s.sectionLength > UINT32_MAX) damaged("the layers are too large for the format");
+  fLayerInfoSize = uint32_t(s.infoLength);
+  fLayerMaskSize = int32_t(s.sectionLength);
+}
 
+void TpsdFile::writeLayerSection(TpsdOut& o, const TpsdLayerSection& s) {
+  o.u32(uint32_t(s.sectionLength));
+  uint64_t written = 0;
+  auto writeInfo = [&] {
+    if (s.live.empty()) return;
+    // A negative count says the flattened image's first extra channel is its transparency.
+    o.u16(fMergedTransparency ? uint32_t(uint16_t(-int32_t(s.live.size()))) : uint32_t(s.live.size()));
+    for (const Buffer& r : s.records) o.bytes(r.b.data(), r.b.size());
+    for (const auto& list : s.payloads)
+      for (const Payload& p : list) o.u16(p.compression), o.bytes(p.data, p.size);
+    o.zeros(s.infoLength - s.info);
+  };
+  if (fDepth == 16) {
+    o.u32(0);
+    o.u32(uint32_t(fGlobalMask.size()));
+    o.bytes(fGlobalMask, fGlobalMask.size());
+    o.u32(fourCC("8BIM")), o.u32(fourCC("Lr16")), o.u32(uint32_t(s.infoLength));
+    writeInfo();
+    o.zeros(s.lr16Pad);
+    written = 4 + 4 + fGlobalMask.size() + 12 + s.infoLength + s.lr16Pad;
+  } else {
+    o.u32(uint32_t(s.infoLength));
+    writeInfo();
+    o.u32(uint32_t(fGlobalMask.size()));
+    o.bytes(fGlobalMask, fGlobalMask.size());
+    written = 4 + s.infoLength + 4 + fGlobalMask.size();
+  }
+  for (const TpsdBlock& b : fGlobalBlocks) {
+    uint32_t pad = b.pad || fDepth != 16 || !b.length ? b.pad : 4 - b.length % 4;
+    o.u32(b.signature), o.u32(b.key), o.u32(b.length);
+    o.bytes(b.data, b.length);
+    o.zeros(pad);
+  }
+  o.bytes(fSectionTail, fSectionTail.size());
+  written += s.blocks + fSectionTail.size();
+  o.zeros(s.sectionLength - written);
+}
+
+bool TpsdFile::save(const TfilePath& path) {
+  if (!fSaveNeeded && !fEditMode) return true;
+  if (!gatherForSaving()) return false;
+  Tstring target = fEditMode ? path.fullName() : fPath.fullName();
+  TpsdLayerSection section;
+  planLayerSection(section);
   // Written where no part of it shows, put in place when whole.
   TatomicFile file(target.str());
   std::FILE* f = file.isOpen() ? fdopen(::dup(file.fd()), "wb") : nullptr;
@@ -231,41 +278,7 @@ bool TpsdFile::save(const TfilePath& path) {
   writeHeader(o, fImageHeight, fImageWidth, fChannelCount);
   writeColorModeData(o);
   writeResources(o);
-  o.u32(uint32_t(sectionLength));
-  uint64_t written = 0;
-  auto writeInfo = [&] {
-    if (live.empty()) return;
-    // A negative count says the flattened image's first extra channel is its transparency.
-    o.u16(fMergedTransparency ? uint32_t(uint16_t(-int32_t(live.size()))) : uint32_t(live.size()));
-    for (const Buffer& r : records) o.bytes(r.b.data(), r.b.size());
-    for (const auto& list : payloads)
-      for (const Payload& p : list) o.u16(p.compression), o.bytes(p.data, p.size);
-    o.zeros(infoLength - info);
-  };
-  if (fDepth == 16) {
-    o.u32(0);
-    o.u32(uint32_t(fGlobalMask.size()));
-    o.bytes(fGlobalMask, fGlobalMask.size());
-    o.u32(fourCC("8BIM")), o.u32(fourCC("Lr16")), o.u32(uint32_t(infoLength));
-    writeInfo();
-    o.zeros(lr16Pad);
-    written = 4 + 4 + fGlobalMask.size() + 12 + infoLength + lr16Pad;
-  } else {
-    o.u32(uint32_t(infoLength));
-    writeInfo();
-    o.u32(uint32_t(fGlobalMask.size()));
-    o.bytes(fGlobalMask, fGlobalMask.size());
-    written = 4 + infoLength + 4 + fGlobalMask.size();
-  }
-  for (const TpsdBlock& b : fGlobalBlocks) {
-    uint32_t pad = b.pad || fDepth != 16 || !b.length ? b.pad : 4 - b.length % 4;
-    o.u32(b.signature), o.u32(b.key), o.u32(b.length);
-    o.bytes(b.data, b.length);
-    o.zeros(pad);
-  }
-  o.bytes(fSectionTail, fSectionTail.size());
-  written += blocks + fSectionTail.size();
-  o.zeros(sectionLength - written);
+  writeLayerSection(o, section);
   o.u16(fImageCompression);
   if (fImageCompression)
     writeRLEImageData(o, fChannelCount);
