@@ -47,6 +47,8 @@ TEST(TparallelFor, AnExceptionComesHomeOnce) {
                                 if (i == 5) throw std::runtime_error("piece 5");
                               }),
                  std::runtime_error);
-    if (threads == 1) EXPECT_EQ(ran.load(), 6);  // the pieces after it are not started
+    if (threads == 1) {
+      EXPECT_EQ(ran.load(), 6);  // the pieces after it are not started
+    }
   }
 }
