@@ -8,6 +8,7 @@
 // is. Bytes go through the framework's stream.
 #include <cstdarg>
 #include <cstdio>
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -97,7 +98,31 @@ struct State {
   std::vector<uint8_t> row;
   int32_t next = 0;
   int compression = COMPRESSION_ADOBE_DEFLATE;
+  // Reading a file of strips: the strip decoded whole (through libdeflate,
+  // where libtiff has it, which decodes only whole strips), and its number.
+  std::vector<uint8_t> strip;
+  int64_t stripNumber = -1;
+  uint32_t rowsPerStrip = 0;
 };
+
+// Row `stored` of a file of strips, from its strip decoded whole; null after a failure.
+const uint8_t* stripRow(State* s, int32_t stored) {
+  const tmsize_t line = TIFFScanlineSize(s->tif);
+  if (s->rowsPerStrip == 0) {
+    uint32_t rows = 0;
+    TIFFGetFieldDefaulted(s->tif, TIFFTAG_ROWSPERSTRIP, &rows);
+    s->rowsPerStrip = std::clamp<uint32_t>(rows, 1, uint32_t(s->height));
+    s->strip.assign(size_t(line) * s->rowsPerStrip, 0);
+  }
+  const int64_t number = stored / int64_t(s->rowsPerStrip);
+  if (number != s->stripNumber) {
+    const uint32_t first = uint32_t(number) * s->rowsPerStrip;
+    const tmsize_t want = line * tmsize_t(std::min<uint32_t>(s->rowsPerStrip, uint32_t(s->height) - first));
+    if (TIFFReadEncodedStrip(s->tif, uint32_t(number), s->strip.data(), want) < want) return nullptr;
+    s->stripNumber = number;
+  }
+  return s->strip.data() + size_t(stored - number * int64_t(s->rowsPerStrip)) * size_t(line);
+}
 
 int recognise(const uint8_t* b, size_t n) {
   return n >= 4 && ((std::memcmp(b, "II*\0", 4) == 0) || (std::memcmp(b, "MM\0*", 4) == 0) ||
@@ -230,13 +255,18 @@ int readRow(void* state, int32_t row, void* const* channels, int64_t stride, cha
   }
   int32_t stored = s->height - 1 - row;
   if (stored != s->next) return fail(error, size, "rows are read from the top down only");
-  if (s->row.empty()) s->row.resize(size_t(TIFFScanlineSize(s->tif)));
-  if (TIFFReadScanline(s->tif, s->row.data(), uint32_t(stored), 0) < 0)
-    return fail(error, size, "%s", lastMessage("a row cannot be read"));
+  const uint8_t* line = nullptr;
+  if (!TIFFIsTiled(s->tif)) {
+    line = stripRow(s, stored);
+  } else {
+    if (s->row.empty()) s->row.resize(size_t(TIFFScanlineSize(s->tif)));
+    if (TIFFReadScanline(s->tif, s->row.data(), uint32_t(stored), 0) >= 0) line = s->row.data();
+  }
+  if (!line) return fail(error, size, "%s", lastMessage("a row cannot be read"));
   s->next++;
   int bytes = s->bits / 8;
   int used = s->colors + (s->matte ? 1 : 0);
-  pxfplugin::deinterleave(s->row.data(), s->samples, bytes, channels, stride, 0, used, s->width);
+  pxfplugin::deinterleave(line, s->samples, bytes, channels, stride, 0, used, s->width);
   return 0;
 }
 

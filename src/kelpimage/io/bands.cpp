@@ -63,4 +63,57 @@ bool runBands(int32_t height, int32_t band, bool pipelined, const BandStep& read
   return ok && !failed;
 }
 
+struct RowPrefetch::State {
+  std::mutex lock;
+  std::condition_variable changed;
+  int32_t read = 0, used = 0;  // bands filled, and bands given back
+  bool failed = false, stop = false;
+  std::thread reader;
+};
+
+RowPrefetch::RowPrefetch(int32_t height, int32_t band, size_t rowBytes, Fill read)
+    : fState(std::make_unique<State>()), fHeight(height), fBand(std::max(band, 1)), fRowBytes(rowBytes) {
+  fSlots[0].resize(rowBytes * size_t(fBand));
+  fSlots[1].resize(rowBytes * size_t(fBand));
+  const int32_t bands = (height + fBand - 1) / fBand;
+  fState->reader = std::thread([this, bands, read = std::move(read)] {
+    State& s = *fState;
+    for (int32_t b = 0; b < bands; ++b) {
+      {
+        std::unique_lock<std::mutex> hold(s.lock);
+        s.changed.wait(hold, [&] { return s.stop || b - s.used < 2; });
+        if (s.stop) return;
+      }
+      bool ok = read(b * fBand, std::min(fHeight, (b + 1) * fBand), fSlots[b % 2].data());
+      std::lock_guard<std::mutex> hold(s.lock);
+      if (ok) s.read = b + 1;
+      else s.failed = true;
+      s.changed.notify_all();
+      if (!ok) return;
+    }
+  });
+}
+
+RowPrefetch::~RowPrefetch() {
+  {
+    std::lock_guard<std::mutex> hold(fState->lock);
+    fState->stop = true;
+    fState->changed.notify_all();
+  }
+  fState->reader.join();
+}
+
+const uint8_t* RowPrefetch::row(int32_t y) {
+  State& s = *fState;
+  const int32_t b = y / fBand;
+  std::unique_lock<std::mutex> hold(s.lock);
+  if (b > s.used) {  // the band before is done with: its slot may be filled again
+    s.used = b;
+    s.changed.notify_all();
+  }
+  s.changed.wait(hold, [&] { return s.failed || s.read > b; });
+  if (s.read <= b) return nullptr;
+  return fSlots[b % 2].data() + size_t(y - b * fBand) * fRowBytes;
+}
+
 }  // namespace kelpio

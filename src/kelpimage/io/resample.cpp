@@ -1,29 +1,60 @@
 #include "kelpimage/io/resample.h"
 
+#include <algorithm>
 #include <cstring>
+#include <memory>
 
 #include "kelpimage/il/il.h"
+#include "kelpimage/io/bands.h"
 
 namespace kelpio {
 namespace {
 
-// `pixels` pixels of `channels` samples of `bytes` each into four (colour,
-// colour, colour, alpha), as the zoom takes them; and back.
-void widen(const uint8_t* in, uint8_t* out, int channels, size_t bytes, size_t pixels) {
-  const bool grey = channels < 3, alpha = channels == 2 || channels == 4;
-  for (size_t x = 0; x < pixels; ++x, in += size_t(channels) * bytes, out += 4 * bytes) {
-    for (int c = 0; c < 3; ++c) std::memcpy(out + size_t(c) * bytes, in + size_t(grey ? 0 : c) * bytes, bytes);
-    if (alpha) std::memcpy(out + 3 * bytes, in + size_t(channels - 1) * bytes, bytes);
-    else std::memset(out + 3 * bytes, 0xFF, bytes);
+// `pixels` pixels of `channels` samples into four (colour, colour, colour,
+// alpha), as the zoom takes them; and back.
+template <typename T>
+void widenAs(const uint8_t* in, uint8_t* out, int channels, size_t pixels) {
+  const T* from = reinterpret_cast<const T*>(in);
+  T* to = reinterpret_cast<T*>(out);
+  const T opaque = T(~T(0));
+  switch (channels) {
+    case 4: std::memcpy(to, from, pixels * 4 * sizeof(T)); break;
+    case 3:
+      for (size_t x = 0; x < pixels; ++x, from += 3, to += 4) to[0] = from[0], to[1] = from[1], to[2] = from[2], to[3] = opaque;
+      break;
+    case 2:
+      for (size_t x = 0; x < pixels; ++x, from += 2, to += 4) to[0] = to[1] = to[2] = from[0], to[3] = from[1];
+      break;
+    default:
+      for (size_t x = 0; x < pixels; ++x, ++from, to += 4) to[0] = to[1] = to[2] = from[0], to[3] = opaque;
   }
 }
 
-void narrow(const uint8_t* in, uint8_t* out, int channels, size_t bytes, size_t pixels) {
-  const bool grey = channels < 3, alpha = channels == 2 || channels == 4;
-  for (size_t x = 0; x < pixels; ++x, in += 4 * bytes, out += size_t(channels) * bytes) {
-    std::memcpy(out, in, (grey ? 1 : 3) * bytes);
-    if (alpha) std::memcpy(out + size_t(channels - 1) * bytes, in + 3 * bytes, bytes);
+template <typename T>
+void narrowAs(const uint8_t* in, uint8_t* out, int channels, size_t pixels) {
+  const T* from = reinterpret_cast<const T*>(in);
+  T* to = reinterpret_cast<T*>(out);
+  switch (channels) {
+    case 4: std::memcpy(to, from, pixels * 4 * sizeof(T)); break;
+    case 3:
+      for (size_t x = 0; x < pixels; ++x, from += 4, to += 3) to[0] = from[0], to[1] = from[1], to[2] = from[2];
+      break;
+    case 2:
+      for (size_t x = 0; x < pixels; ++x, from += 4, to += 2) to[0] = from[0], to[1] = from[3];
+      break;
+    default:
+      for (size_t x = 0; x < pixels; ++x, from += 4) *to++ = from[0];
   }
+}
+
+void widen(const uint8_t* in, uint8_t* out, int channels, size_t bytes, size_t pixels) {
+  if (bytes == 2) widenAs<uint16_t>(in, out, channels, pixels);
+  else widenAs<uint8_t>(in, out, channels, pixels);
+}
+
+void narrow(const uint8_t* in, uint8_t* out, int channels, size_t bytes, size_t pixels) {
+  if (bytes == 2) narrowAs<uint16_t>(in, out, channels, pixels);
+  else narrowAs<uint8_t>(in, out, channels, pixels);
 }
 
 }  // namespace
@@ -48,12 +79,32 @@ int Resampler::feed(void* arg, uint8_t** color, float** depth) {
 }
 
 bool Resampler::start(TimageReader& reader, int32_t width, int32_t height, const std::string& filter, float blurX,
-                      float blurY, std::string& why) {
+                      float blurY, bool ahead, std::string& why) {
   TsampleType type = reader.spec().sampleType == TsampleType::kUint8 ? TsampleType::kUint8 : TsampleType::kUint16;
-  auto rows = [&reader, type](int32_t y, uint8_t* row, std::string& failed) {
-    if (reader.readRows(y, y + 1, row, type, 0, Tassociation::kPremultiplied)) return true;
-    failed = reader.error();
-    return false;
+  if (!ahead) {
+    auto rows = [&reader, type](int32_t y, uint8_t* row, std::string& failed) {
+      if (reader.readRows(y, y + 1, row, type, 0, Tassociation::kPremultiplied)) return true;
+      failed = reader.error();
+      return false;
+    };
+    return start(reader.spec(), rows, width, height, filter, blurX, blurY, why);
+  }
+  const size_t rowBytes = reader.spec().rowBytes(type);
+  const int32_t band = int32_t(std::max<size_t>(1, (size_t(1) << 20) / std::max<size_t>(rowBytes, 1)));
+  // The source is decoded a band ahead, on its own thread, while the zoom works.
+  auto error = std::make_shared<std::string>();
+  auto prefetch = std::make_shared<RowPrefetch>(
+      reader.spec().height, band, rowBytes, [&reader, type, rowBytes, error](int32_t y0, int32_t y1, uint8_t* into) {
+        if (reader.readRows(y0, y1, into, type, ptrdiff_t(rowBytes), Tassociation::kPremultiplied)) return true;
+        *error = reader.error();
+        return false;
+      });
+  fPrefetch = prefetch;
+  auto rows = [prefetch, error, rowBytes](int32_t y, uint8_t* row, std::string& failed) {
+    const uint8_t* from = prefetch->row(y);
+    if (!from) return failed = *error, false;
+    std::memcpy(row, from, rowBytes);
+    return true;
   };
   return start(reader.spec(), rows, width, height, filter, blurX, blurY, why);
 }

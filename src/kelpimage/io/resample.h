@@ -14,6 +14,8 @@ struct ILzoom;
 
 namespace kelpio {
 
+class RowPrefetch;
+
 class Resampler {
  public:
   Resampler() = default;
@@ -29,9 +31,10 @@ class Resampler {
   // the sizes cannot be zoomed.
   bool start(const TimageSpec& source, Rows rows, int32_t width, int32_t height, const std::string& filter,
              float blurX, float blurY, std::string& why);
-  // The current frame of `reader`.
+  // The current frame of `reader`, decoded a band ahead on a thread of its
+  // own when `ahead`.
   bool start(TimageReader& reader, int32_t width, int32_t height, const std::string& filter, float blurX, float blurY,
-             std::string& why);
+             bool ahead, std::string& why);
   // 16 bits for pictures wider than 8, else 8.
   TsampleType type() const { return fType; }
   // The next row from the top: the source's channels, interleaved, premultiplied.
@@ -42,6 +45,7 @@ class Resampler {
 
   TimageSpec fSpec;
   Rows fRows;
+  std::shared_ptr<RowPrefetch> fPrefetch;  // a reader's rows, decoded ahead
   ILzoom* fZoom = nullptr;
   TsampleType fType = TsampleType::kUint8;
   int32_t fWidth = 0, fSourceRow = 0;

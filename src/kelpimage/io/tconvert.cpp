@@ -118,7 +118,8 @@ class Conversion {
   bool pumpResized() {
     kelpio::Resampler zoom;
     std::string why;
-    if (!zoom.start(fReader, fOptions.width, fOptions.height, fOptions.filter, fOptions.blurX, fOptions.blurY, why))
+    if (!zoom.start(fReader, fOptions.width, fOptions.height, fOptions.filter, fOptions.blurX, fOptions.blurY,
+                    fOptions.threads != 1, why))
       return fail(fInput + ": cannot be resized: " + why);
     TimageSpec spec = outputSpec();
     std::vector<uint8_t> row(spec.rowBytes(zoom.type()));
