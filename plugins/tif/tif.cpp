@@ -144,6 +144,11 @@ const char* compressionName(uint16_t c) {
 // Describes the current page; false when it cannot be read. Nothing the
 // size of the picture is made here.
 bool describe(State* s, PxfImageData* image, PxfStream* stream, char* error, size_t size) {
+  // A page of its own: nothing decoded of another stays.
+  s->strip.clear();
+  s->stripNumber = -1;
+  s->rowsPerStrip = 0;
+  s->raster.clear();
   uint32_t w = 0, h = 0;
   uint16_t photometric = 0, planar = PLANARCONFIG_CONTIG, extra = 0, orientation = ORIENTATION_TOPLEFT;
   uint16_t compression = COMPRESSION_NONE;
