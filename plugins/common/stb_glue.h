@@ -31,7 +31,7 @@ struct StbSource {
   static int read(void* user, char* data, int size) {
     auto* s = static_cast<StbSource*>(user);
     size_t n = std::min(size_t(size > 0 ? size : 0), s->bytes->size() - s->at);
-    std::memcpy(data, s->bytes->data() + s->at, n);
+    if (n > 0) std::memcpy(data, s->bytes->data() + s->at, n);
     s->at += n;
     if (n > 0 || size <= 0) return int(n);
     // Line ends: they close every header line a decoder may be looking for

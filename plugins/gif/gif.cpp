@@ -59,7 +59,7 @@ int recognise(const uint8_t* b, size_t n) {
 int readBytes(GifFileType* gif, GifByteType* data, int size) {
   auto* s = static_cast<State*>(gif->UserData);
   size_t n = std::min(size_t(size), s->bytes.size() - s->at);
-  std::memcpy(data, s->bytes.data() + s->at, n);
+  if (n > 0) std::memcpy(data, s->bytes.data() + s->at, n);
   s->at += n;
   return int(n);
 }

@@ -71,7 +71,7 @@ std::string convert(const std::string& input, const std::string& output, const s
   return warnings;
 }
 
-py::array resize(const py::array& array, int32_t width, int32_t height, const std::string& filter, float blurX,
+py::array resizeArray(const py::array& array, int32_t width, int32_t height, const std::string& filter, float blurX,
                  float blurY, bool premultiplied) {
   TimageSpec spec = specOf(array, premultiplied);
   py::array in = contiguous(array);
@@ -118,7 +118,7 @@ PYBIND11_MODULE(_kelpimage, m) {
         py::arg("width") = 0, py::arg("height") = 0, py::arg("filter") = "", py::arg("blur_x") = 0.0f,
         py::arg("blur_y") = 0.0f, py::arg("lenient") = false, py::arg("options") = py::dict(),
         "A file into another format in one pass; gives the warnings.");
-  m.def("resize", &resize, py::arg("array"), py::arg("width"), py::arg("height"), py::arg("filter") = "",
+  m.def("resize", &resizeArray, py::arg("array"), py::arg("width"), py::arg("height"), py::arg("filter") = "",
         py::arg("blur_x") = 0.0f, py::arg("blur_y") = 0.0f, py::arg("premultiplied") = false);
   m.def("frame_files", &frameFiles, py::arg("pattern"), py::arg("frames") = "",
         "(frame, name) of a frame pattern's frames: those on disk, or the range given.");

@@ -92,7 +92,7 @@ class Psd {
     return out;
   }
 
-  TpsdLayer& find(const std::string& name) {
+  TpsdLayer& layerNamed(const std::string& name) {
     for (const auto& l : fDoc.fLayers)
       if (l->fState != 2 && l->isNamed(Tstring(name.c_str()))) return *l;
     throw py::key_error("the document has no layer \"" + name + "\"");
@@ -207,17 +207,17 @@ void bindPsd(py::module_& m) {
       .def("add_layer", &Psd::addLayer, py::arg("name"), py::arg("pixels"),
            "A new layer on top, of the document's size and sample type")
       .def("delete_layer", [](Psd& p, const std::string& name) {
-        p.find(name);
+        p.layerNamed(name);
         if (!p.fDoc.deleteLayer(Tstring(name.c_str()))) throw py::key_error("no ordinary layer \"" + name + "\"");
       }, py::arg("name"))
       .def("set_opacity", [](Psd& p, const std::string& name, int opacity) {
         if (opacity < 0 || opacity > 255) throw py::value_error("opacity is from 0 to 255");
-        p.find(name);
+        p.layerNamed(name);
         p.fDoc.setOpacity(Tstring(name.c_str()), uint32_t(opacity));
       }, py::arg("name"), py::arg("opacity"))
       .def("set_blend_mode", [](Psd& p, const std::string& name, const std::string& mode) {
         uint32_t key = keyOf(mode);
-        p.find(name);
+        p.layerNamed(name);
         p.fDoc.setBlendKey(Tstring(name.c_str()), key);
       }, py::arg("name"), py::arg("mode"))
       .def("add_set", [](Psd& p, const std::string& name) { p.fDoc.addNewLayerSet(Tstring(name.c_str())); },

@@ -11,6 +11,11 @@ int& FLerrnoRef() {
 
 int FLerror() { return flerrno; }
 
+int FLfail(int code) {
+  flerrno = code;
+  return code;
+}
+
 namespace {
 thread_local int tSysErrno = 0;
 }
