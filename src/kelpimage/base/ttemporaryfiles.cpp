@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 namespace {
 
@@ -14,6 +15,9 @@ namespace {
 // past the table's size a file simply goes unlisted.
 constexpr int kSlots = 1024;
 std::atomic<char*> gSlots[kSlots];
+// forget() reads other threads' entries to compare them: one forget at a
+// time, so that none frees an entry another is still comparing.
+std::mutex gForgetting;
 
 void onSignal(int signal) {
   TtemporaryFiles::removeAllNow();
@@ -36,13 +40,18 @@ void TtemporaryFiles::add(const char* path) {
 
 void TtemporaryFiles::forget(const char* path) {
   if (!path) return;
-  for (auto& slot : gSlots) {
-    char* entry = slot.load();
-    if (entry && std::strcmp(entry, path) == 0 && slot.compare_exchange_strong(entry, nullptr)) {
-      std::free(entry);
-      return;
+  char* found = nullptr;
+  {
+    std::lock_guard<std::mutex> hold(gForgetting);
+    for (auto& slot : gSlots) {
+      char* entry = slot.load();
+      if (entry && std::strcmp(entry, path) == 0 && slot.compare_exchange_strong(entry, nullptr)) {
+        found = entry;
+        break;
+      }
     }
   }
+  std::free(found);
 }
 
 void TtemporaryFiles::removeAllNow() {
