@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 
@@ -114,6 +115,8 @@ int ILbuildtaps(std::vector<ILtaps>& taps, const ILfilterdef* f, int n, int m, f
         e.count = int(raw.size());
         e.first = firstIndex;
         e.weights.assign(raw.begin(), raw.end());
+        e.absSum = 0;
+        for (int32_t w : e.weights) e.absSum += std::abs(int64_t(w));
       } else {
         single = true;
       }

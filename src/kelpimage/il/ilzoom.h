@@ -12,6 +12,7 @@ struct ILtaps {
   int count = 0;
   int first = 0;
   std::vector<int32_t> weights;
+  int64_t absSum = 0;  // of the weights: bounds what a sum of samples can reach
 };
 
 struct ILzoom {

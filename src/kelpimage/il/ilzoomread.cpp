@@ -56,10 +56,39 @@ void channels(const ILzoom* z, const uint8_t* line, int x, int32_t out[4]) {
   }
 }
 
+// The 8-bit path of filterAcross. A pixel is a native word, alpha in its top
+// byte; its sums fit 32 bits while the weights' absolute sum stays within
+// 2^22 (255 * 2^22 < 2^31), which holds for every filter but is checked all the same.
+bool filterAcross8(const ILzoom* z, const uint8_t* line, int32_t* out) {
+  for (int i = 0; i < z->resultW; ++i) {
+    const ILtaps& t = z->xTaps[size_t(i)];
+    if (t.absSum > (int64_t(1) << 22)) return false;
+    int32_t* o = out + size_t(i) * 4;
+    if (t.count == 1) {
+      uint32_t w = word(line + size_t(t.first) * 4);
+      o[0] = int32_t(w >> 24) << 8, o[1] = int32_t((w >> 16) & 255) << 8, o[2] = int32_t((w >> 8) & 255) << 8,
+      o[3] = int32_t(w & 255) << 8;
+      continue;
+    }
+    int32_t a0 = 32, a1 = 32, a2 = 32, a3 = 32;
+    const uint8_t* p = line + size_t(t.first) * 4;
+    const int32_t* weights = t.weights.data();
+    for (int j = 0; j < t.count; ++j, p += 4) {
+      const uint32_t w = word(p);
+      const int32_t k = weights[j];
+      a0 += int32_t(w >> 24) * k, a1 += int32_t((w >> 16) & 255) * k, a2 += int32_t((w >> 8) & 255) * k,
+          a3 += int32_t(w & 255) * k;
+    }
+    o[0] = a0 / 64, o[1] = a1 / 64, o[2] = a2 / 64, o[3] = a3 / 64;
+  }
+  return true;
+}
+
 // Filters one source line across into 4 values a result pixel: 8.8 fixed
 // point from an 8-bit source, plain 16-bit values from a 16-bit source.
 void filterAcross(const ILzoom* z, const uint8_t* line, int32_t* out) {
   bool deep = z->mode & 1;
+  if (!deep && filterAcross8(z, line, out)) return;
   for (int i = 0; i < z->resultW; ++i) {
     const ILtaps& t = z->xTaps[size_t(i)];
     int32_t* o = out + size_t(i) * 4;

@@ -55,12 +55,15 @@ void premultiplyInts(T* p, int channels, size_t pixels) {
   }
 }
 
+// Opaque pixels stay as they are ((v * top + top / 2) / top is v); the
+// rest divide in 32 bits, where top * top + top / 2 still fits.
 template <typename T, uint32_t kTop>
 void unpremultiplyInts(T* p, int channels, size_t pixels) {
   for (size_t x = 0; x < pixels; ++x, p += channels) {
-    uint32_t a = p[channels - 1];
+    const uint32_t a = p[channels - 1];
+    if (a == kTop) continue;
     for (int c = 0; c + 1 < channels; ++c)
-      p[c] = a == 0 ? T(0) : T(std::min<uint64_t>(kTop, (uint64_t(p[c]) * kTop + a / 2) / a));
+      p[c] = a == 0 ? T(0) : T(std::min<uint32_t>(kTop, (uint32_t(p[c]) * kTop + a / 2) / a));
   }
 }
 
