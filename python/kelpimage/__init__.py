@@ -130,9 +130,11 @@ def resize(array, width, height, filter=None, blur=(0.0, 0.0), premultiplied=Fal
     return _kelpimage.resize(array, width, height, filter or "", float(blur[0]), float(blur[1]), premultiplied)
 
 
-def convert(source, target, format=None, frame=None, size=None, filter=None, lenient=False, **options):
+def convert(source, target, format=None, frame=None, size=None, filter=None, lenient=False, threads=0, **options):
     """A file into another format, in one pass, band by band: samples, alpha
-    and depth kept where the target holds them. Gives the warnings."""
+    and depth kept where the target holds them. threads=1 reads and writes in
+    turn; otherwise the next band is read while the last is written (the
+    same bytes either way). Gives the warnings."""
     width, height = size if size else (0, 0)
     return _kelpimage.convert(os.fspath(source), os.fspath(target), format or "", -1 if frame is None else frame,
-                              width, height, filter or "", 0.0, 0.0, lenient, options)
+                              width, height, filter or "", 0.0, 0.0, lenient, threads, options)

@@ -61,11 +61,13 @@ def _convert_one(source, target, options):
 def convert(in_pattern, out_pattern, client=None, frames=None, **options):
     """Converts each frame of in_pattern to the same frame of out_pattern as
     one task on the client (the current one when None), with kelpimage.convert's
-    options. Gives the outputs in frame order. When frames fail, the others
+    options; a task converts on one thread (threads=1), as the cluster runs
+    a task on each of its cores. Gives the outputs in frame order. When frames fail, the others
     finish first, then kelpimage.Error names each failed frame and its reason."""
     from dask.distributed import default_client, wait
 
     client = client or default_client()
+    options.setdefault("threads", 1)
     found = frames_of(in_pattern, frames)
     out = kelpimage.frame_files(out_pattern, "%d" % found[0][0]) if found else []
     if not out:

@@ -50,8 +50,9 @@ py::list formats() {
 
 std::string convert(const std::string& input, const std::string& output, const std::string& format, int frame,
                     int32_t width, int32_t height, const std::string& filter, float blurX, float blurY, bool lenient,
-                    const py::dict& options) {
+                    int threads, const py::dict& options) {
   TconvertOptions o;
+  o.threads = threads;
   o.key = format;
   o.frame = frame;
   o.width = width;
@@ -116,8 +117,8 @@ PYBIND11_MODULE(_kelpimage, m) {
   m.def("formats", &formats, "Every format the library knows, as dicts.");
   m.def("convert", &convert, py::arg("input"), py::arg("output"), py::arg("format") = "", py::arg("frame") = -1,
         py::arg("width") = 0, py::arg("height") = 0, py::arg("filter") = "", py::arg("blur_x") = 0.0f,
-        py::arg("blur_y") = 0.0f, py::arg("lenient") = false, py::arg("options") = py::dict(),
-        "A file into another format in one pass; gives the warnings.");
+        py::arg("blur_y") = 0.0f, py::arg("lenient") = false, py::arg("threads") = 0,
+        py::arg("options") = py::dict(), "A file into another format in one pass; gives the warnings.");
   m.def("resize", &resizeArray, py::arg("array"), py::arg("width"), py::arg("height"), py::arg("filter") = "",
         py::arg("blur_x") = 0.0f, py::arg("blur_y") = 0.0f, py::arg("premultiplied") = false);
   m.def("frame_files", &frameFiles, py::arg("pattern"), py::arg("frames") = "",
