@@ -3,11 +3,11 @@
 // colour, plus 4 for depth).
 #include <benchmark/benchmark.h>
 
+#include <unistd.h>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 #include "kelpimage/il/il.h"
@@ -159,7 +159,12 @@ BENCHMARK(BM_Pack)->DenseRange(0, 3)->ArgName("compressor");
 BENCHMARK(BM_Unpack)->DenseRange(0, 3)->ArgName("compressor");
 BENCHMARK(BM_UnpackDepth);
 BENCHMARK(BM_WriteImage)->Arg(0)->Arg(1)->Arg(3)->ArgName("compressor")->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_ReadImage)->Args({0, 0})->Args({1, 0})->Args({1, 1})->Args({3, 0})->ArgNames({"compressor", "bylines"})
+BENCHMARK(BM_ReadImage)
+    ->Args({0, 0})
+    ->Args({1, 0})
+    ->Args({1, 1})
+    ->Args({3, 0})
+    ->ArgNames({"compressor", "bylines"})
     ->Unit(benchmark::kMillisecond);
 
 namespace {
@@ -190,8 +195,10 @@ void resample(benchmark::State& state, int sw, int sh, int rw, int rh) {
     ILbindzoom(z, &rows, rasterRow, 0, rw + 1, rh, sw, sh);
   }
   ILdelzoom(z);
-  state.counters["in_Mpixel/s"] = benchmark::Counter(double(sw) * sh / 1e6, benchmark::Counter::kIsIterationInvariantRate);
-  state.counters["out_Mpixel/s"] = benchmark::Counter(double(rw) * rh / 1e6, benchmark::Counter::kIsIterationInvariantRate);
+  state.counters["in_Mpixel/s"] =
+      benchmark::Counter(double(sw) * sh / 1e6, benchmark::Counter::kIsIterationInvariantRate);
+  state.counters["out_Mpixel/s"] =
+      benchmark::Counter(double(rw) * rh / 1e6, benchmark::Counter::kIsIterationInvariantRate);
   state.SetLabel(kFilters[state.range(0)]);
 }
 

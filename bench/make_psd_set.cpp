@@ -41,7 +41,7 @@ std::vector<uint8_t> packed(uint32_t w, uint32_t h, F f) {
 struct Layer {
   std::string name;
   std::string blend = "norm";
-  uint32_t section = 0;  // 0, or 1 for the head and 3 for the end of the set
+  uint32_t section = 0;            // 0, or 1 for the head and 3 for the end of the set
   int32_t rect[4] = {0, 0, 0, 0};  // top, left, bottom, right
   int32_t mask[4] = {0, 0, 0, 0};
   uint8_t maskDefault = 0;
@@ -99,7 +99,8 @@ int main(int argc, char** argv) {
     l.rect[0] = inset, l.rect[1] = inset / 2, l.rect[2] = int32_t(h) - inset / 3, l.rect[3] = int32_t(w) - inset;
     uint32_t lw = uint32_t(l.rect[3] - l.rect[1]), lh = uint32_t(l.rect[2] - l.rect[0]);
     double cx = lw * (0.3 + 0.04 * i), cy = lh * 0.5;
-    l.channels.push_back({-1, packed(lw, lh, [&](uint32_t x, uint32_t y) { return (x * 255 / lw + y * 64 / lh) % 256; })});
+    l.channels.push_back(
+        {-1, packed(lw, lh, [&](uint32_t x, uint32_t y) { return (x * 255 / lw + y * 64 / lh) % 256; })});
     for (int c = 0; c < 3; ++c)
       l.channels.push_back({c, packed(lw, lh, [&](uint32_t x, uint32_t y) {
                               double d = std::hypot(x - cx, y - cy);
@@ -134,7 +135,8 @@ int main(int argc, char** argv) {
   f.u32(0);  // global mask
   f.u16(1);  // the flattened image: white, run-length
   std::vector<uint8_t> white = packed(w, h, [](uint32_t, uint32_t) { return 255u; });
-  std::vector<uint8_t> table(white.begin() + 2, white.begin() + 2 + 2 * h), rows(white.begin() + 2 + 2 * h, white.end());
+  std::vector<uint8_t> table(white.begin() + 2, white.begin() + 2 + 2 * h),
+      rows(white.begin() + 2 + 2 * h, white.end());
   for (int c = 0; c < 3; ++c) f.raw(table);
   for (int c = 0; c < 3; ++c) f.raw(rows);
   std::FILE* out = std::fopen(argv[1], "wb");

@@ -42,7 +42,9 @@ const std::vector<TpixelMap>& frames() {
   return loaded;
 }
 
-std::string movieName(const char* codec) { return env("KELP_MOVIE_BENCH_DIR", "/tmp") + "/kelp_bench_" + codec + ".avi"; }
+std::string movieName(const char* codec) {
+  return env("KELP_MOVIE_BENCH_DIR", "/tmp") + "/kelp_bench_" + codec + ".avi";
+}
 
 void write(benchmark::State& state, const char* codec) {
   if (!TmovieLayer::initMovieLayer() || frames().empty()) {

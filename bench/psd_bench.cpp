@@ -149,7 +149,8 @@ void BM_WriteDocument(benchmark::State& state) {
     unsigned short w = 4096, h = 4096;
     doc.fDepth = uint16_t(depth);
     doc.create(TfilePath(benchDocument(depth).c_str()), w, h);
-    for (int i = 0; i < 10; ++i) doc.addNormalLayer(Tstring(("layer " + std::to_string(i)).c_str()), images[size_t(i)].get());
+    for (int i = 0; i < 10; ++i)
+      doc.addNormalLayer(Tstring(("layer " + std::to_string(i)).c_str()), images[size_t(i)].get());
     if (!doc.savePsdFile(TfilePath())) {
       state.SkipWithError(doc.lastError().asChar());
       return;

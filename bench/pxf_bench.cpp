@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "kelpimage/convert/conversions.h"
-#include "kelpimage/plugin/plugins.h"
 #include "kelpimage/image/timagefile.h"
+#include "kelpimage/plugin/plugins.h"
 #include "kelpimage/plugin/pxf.h"
 
 namespace {
@@ -31,8 +31,8 @@ const std::string& picture(const std::string& key) {
   TpixelMap map(kSide, kSide);
   for (int y = 0; y < kSide; ++y)
     for (int x = 0; x < kSide; ++x)
-      map.pixelPointer(x, y)->fValue = 0xFF000000u | uint32_t((x ^ y) & 255) << 16 | uint32_t(x * 7 & 255) << 8 |
-                                       uint32_t((x + y) / 32 & 255);
+      map.pixelPointer(x, y)->fValue =
+          0xFF000000u | uint32_t((x ^ y) & 255) << 16 | uint32_t(x * 7 & 255) << 8 | uint32_t((x + y) / 32 & 255);
   std::string name = dir + "/big." + key;
   TimageFile out;
   out.create(name.c_str(), kSide, kSide, TiffImageFile::kRLE, key.c_str());

@@ -8,8 +8,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "kelpimage/il/il.h"
 #include "kelpimage/base/terrorhandler.h"
+#include "kelpimage/il/il.h"
 #include "kelpimage/image/timagefile.h"
 
 namespace {

@@ -43,7 +43,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!reader.readImage(pixels.data(), spec.sampleType, 0, spec.association, depth.empty() ? nullptr : depth.data()))
       break;
     // Again from the top, converted: the reader reads the file anew.
-    Tassociation other = spec.association == Tassociation::kStraight ? Tassociation::kPremultiplied : Tassociation::kStraight;
+    Tassociation other =
+        spec.association == Tassociation::kStraight ? Tassociation::kPremultiplied : Tassociation::kStraight;
     if (!reader.readImage(pixels.data(), TsampleType::kFloat, 0, other)) break;
   }
   return 0;

@@ -3,7 +3,7 @@
 # there already. The argument names the job:
 #   build  (the default) the compiler, CMake and the libraries kimg and the
 #          plug-ins are built on: enough to build and run kimg;
-#   test   the above, GoogleTest, the Python package's needs (NumPy,
+#   test   the above, GoogleTest, clang-format, the Python package's needs (NumPy,
 #          pybind11, Dask, pytest) and the independent tools the tests hold
 #          the library against (ImageMagick, OpenImageIO, netpbm, PIL,
 #          psd-tools, FFmpeg);
@@ -16,7 +16,7 @@ build=(g++ cmake ninja-build pkg-config python3
        libpng-dev libjpeg62-turbo-dev libtiff-dev libgif-dev libopenexr-dev libwebp-dev libstb-dev libnetpbm-dev
        libcli11-dev zlib1g-dev libmuparser-dev
        libavformat-dev libavcodec-dev libavutil-dev libswscale-dev)
-test=(libgtest-dev libgmock-dev gzip binutils-mips-linux-gnu
+test=(libgtest-dev libgmock-dev gzip binutils-mips-linux-gnu clang-format
       python3-dev python3-numpy pybind11-dev python3-pybind11 python3-pytest python3-dask python3-distributed
       imagemagick openimageio-tools netpbm python3-pil python3-psd-tools ffmpeg)
 bench=(libbenchmark-dev libvips-tools python3-matplotlib)

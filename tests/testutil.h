@@ -58,8 +58,7 @@ inline void writeBytes(const std::string& path, const std::vector<uint8_t>& byte
 }
 
 inline uint32_t be32(const std::vector<uint8_t>& b, size_t at) {
-  return (uint32_t(b.at(at)) << 24) | (uint32_t(b.at(at + 1)) << 16) | (uint32_t(b.at(at + 2)) << 8) |
-         b.at(at + 3);
+  return (uint32_t(b.at(at)) << 24) | (uint32_t(b.at(at + 1)) << 16) | (uint32_t(b.at(at + 2)) << 8) | b.at(at + 3);
 }
 
 inline std::string text(const std::vector<uint8_t>& b, size_t at, size_t n) {

@@ -3,8 +3,8 @@
 // pictures with a plain header, 32-bit ones (with alpha) with a version 4
 // header whose masks place the alpha. Rows go out from the bottom, as they
 // come.
-#include "kelpimage/byteorder.h"
 #include <cmath>
+#include "kelpimage/byteorder.h"
 
 #include "stb_glue.h"
 
@@ -54,8 +54,8 @@ void* openRead(PxfStream* in, PxfImageData* image, int32_t* frames, char* error,
   if (!why.empty()) fail(error, size, "%s", why.c_str());
   if (!read || !why.empty()) return nullptr;
   int n = s->picture.channels;
-  pxfplugin::describePicture(image, s->picture.width, s->picture.height, PXF_TOP_DOWN, n >= 3 ? 3 : 1,
-                             n == 2 || n == 4, 8);
+  pxfplugin::describePicture(image, s->picture.width, s->picture.height, PXF_TOP_DOWN, n >= 3 ? 3 : 1, n == 2 || n == 4,
+                             8);
   image->compression = "none";
   float dpi = headerDpi(s->picture.file);
   // 72 dots an inch is what a file says when it says nothing.
@@ -100,8 +100,8 @@ std::vector<uint8_t> headers(int32_t width, int32_t height, bool alpha, float dp
   return h;
 }
 
-void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*,
-                char* error, size_t size) {
+void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*, char* error,
+                size_t size) {
   if (image->colorChannels == 0 || image->width() < 1 || image->height() < 1) {
     fail(error, size, "BMP pictures need colour channels and a size");
     return nullptr;
@@ -114,7 +114,8 @@ void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const*
   s->colors = image->colorChannels >= 3 ? 3 : 1;
   s->matte = image->matteChannels > 0;
   s->line.assign((size_t(s->width) * (s->matte ? 4 : 3) + 3) & ~size_t(3), 0);
-  std::vector<uint8_t> h = headers(s->width, s->height, s->matte, pxfplugin::setting(settings, pxfplugin::kDpiCode, 0.0f));
+  std::vector<uint8_t> h =
+      headers(s->width, s->height, s->matte, pxfplugin::setting(settings, pxfplugin::kDpiCode, 0.0f));
   if (out->write(out->user, h.data(), int64_t(h.size())) < 0) {
     fail(error, size, "%s", pxfplugin::streamError(out, "cannot be written"));
     return nullptr;
@@ -152,6 +153,24 @@ const PxfCapability kCapabilities[] = {pxfplugin::dpiCapability()};
 }  // namespace
 
 PXF_IMAGE_PLUGIN("bmp", "bmp;dib", "BMP", "Windows bitmap, 1 to 32 bits read; 24 bits, or 32 with alpha, written",
-                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 1u, 1u << 7, 1u, 0u, 0u, 0, true, true,
-                               kCapabilities, 1, recognise, openRead, nullptr, readRow, openWrite, nullptr, writeRow,
-                               closeFile, 0}));
+                 (PxfPluginOps{PXF_PLUGIN_VERSION,
+                               sizeof(PxfPluginOps),
+                               1u,
+                               1u << 7,
+                               1u,
+                               0u,
+                               0u,
+                               0,
+                               true,
+                               true,
+                               kCapabilities,
+                               1,
+                               recognise,
+                               openRead,
+                               nullptr,
+                               readRow,
+                               openWrite,
+                               nullptr,
+                               writeRow,
+                               closeFile,
+                               0}));

@@ -63,7 +63,8 @@ void deinterleaveSamples(const uint8_t* pixels, size_t pixelBytes, void* const* 
   size_t step = stride ? size_t(stride) : sizeof(T);
   auto* base = static_cast<uint8_t*>(channels[first]);
   bool packed = step == pixelBytes && size_t(count) * sizeof(T) == pixelBytes;
-  for (int c = 1; packed && c < count; ++c) packed = static_cast<uint8_t*>(channels[first + c]) == base + size_t(c) * sizeof(T);
+  for (int c = 1; packed && c < count; ++c)
+    packed = static_cast<uint8_t*>(channels[first + c]) == base + size_t(c) * sizeof(T);
   if (packed) {
     if (base != pixels) std::memmove(base, pixels, size_t(width) * pixelBytes);
     return;
@@ -80,17 +81,23 @@ void deinterleaveSamples(const uint8_t* pixels, size_t pixelBytes, void* const* 
 inline void interleave(const void* const* channels, int64_t stride, int first, int count, int bytes, uint8_t* pixels,
                        int32_t width, int pixelSamples) {
   size_t pixelBytes = size_t(pixelSamples) * size_t(bytes);
-  if (bytes == 1) interleaveSamples<uint8_t>(channels, stride, first, count, pixels, width, pixelBytes);
-  else if (bytes == 2) interleaveSamples<uint16_t>(channels, stride, first, count, pixels, width, pixelBytes);
-  else interleaveSamples<uint32_t>(channels, stride, first, count, pixels, width, pixelBytes);
+  if (bytes == 1)
+    interleaveSamples<uint8_t>(channels, stride, first, count, pixels, width, pixelBytes);
+  else if (bytes == 2)
+    interleaveSamples<uint16_t>(channels, stride, first, count, pixels, width, pixelBytes);
+  else
+    interleaveSamples<uint32_t>(channels, stride, first, count, pixels, width, pixelBytes);
 }
 
 inline void deinterleave(const uint8_t* pixels, int pixelSamples, int bytes, void* const* channels, int64_t stride,
                          int first, int count, int32_t width) {
   size_t pixelBytes = size_t(pixelSamples) * size_t(bytes);
-  if (bytes == 1) deinterleaveSamples<uint8_t>(pixels, pixelBytes, channels, stride, first, count, width);
-  else if (bytes == 2) deinterleaveSamples<uint16_t>(pixels, pixelBytes, channels, stride, first, count, width);
-  else deinterleaveSamples<uint32_t>(pixels, pixelBytes, channels, stride, first, count, width);
+  if (bytes == 1)
+    deinterleaveSamples<uint8_t>(pixels, pixelBytes, channels, stride, first, count, width);
+  else if (bytes == 2)
+    deinterleaveSamples<uint16_t>(pixels, pixelBytes, channels, stride, first, count, width);
+  else
+    deinterleaveSamples<uint32_t>(pixels, pixelBytes, channels, stride, first, count, width);
 }
 
 // Where sample x of a channel lies.
@@ -129,14 +136,17 @@ inline void describePicture(PxfImageData* image, int32_t width, int32_t height, 
 // pixels a byte, the format's best compression. False with the reason.
 inline bool sizeAllowed(uint64_t width, uint64_t height, PxfStream* in, uint64_t pixelsPerByte, char* error,
                         size_t size) {
-  if (width < 1 || height < 1) return fail(error, size, "a picture of %llu x %llu pixels has no pixels",
-                                           (unsigned long long)width, (unsigned long long)height), false;
+  if (width < 1 || height < 1)
+    return fail(error, size, "a picture of %llu x %llu pixels has no pixels", (unsigned long long)width,
+                (unsigned long long)height),
+           false;
   if (!TpixelLimit::allows(width, height))
     return fail(error, size, "%s", TpixelLimit::refusal(width, height).c_str()), false;
   int64_t bytes = in && in->size ? in->size(in->user) : -1;
   if (!TplausibleSize(width, height, bytes, pixelsPerByte))
     return fail(error, size, "a file of %lld bytes cannot hold a picture of %llu x %llu pixels: it is damaged",
-                (long long)bytes, (unsigned long long)width, (unsigned long long)height), false;
+                (long long)bytes, (unsigned long long)width, (unsigned long long)height),
+           false;
   return true;
 }
 
@@ -162,7 +172,8 @@ inline FILE* streamFile(PxfStream* stream, const char* mode) {
   io.seek = [](void* user, off64_t* offset, int whence) -> int {
     auto* s = static_cast<PxfStream*>(user);
     int64_t to = *offset;
-    if (whence == SEEK_CUR) to += s->tell(s->user);
+    if (whence == SEEK_CUR)
+      to += s->tell(s->user);
     else if (whence == SEEK_END) {
       int64_t end = s->size(s->user);
       if (end < 0) return -1;

@@ -43,8 +43,10 @@ struct StbSource {
   }
   static void skip(void* user, int n) {
     auto* s = static_cast<StbSource*>(user);
-    if (n < 0) s->at = size_t(std::max<int64_t>(0, int64_t(s->at) + n));
-    else s->at = std::min(s->bytes->size(), s->at + size_t(n));
+    if (n < 0)
+      s->at = size_t(std::max<int64_t>(0, int64_t(s->at) + n));
+    else
+      s->at = std::min(s->bytes->size(), s->at + size_t(n));
   }
   static int eof(void* user) {
     auto* s = static_cast<StbSource*>(user);
@@ -79,7 +81,8 @@ inline bool stbHeader(PxfStream* in, bool asFloat, uint64_t pixelsPerByte, StbPi
   if (!TplausibleSize(uint64_t(w), uint64_t(h), int64_t(p.file.size()), pixelsPerByte) ||
       !sizeAllowed(uint64_t(w), uint64_t(h), nullptr, 0, error, size)) {
     if (!TplausibleSize(uint64_t(w), uint64_t(h), int64_t(p.file.size()), pixelsPerByte))
-      fail(error, size, "a file of %zu bytes cannot hold a picture of %d x %d pixels: it is damaged", p.file.size(), w, h);
+      fail(error, size, "a file of %zu bytes cannot hold a picture of %d x %d pixels: it is damaged", p.file.size(), w,
+           h);
     return false;
   }
   p.width = w;
@@ -101,7 +104,8 @@ inline bool stbDecode(StbPicture& p, char* error, size_t size) {
     return fail(error, size, "%s", why ? why : "the picture cannot be decoded"), false;
   }
   if (source.overrun) return fail(error, size, "the file ends before its pixels do"), false;
-  if (w != p.width || h != p.height || n != p.channels) return fail(error, size, "the picture is not what its header says"), false;
+  if (w != p.width || h != p.height || n != p.channels)
+    return fail(error, size, "the picture is not what its header says"), false;
   p.file = std::vector<uint8_t>();  // done with
   return true;
 }
@@ -112,7 +116,8 @@ inline int stbRow(StbPicture& p, int32_t row, void* const* channels, int64_t str
   if (!stbDecode(p, error, size)) return -1;
   if (row < 0 || row >= p.height) return fail(error, size, "no row %d", row);
   size_t bytes = p.floats ? 4 : 1;
-  auto* line = static_cast<const uint8_t*>(p.pixels) + size_t(p.height - 1 - row) * size_t(p.width) * size_t(p.channels) * bytes;
+  auto* line =
+      static_cast<const uint8_t*>(p.pixels) + size_t(p.height - 1 - row) * size_t(p.width) * size_t(p.channels) * bytes;
   deinterleave(line, p.channels, int(bytes), channels, stride, 0, p.channels, p.width);
   return 0;
 }
@@ -132,7 +137,9 @@ struct StbCanvas {
     pixels.assign(size_t(w) * size_t(h) * size_t(n) * size_t(sampleBytes), 0);
     return true;
   }
-  uint8_t* line(int32_t row) { return pixels.data() + size_t(height - 1 - row) * size_t(width) * size_t(channels) * size_t(bytes); }
+  uint8_t* line(int32_t row) {
+    return pixels.data() + size_t(height - 1 - row) * size_t(width) * size_t(channels) * size_t(bytes);
+  }
 };
 
 // The stream an stb encoder writes to, keeping its first failure.
@@ -168,7 +175,7 @@ struct StbState {
   bool writing = false;
   int32_t bits = 8;  // of the samples handed in for writing
   bool floats = false;
-  int colors = 0;    // colour channels handed in for writing
+  int colors = 0;  // colour channels handed in for writing
 };
 
 // Reads a stream's header into a new state; null after the reason.
@@ -184,8 +191,8 @@ inline int stbReadRow(void* state, int32_t row, void* const* channels, int64_t s
 
 // A state that gathers the picture `image` describes for writing to `out`,
 // as `channels` samples of `bytes` a pixel; null after the reason.
-inline StbState* stbStartWriting(PxfStream* out, const PxfImageData* image, int channels, int bytes,
-                                 const char* format, char* error, size_t size) {
+inline StbState* stbStartWriting(PxfStream* out, const PxfImageData* image, int channels, int bytes, const char* format,
+                                 char* error, size_t size) {
   if (image->colorChannels == 0) {
     fail(error, size, "%s pictures need colour channels", format);
     return nullptr;

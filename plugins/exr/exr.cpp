@@ -35,8 +35,8 @@
 #include <thread>
 #include <vector>
 
-#include "kelpimage/plugin/pxf.h"
 #include "exrheader.h"
+#include "kelpimage/plugin/pxf.h"
 #include "plugin_util.h"
 
 using pxfplugin::fail;
@@ -79,7 +79,8 @@ int guarded(char* error, size_t size, Work work) {
 void startThreads() {
   static std::once_flag once;
   std::call_once(once, [] {
-    if (Imf::globalThreadCount() == 0) Imf::setGlobalThreadCount(int(std::max(1u, std::thread::hardware_concurrency())));
+    if (Imf::globalThreadCount() == 0)
+      Imf::setGlobalThreadCount(int(std::max(1u, std::thread::hardware_concurrency())));
   });
 }
 
@@ -123,7 +124,8 @@ class InStream : public Imf::IStream {
   }
   uint64_t tellg() override { return uint64_t(stream_->tell(stream_->user)); }
   void seekg(uint64_t pos) override {
-    if (stream_->seek(stream_->user, int64_t(pos)) != 0) throw std::runtime_error("the file cannot be read out of order");
+    if (stream_->seek(stream_->user, int64_t(pos)) != 0)
+      throw std::runtime_error("the file cannot be read out of order");
   }
 
  private:
@@ -172,8 +174,8 @@ struct Reader {
   bool grey = false;
   bool uintSamples[kSlots] = {};
   int32_t band = 0;
-  int32_t bandFirst = 0, bandCount = 0;  // the lines held, counted from the top
-  std::vector<float> samples[kSlots];    // FLOAT slices
+  int32_t bandFirst = 0, bandCount = 0;    // the lines held, counted from the top
+  std::vector<float> samples[kSlots];      // FLOAT slices
   std::vector<uint32_t> integers[kSlots];  // UINT slices
 };
 
@@ -187,10 +189,10 @@ struct Writer {
   bool floats = false;  // the samples handed in are floats
   bool decreasing = false;
   int32_t band = 0;
-  int32_t bandLow = 0;   // the first line (from the top) the band's buffer stands for
-  int32_t pending = 0;   // lines in the band not yet written
-  int32_t written = 0;   // lines handed to OpenEXR
-  int32_t rows = 0;      // rows received
+  int32_t bandLow = 0;              // the first line (from the top) the band's buffer stands for
+  int32_t pending = 0;              // lines in the band not yet written
+  int32_t written = 0;              // lines handed to OpenEXR
+  int32_t rows = 0;                 // rows received
   Imf::PixelType type = Imf::HALF;  // of colour and alpha; depth is always float
   std::vector<float> samples[kSlots];
   std::vector<Imath::half> halves[kSlots];
@@ -236,8 +238,9 @@ void describe(Reader& r, PxfImageData* image, const Imf::Header& h) {
   pxfplugin::describePicture(image, r.width, r.height, PXF_TOP_DOWN, r.grey ? 1 : 3, r.present[kAlpha],
                              r.floats ? 32 : 16);
   if (r.floats) image->colorKind = image->matteKind = PXF_FLOAT;
-  image->storedKind = first->type == Imf::HALF ? PXF_STORED_HALF : first->type == Imf::FLOAT ? PXF_STORED_FLOAT
-                                                                                               : PXF_STORED_INTEGER;
+  image->storedKind = first->type == Imf::HALF    ? PXF_STORED_HALF
+                      : first->type == Imf::FLOAT ? PXF_STORED_FLOAT
+                                                  : PXF_STORED_INTEGER;
   image->storedBits = first->type == Imf::HALF ? 16 : 32;
   image->association = PXF_PREMULTIPLIED;  // OpenEXR's colour is premultiplied by definition
   if (r.present[kDepth]) {
@@ -256,7 +259,8 @@ void describe(Reader& r, PxfImageData* image, const Imf::Header& h) {
     if (pixelAspect != 1.0f) image->aspectRatio = image->aspectRatio * pixelAspect;
   }
   if (Imf::hasXDensity(h) && Imf::xDensity(h) > 0.0f) image->dpi = Imf::xDensity(h);
-  static const char* const kCompressions[] = {"none", "RLE", "ZIPS", "ZIP", "PIZ", "PXR24", "B44", "B44A", "DWAA", "DWAB"};
+  static const char* const kCompressions[] = {"none",  "RLE", "ZIPS", "ZIP",  "PIZ",
+                                              "PXR24", "B44", "B44A", "DWAA", "DWAB"};
   int c = int(h.compression());
   image->compression = c >= 0 && c < 10 ? kCompressions[c] : "other";
   if (h.hasTileDescription()) {
@@ -354,11 +358,13 @@ int readRow(void* state, int32_t row, void* const* channels, int64_t stride, cha
     void* to = channels[out++];
     for (int32_t x = 0; x < r.width; ++x) {
       // A colour channel the file lacks reads as 0.
-      float v = !r.present[slot]          ? 0.0f
+      float v = !r.present[slot]      ? 0.0f
                 : r.uintSamples[slot] ? float(double(r.integers[slot][at + size_t(x)]) / 4294967295.0)
                                       : r.samples[slot][at + size_t(x)];
-      if (r.floats) std::memcpy(pxfplugin::sampleAt<float>(to, stride, x), &v, 4);
-      else *pxfplugin::sampleAt<uint16_t>(to, stride, x) = toSample(v);
+      if (r.floats)
+        std::memcpy(pxfplugin::sampleAt<float>(to, stride, x), &v, 4);
+      else
+        *pxfplugin::sampleAt<uint16_t>(to, stride, x) = toSample(v);
     }
   };
   colour(kRed);
@@ -410,8 +416,8 @@ Imf::Header headerFor(const Writer& w, const PxfImageData* image, Imf::Compressi
   return header;
 }
 
-void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*,
-                char* error, size_t size) {
+void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*, char* error,
+                size_t size) {
   if (image->colorChannels == 0 || image->width() < 1 || image->height() < 1 || image->width() > kMaxWidth) {
     fail(error, size, "OpenEXR pictures need colour channels and a size");
     return nullptr;
@@ -434,15 +440,19 @@ void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const*
   w->floats = image->colorKind == PXF_FLOAT && image->colorBits == 32;
   w->decreasing = image->orientation == PXF_BOTTOM_UP;
   // Half unless asked for floats, or the picture came from floats.
-  bool floatSamples = pxfplugin::setting(settings, kFloatCode, image->storedKind == PXF_STORED_FLOAT ? 1.0f : 0.0f) != 0.0f;
+  bool floatSamples =
+      pxfplugin::setting(settings, kFloatCode, image->storedKind == PXF_STORED_FLOAT ? 1.0f : 0.0f) != 0.0f;
   w->type = floatSamples ? Imf::FLOAT : Imf::HALF;
   int rc = guarded(error, size, [&] {
     startThreads();
-    Imf::Header header = headerFor(*w, image, compression, pxfplugin::setting(settings, pxfplugin::kDpiCode, image->dpi));
+    Imf::Header header =
+        headerFor(*w, image, compression, pxfplugin::setting(settings, pxfplugin::kDpiCode, image->dpi));
     w->band = bandLines(header, w->width, w->height);
     for (int s = 0; s < kSlots; ++s) {
-      if (w->type == Imf::HALF && s != kDepth) w->halves[s].resize(size_t(w->width) * size_t(w->band));
-      else w->samples[s].resize(size_t(w->width) * size_t(w->band));
+      if (w->type == Imf::HALF && s != kDepth)
+        w->halves[s].resize(size_t(w->width) * size_t(w->band));
+      else
+        w->samples[s].resize(size_t(w->width) * size_t(w->band));
     }
     w->stream = std::make_unique<OutStream>(out);
     w->file = std::make_unique<Imf::OutputFile>(*w->stream, header);
@@ -550,9 +560,25 @@ const PxfCapability kCapabilities[] = {
 
 }  // namespace
 
-PXF_IMAGE_PLUGIN("exr", "exr", "OpenEXR",
-                 "OpenEXR, half, float and integer channels, with alpha and Z depth",
-                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 3u, (1u << 7) | (1u << 15) | (1u << 31), 1u, 1u,
-                               0x80000000u, uint8_t(PXF_FLOAT_DEPTH | PXF_TILES | PXF_PREMULTIPLIED_ALPHA), true, true,
-                               kCapabilities, 3, recognise, openRead, nullptr,
-                               readRow, openWrite, nullptr, writeRow, closeFile, PXF_HOLDS_HALF | PXF_HOLDS_FLOAT}));
+PXF_IMAGE_PLUGIN("exr", "exr", "OpenEXR", "OpenEXR, half, float and integer channels, with alpha and Z depth",
+                 (PxfPluginOps{PXF_PLUGIN_VERSION,
+                               sizeof(PxfPluginOps),
+                               3u,
+                               (1u << 7) | (1u << 15) | (1u << 31),
+                               1u,
+                               1u,
+                               0x80000000u,
+                               uint8_t(PXF_FLOAT_DEPTH | PXF_TILES | PXF_PREMULTIPLIED_ALPHA),
+                               true,
+                               true,
+                               kCapabilities,
+                               3,
+                               recognise,
+                               openRead,
+                               nullptr,
+                               readRow,
+                               openWrite,
+                               nullptr,
+                               writeRow,
+                               closeFile,
+                               PXF_HOLDS_HALF | PXF_HOLDS_FLOAT}));

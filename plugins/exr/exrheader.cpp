@@ -14,12 +14,11 @@ struct Fixed {
   const char* type;
   int64_t bytes;
 };
-constexpr Fixed kFixed[] = {{"box2i", 16},       {"box2f", 16},     {"compression", 1}, {"lineOrder", 1},
-                            {"envmap", 1},       {"deepImageState", 1}, {"int", 4},     {"float", 4},
-                            {"double", 8},       {"v2i", 8},        {"v2f", 8},         {"v2d", 16},
-                            {"v3i", 12},         {"v3f", 12},       {"v3d", 24},        {"m33f", 36},
-                            {"m33d", 72},        {"m44f", 64},      {"m44d", 128},      {"rational", 8},
-                            {"tiledesc", 9},     {"keycode", 28},   {"timecode", 8},    {"chromaticities", 32}};
+constexpr Fixed kFixed[] = {
+    {"box2i", 16}, {"box2f", 16},   {"compression", 1}, {"lineOrder", 1}, {"envmap", 1},   {"deepImageState", 1},
+    {"int", 4},    {"float", 4},    {"double", 8},      {"v2i", 8},       {"v2f", 8},      {"v2d", 16},
+    {"v3i", 12},   {"v3f", 12},     {"v3d", 24},        {"m33f", 36},     {"m33d", 72},    {"m44f", 64},
+    {"m44d", 128}, {"rational", 8}, {"tiledesc", 9},    {"keycode", 28},  {"timecode", 8}, {"chromaticities", 32}};
 
 class Walk {
  public:
@@ -47,7 +46,8 @@ class Walk {
   }
   bool skip(int64_t n) {
     int64_t at = in_->tell(in_->user);
-    if (n < 0 || at + n > total_ || in_->seek(in_->user, at + n) != 0) return damaged("claims more bytes than the file holds");
+    if (n < 0 || at + n > total_ || in_->seek(in_->user, at + n) != 0)
+      return damaged("claims more bytes than the file holds");
     return true;
   }
   int64_t at() const { return in_->tell(in_->user); }
@@ -90,7 +90,8 @@ bool attribute(Walk& w, int most, const std::string& type, int64_t length) {
   if (type == "chlist") return channelList(w, most, length);
   if (type == "preview") return preview(w, length);
   for (const Fixed& f : kFixed)
-    if (type == f.type) return (length == f.bytes || w.damaged("has a value of other than its type's size")) && w.skip(length);
+    if (type == f.type)
+      return (length == f.bytes || w.damaged("has a value of other than its type's size")) && w.skip(length);
   return w.skip(length);  // a string, a vector, or a type OpenEXR keeps as bytes
 }
 

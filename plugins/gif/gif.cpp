@@ -1,9 +1,8 @@
 // The GIF plug-in, on giflib: palette pictures and their frames, read as
 // RGB at 8 bits, with alpha where a frame leaves the screen clear (each
-// frame is drawn on a transparent canvas of the screen's size); written from an index channel and a look-up table, as the cube of
-// the IFF-to-GIF conversion gives them, one image a frame. Opening walks
-// the file's records without decoding, to count the frames; a frame's
-// lines are decoded as its rows are asked for (an interlaced frame whole).
+// frame is drawn on a transparent canvas of the screen's size); written from an index channel and a look-up table, as
+// the cube of the IFF-to-GIF conversion gives them, one image a frame. Opening walks the file's records without
+// decoding, to count the frames; a frame's lines are decoded as its rows are asked for (an interlaced frame whole).
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -35,10 +34,10 @@ struct State {
   bool writing = false;
   int32_t width = 0, height = 0;
   std::vector<Frame> frames;
-  int frame = 0;          // the frame rows come from
-  int decodedUpTo = -1;   // the frame whose description the decoder stands at
-  int32_t next = 0;       // the next canvas row (from the top)
-  int32_t frameLine = 0;  // lines of the frame decoded
+  int frame = 0;                          // the frame rows come from
+  int decodedUpTo = -1;                   // the frame whose description the decoder stands at
+  int32_t next = 0;                       // the next canvas row (from the top)
+  int32_t frameLine = 0;                  // lines of the frame decoded
   std::vector<GifPixelType> line, whole;  // one frame line; an interlaced frame's lines
   std::vector<uint8_t> canvasRow;         // RGBA
   int frameCount = 0;
@@ -48,8 +47,10 @@ struct State {
 // Whatever giflib holds goes with the state, on every way out.
 State::~State() {
   int code = 0;
-  if (gif && writing) EGifCloseFile(gif, &code);
-  else if (gif) DGifCloseFile(gif, &code);
+  if (gif && writing)
+    EGifCloseFile(gif, &code);
+  else if (gif)
+    DGifCloseFile(gif, &code);
 }
 
 int recognise(const uint8_t* b, size_t n) {
@@ -92,7 +93,8 @@ bool nextImage(State* s, Frame& frame, char* error, size_t size) {
   GifRecordType type;
   frame.transparent = NO_TRANSPARENT_COLOR;
   for (;;) {
-    if (DGifGetRecordType(s->gif, &type) != GIF_OK) return fail(error, size, "%s", GifErrorString(s->gif->Error)), false;
+    if (DGifGetRecordType(s->gif, &type) != GIF_OK)
+      return fail(error, size, "%s", GifErrorString(s->gif->Error)), false;
     if (type == TERMINATE_RECORD_TYPE) return fail(error, size, "the file ends before its next frame"), false;
     if (type == EXTENSION_RECORD_TYPE) {
       int code = 0;
@@ -123,7 +125,8 @@ bool nextImage(State* s, Frame& frame, char* error, size_t size) {
 bool skipPixels(State* s, char* error, size_t size) {
   int code = 0;
   GifByteType* block = nullptr;
-  if (DGifGetCode(s->gif, &code, &block) != GIF_OK) return fail(error, size, "%s", GifErrorString(s->gif->Error)), false;
+  if (DGifGetCode(s->gif, &code, &block) != GIF_OK)
+    return fail(error, size, "%s", GifErrorString(s->gif->Error)), false;
   while (block)
     if (DGifGetCodeNext(s->gif, &block) != GIF_OK) return fail(error, size, "%s", GifErrorString(s->gif->Error)), false;
   return true;
@@ -154,7 +157,8 @@ void* openRead(PxfStream* in, PxfImageData* image, int32_t* frames, char* error,
     char scratch[8];
     if (!nextImage(s.get(), f, scratch, sizeof scratch)) break;
     uint64_t w = uint64_t(f.desc.Width), h = uint64_t(f.desc.Height);
-    if (!TplausibleSize(w, h, int64_t(s->bytes.size()), kPixelsPerByte) || !skipPixels(s.get(), scratch, sizeof scratch))
+    if (!TplausibleSize(w, h, int64_t(s->bytes.size()), kPixelsPerByte) ||
+        !skipPixels(s.get(), scratch, sizeof scratch))
       break;
     s->frames.push_back(std::move(f));
   }
@@ -325,7 +329,24 @@ int closeFile(void* state, char* error, size_t size) {
 }  // namespace
 
 PXF_IMAGE_PLUGIN("gif", "gif", "GIF", "Palette pictures and their frames",
-                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 2u, 1u << 7, 0u, 0u, 0u,
-                               uint8_t(PXF_MULTIFRAME | PXF_WRITES_INDEXES), true,
-                               true, nullptr, 0, recognise, openRead, setFrame, readRow, openWrite, nextFrame,
-                               writeRow, closeFile, 0}));
+                 (PxfPluginOps{PXF_PLUGIN_VERSION,
+                               sizeof(PxfPluginOps),
+                               2u,
+                               1u << 7,
+                               0u,
+                               0u,
+                               0u,
+                               uint8_t(PXF_MULTIFRAME | PXF_WRITES_INDEXES),
+                               true,
+                               true,
+                               nullptr,
+                               0,
+                               recognise,
+                               openRead,
+                               setFrame,
+                               readRow,
+                               openWrite,
+                               nextFrame,
+                               writeRow,
+                               closeFile,
+                               0}));

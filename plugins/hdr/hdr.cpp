@@ -62,6 +62,24 @@ int closeFile(void* state, char* error, size_t size) {
 }  // namespace
 
 PXF_IMAGE_PLUGIN("hdr", "hdr;pic;rgbe", "Radiance", "Radiance RGBE, high dynamic range",
-                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 3u, (1u << 7) | (1u << 15) | (1u << 31), 0u, 0u, 0u, 0,
-                               true, true, nullptr, 0, recognise, openRead, nullptr, pxfplugin::stbReadRow, openWrite, nullptr,
-                               writeRow, closeFile, PXF_HOLDS_FLOAT}));
+                 (PxfPluginOps{PXF_PLUGIN_VERSION,
+                               sizeof(PxfPluginOps),
+                               3u,
+                               (1u << 7) | (1u << 15) | (1u << 31),
+                               0u,
+                               0u,
+                               0u,
+                               0,
+                               true,
+                               true,
+                               nullptr,
+                               0,
+                               recognise,
+                               openRead,
+                               nullptr,
+                               pxfplugin::stbReadRow,
+                               openWrite,
+                               nullptr,
+                               writeRow,
+                               closeFile,
+                               PXF_HOLDS_FLOAT}));

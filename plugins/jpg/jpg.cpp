@@ -130,8 +130,10 @@ struct State {
 
 void release(State* s) {
   if (s->created) {
-    if (s->writing) jpeg_destroy_compress(&s->out);
-    else jpeg_destroy_decompress(&s->in);
+    if (s->writing)
+      jpeg_destroy_compress(&s->out);
+    else
+      jpeg_destroy_decompress(&s->in);
   }
   std::free(s->row);
   delete s;
@@ -154,8 +156,7 @@ bool readHeader(State* s, PxfImageData* image, char* error, size_t size) {
   if (s->in.jpeg_color_space == JCS_CMYK || s->in.jpeg_color_space == JCS_YCCK)
     return fail(error, size, "CMYK pictures are not read"), false;
   // A block of 8 x 8 pixels takes a bit at the least.
-  if (!pxfplugin::sizeAllowed(s->in.image_width, s->in.image_height, s->source.stream, 512, error, size))
-    return false;
+  if (!pxfplugin::sizeAllowed(s->in.image_width, s->in.image_height, s->source.stream, 512, error, size)) return false;
   s->in.out_color_space = s->in.num_components == 1 ? JCS_GRAYSCALE : JCS_RGB;
   jpeg_calc_output_dimensions(&s->in);
   s->width = int32_t(s->in.output_width);
@@ -164,8 +165,10 @@ bool readHeader(State* s, PxfImageData* image, char* error, size_t size) {
   pxfplugin::describePicture(image, s->width, s->height, PXF_TOP_DOWN, s->components, false, 8);
   image->compression = s->in.progressive_mode ? "JPEG, progressive" : "JPEG";
   if (s->in.saw_JFIF_marker && s->in.X_density > 0) {
-    if (s->in.density_unit == 1) image->dpi = float(s->in.X_density);
-    else if (s->in.density_unit == 2) image->dpi = float(s->in.X_density * 2.54);
+    if (s->in.density_unit == 1)
+      image->dpi = float(s->in.X_density);
+    else if (s->in.density_unit == 2)
+      image->dpi = float(s->in.X_density * 2.54);
     if (s->in.Y_density > 0) image->pixelAspect = float(s->in.Y_density) / float(s->in.X_density);
   }
   return true;
@@ -236,8 +239,8 @@ bool startWriting(State* s, int quality, float dpi) {
   return true;
 }
 
-void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*,
-                char* error, size_t size) {
+void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*, char* error,
+                size_t size) {
   auto* s = new State;
   s->writing = true;
   s->out.err = jpeg_std_error(&s->errors.base);
@@ -288,8 +291,10 @@ int closeFile(void* state, char* error, size_t size) {
   auto* s = static_cast<State*>(state);
   int rc = 0;
   if (s->writing) {
-    if (s->next != s->height) rc = fail(error, size, "only %d of %d rows were written", s->next, s->height);
-    else if (!finish(s)) rc = fail(error, size, "%s", s->errors.message);
+    if (s->next != s->height)
+      rc = fail(error, size, "only %d of %d rows were written", s->next, s->height);
+    else if (!finish(s))
+      rc = fail(error, size, "%s", s->errors.message);
   }
   release(s);
   return rc;
@@ -303,6 +308,24 @@ const PxfCapability kCapabilities[] = {
 }  // namespace
 
 PXF_IMAGE_PLUGIN("jpg", "jpg;jpeg", "JPEG", "JPEG pictures, 8 bits, grey and RGB",
-                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 2u, 1u << 7, 0u, 0u, 0u, 0, true, true,
-                               kCapabilities, 2, recognise, openRead, nullptr, readRow, openWrite, nullptr, writeRow,
-                               closeFile, 0}));
+                 (PxfPluginOps{PXF_PLUGIN_VERSION,
+                               sizeof(PxfPluginOps),
+                               2u,
+                               1u << 7,
+                               0u,
+                               0u,
+                               0u,
+                               0,
+                               true,
+                               true,
+                               kCapabilities,
+                               2,
+                               recognise,
+                               openRead,
+                               nullptr,
+                               readRow,
+                               openWrite,
+                               nullptr,
+                               writeRow,
+                               closeFile,
+                               0}));

@@ -75,9 +75,11 @@ int readRow(void* state, int32_t row, void* const* channels, int64_t stride, cha
     pxfplugin::deinterleave(s->line.data() + size_t(from[c]) * size_t(s->bytes), 4, s->bytes, channels, stride, c, 1,
                             s->width);
   if (s->matte)
-    pxfplugin::deinterleave(s->line.data() + 3 * size_t(s->bytes), 4, s->bytes, channels, stride, s->colors, 1, s->width);
-  if (s->depth) pxfplugin::deinterleave(reinterpret_cast<const uint8_t*>(s->zline.data()), 1, 4, channels, stride,
-                                        s->colors + (s->matte ? 1 : 0), 1, s->width);
+    pxfplugin::deinterleave(s->line.data() + 3 * size_t(s->bytes), 4, s->bytes, channels, stride, s->colors, 1,
+                            s->width);
+  if (s->depth)
+    pxfplugin::deinterleave(reinterpret_cast<const uint8_t*>(s->zline.data()), 1, 4, channels, stride,
+                            s->colors + (s->matte ? 1 : 0), 1, s->width);
   return 0;
 }
 
@@ -119,8 +121,10 @@ int writeRow(void* state, int32_t row, const void* const* channels, int64_t stri
   for (int c = 0; c < s->colors; ++c)
     pxfplugin::interleave(channels, stride, c, 1, s->bytes, line + size_t(to[c]) * size_t(s->bytes), s->width, 4);
   if (s->colors == 1)
-    for (int m : {0, 2}) pxfplugin::interleave(channels, stride, 0, 1, s->bytes, line + size_t(m) * size_t(s->bytes), s->width, 4);
-  if (s->matte) pxfplugin::interleave(channels, stride, s->colors, 1, s->bytes, line + 3 * size_t(s->bytes), s->width, 4);
+    for (int m : {0, 2})
+      pxfplugin::interleave(channels, stride, 0, 1, s->bytes, line + size_t(m) * size_t(s->bytes), s->width, 4);
+  if (s->matte)
+    pxfplugin::interleave(channels, stride, s->colors, 1, s->bytes, line + 3 * size_t(s->bytes), s->width, 4);
   if (int rc = ILwriteline(s->image, s->line.data(), nullptr)) return fail(error, size, "%s", FLstrerror(rc));
   s->next++;
   return 0;
@@ -139,6 +143,24 @@ int closeFile(void* state, char* error, size_t size) {
 }  // namespace
 
 PXF_IMAGE_PLUGIN("kelp", "iff", "IFF", "The application's own tiled format, through the IL library",
-                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 1u, (1u << 7) | (1u << 15), 1u, 0u, 0u,
-                               PXF_PREMULTIPLIED_ALPHA, true, true, nullptr, 0, recognise, openRead, nullptr, readRow,
-                               openWrite, nullptr, writeRow, closeFile, 0}));
+                 (PxfPluginOps{PXF_PLUGIN_VERSION,
+                               sizeof(PxfPluginOps),
+                               1u,
+                               (1u << 7) | (1u << 15),
+                               1u,
+                               0u,
+                               0u,
+                               PXF_PREMULTIPLIED_ALPHA,
+                               true,
+                               true,
+                               nullptr,
+                               0,
+                               recognise,
+                               openRead,
+                               nullptr,
+                               readRow,
+                               openWrite,
+                               nullptr,
+                               writeRow,
+                               closeFile,
+                               0}));

@@ -46,7 +46,8 @@ void readBytes(png_structp png, png_bytep data, size_t length) {
   auto* s = static_cast<State*>(png_get_io_ptr(png));
   while (length > 0) {
     int64_t n = s->stream->read(s->stream->user, data, int64_t(length));
-    if (n <= 0) png_error(png, n < 0 ? pxfplugin::streamError(s->stream, "the file cannot be read") : "the file ends early");
+    if (n <= 0)
+      png_error(png, n < 0 ? pxfplugin::streamError(s->stream, "the file cannot be read") : "the file ends early");
     data += n;
     length -= size_t(n);
   }
@@ -62,8 +63,10 @@ void flushBytes(png_structp) {}
 
 void release(State* s) {
   if (s->png) {
-    if (s->writing) png_destroy_write_struct(&s->png, &s->info);
-    else png_destroy_read_struct(&s->png, &s->info, nullptr);
+    if (s->writing)
+      png_destroy_write_struct(&s->png, &s->info);
+    else
+      png_destroy_read_struct(&s->png, &s->info, nullptr);
   }
   std::free(s->row);
   std::free(s->whole);
@@ -171,8 +174,8 @@ bool writeHeader(State* s, float dpi, int level) {
   png_set_write_fn(s->png, s, writeBytes, flushBytes);
   int type = s->colors == 3 ? (s->matte ? PNG_COLOR_TYPE_RGBA : PNG_COLOR_TYPE_RGB)
                             : (s->matte ? PNG_COLOR_TYPE_GRAY_ALPHA : PNG_COLOR_TYPE_GRAY);
-  png_set_IHDR(s->png, s->info, png_uint_32(s->width), png_uint_32(s->height), s->bytes * 8, type,
-               PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+  png_set_IHDR(s->png, s->info, png_uint_32(s->width), png_uint_32(s->height), s->bytes * 8, type, PNG_INTERLACE_NONE,
+               PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
   if (dpi >= 1.0f) {
     auto ppm = png_uint_32(double(dpi) / 0.0254 + 0.5);
     png_set_pHYs(s->png, s->info, ppm, ppm, PNG_RESOLUTION_METER);
@@ -183,8 +186,8 @@ bool writeHeader(State* s, float dpi, int level) {
   return true;
 }
 
-void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*,
-                char* error, size_t size) {
+void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*, char* error,
+                size_t size) {
   auto* s = new State;
   s->stream = out;
   s->writing = true;
@@ -237,8 +240,10 @@ int closeFile(void* state, char* error, size_t size) {
   auto* s = static_cast<State*>(state);
   int rc = 0;
   if (s->writing) {
-    if (s->next != s->height) rc = fail(error, size, "only %d of %d rows were written", s->next, s->height);
-    else if (!writeEnd(s)) rc = fail(error, size, "%s", s->message);
+    if (s->next != s->height)
+      rc = fail(error, size, "only %d of %d rows were written", s->next, s->height);
+    else if (!writeEnd(s))
+      rc = fail(error, size, "%s", s->message);
   }
   release(s);
   return rc;
@@ -253,6 +258,24 @@ const PxfCapability kCapabilities[] = {
 }  // namespace
 
 PXF_IMAGE_PLUGIN("png", "png", "PNG", "Portable Network Graphics, 8 and 16 bits, with alpha",
-                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 2u, (1u << 7) | (1u << 15), 1u, 0u, 0u, 0,
-                               true, true, kCapabilities, 2, recognise, openRead, nullptr, readRow, openWrite, nullptr,
-                               writeRow, closeFile, 0}));
+                 (PxfPluginOps{PXF_PLUGIN_VERSION,
+                               sizeof(PxfPluginOps),
+                               2u,
+                               (1u << 7) | (1u << 15),
+                               1u,
+                               0u,
+                               0u,
+                               0,
+                               true,
+                               true,
+                               kCapabilities,
+                               2,
+                               recognise,
+                               openRead,
+                               nullptr,
+                               readRow,
+                               openWrite,
+                               nullptr,
+                               writeRow,
+                               closeFile,
+                               0}));

@@ -7,12 +7,12 @@
 // libnetpbm reports errors through pm_error, which longjmps to the buffer
 // we give it: every call into it stands behind a setjmp in a function that
 // holds nothing needing destruction.
+#include <strings.h>
 #include <csetjmp>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
-#include <strings.h>
 #include <string>
 #include <vector>
 
@@ -50,14 +50,14 @@ struct State {
   bool writing = false;
   struct pam pam {};
   tuple* row = nullptr;
-  int colors = 0;       // of the framework's picture
+  int colors = 0;  // of the framework's picture
   bool matte = false;
-  int outColors = 0;    // of the file written: 3, or 1 for grey and black and white
+  int outColors = 0;  // of the file written: 3, or 1 for grey and black and white
   bool outMatte = false;
-  bool bits1 = false;   // black and white
+  bool bits1 = false;  // black and white
   unsigned int opacityPlane = 0;
-  int32_t outBits = 8;  // of the framework's samples
-  int32_t next = 0;     // rows handled, from the top
+  int32_t outBits = 8;       // of the framework's samples
+  int32_t next = 0;          // rows handled, from the top
   jmp_buf* saved = nullptr;  // the jump buffer libnetpbm had before ours
 };
 
@@ -97,15 +97,17 @@ void writeHeader(State* s) { pnm_writepaminit(&s->pam); }
 void writeNext(State* s) { pnm_writepamrow(&s->pam, s->row); }
 
 int recognise(const uint8_t* b, size_t n) {
-  return n >= 3 && b[0] == 'P' && b[1] >= '1' && b[1] <= '7' && (b[2] == ' ' || b[2] == '\n' || b[2] == '\r' ||
-                                                                   b[2] == '\t' || b[2] == '#');
+  return n >= 3 && b[0] == 'P' && b[1] >= '1' && b[1] <= '7' &&
+         (b[2] == ' ' || b[2] == '\n' || b[2] == '\r' || b[2] == '\t' || b[2] == '#');
 }
 
 // What libnetpbm would refuse of a tuple type with this depth and maxval.
 std::string tupleTypeProblem(const std::string& type, unsigned long depth, unsigned long maxval) {
   if (type.rfind("BLACKANDWHITE", 0) == 0 && maxval != 1) return "a BLACKANDWHITE PAM picture needs a MAXVAL of 1";
-  unsigned long least = type == "RGB_ALPHA" ? 4 : type == "RGB" ? 3
-                      : (type == "GRAYSCALE_ALPHA" || type == "BLACKANDWHITE_ALPHA") ? 2 : 1;
+  unsigned long least = type == "RGB_ALPHA"                                            ? 4
+                        : type == "RGB"                                                ? 3
+                        : (type == "GRAYSCALE_ALPHA" || type == "BLACKANDWHITE_ALPHA") ? 2
+                                                                                       : 1;
   if (depth < least) return "the PAM header's DEPTH is too small for its tuple type";
   return {};
 }
@@ -143,7 +145,8 @@ std::string pamHeaderProblem(FILE* file) {
       if (w == "TUPLTYPE") {
         // The text after the word; several lines join with a space.
         std::string text = line + std::strspn(line, " \t") + 8;
-        text = text.substr(text.find_first_not_of(" \t") == std::string::npos ? text.size() : text.find_first_not_of(" \t"));
+        text = text.substr(text.find_first_not_of(" \t") == std::string::npos ? text.size()
+                                                                              : text.find_first_not_of(" \t"));
         text = text.substr(0, text.find_last_not_of(" \t\r\n") + 1);
         if (text.empty()) {
           problem = "a PAM header's TUPLTYPE line has no tuple type";
@@ -157,10 +160,14 @@ std::string pamHeaderProblem(FILE* file) {
         continue;
       }
       bool number = std::sscanf(line, "%15s %lu %c", word, &value, &extra) == 2 && value <= 0x7FFFFFFF;
-      unsigned long* field = w == "WIDTH" ? &width : w == "HEIGHT" ? &height : w == "DEPTH" ? &depth
-                           : w == "MAXVAL" ? &maxval : nullptr;
+      unsigned long* field = w == "WIDTH"    ? &width
+                             : w == "HEIGHT" ? &height
+                             : w == "DEPTH"  ? &depth
+                             : w == "MAXVAL" ? &maxval
+                                             : nullptr;
       if (!field || !number) {
-        problem = "the PAM header line \"" + std::string(line, std::strcspn(line, "\r\n")) + "\" is not one it may hold";
+        problem =
+            "the PAM header line \"" + std::string(line, std::strcspn(line, "\r\n")) + "\" is not one it may hold";
         break;
       }
       *field = value;
@@ -215,8 +222,9 @@ void* openRead(PxfStream* in, PxfImageData* image, int32_t* frames, char* error,
   s->row = pnm_allocpamrow(&s->pam);
   pxfplugin::describePicture(image, p.width, p.height, PXF_TOP_DOWN, s->colors, s->matte, s->outBits);
   image->storedBits = int32_t(pm_maxvaltobits(int(p.maxval)));
-  image->compression = p.format == PAM_FORMAT ? "PAM" : (p.format == PPM_FORMAT || p.format == PGM_FORMAT ||
-                                                          p.format == PBM_FORMAT) ? "plain" : "raw";
+  image->compression = p.format == PAM_FORMAT                                                         ? "PAM"
+                       : (p.format == PPM_FORMAT || p.format == PGM_FORMAT || p.format == PBM_FORMAT) ? "plain"
+                                                                                                      : "raw";
   *frames = 1;
   return s;
 }
@@ -232,14 +240,17 @@ int readRow(void* state, int32_t row, void* const* channels, int64_t stride, cha
     tuple* in = s->row;
     int width = s->pam.width;
     if (s->outBits == 8 && maxval == full) {  // the common case, without scaling
-      for (int x = 0; x < width; ++x) *pxfplugin::sampleAt<uint8_t>(channels[channel], stride, x) = uint8_t(in[x][plane]);
+      for (int x = 0; x < width; ++x)
+        *pxfplugin::sampleAt<uint8_t>(channels[channel], stride, x) = uint8_t(in[x][plane]);
       return;
     }
     for (int x = 0; x < width; ++x) {
       sample v = in[x][plane];
       unsigned long scaled = maxval == full ? v : (v * full + maxval / 2) / maxval;
-      if (s->outBits == 16) *pxfplugin::sampleAt<uint16_t>(channels[channel], stride, x) = uint16_t(scaled);
-      else *pxfplugin::sampleAt<uint8_t>(channels[channel], stride, x) = uint8_t(scaled);
+      if (s->outBits == 16)
+        *pxfplugin::sampleAt<uint16_t>(channels[channel], stride, x) = uint16_t(scaled);
+      else
+        *pxfplugin::sampleAt<uint8_t>(channels[channel], stride, x) = uint8_t(scaled);
     }
   };
   unsigned colourPlanes[3] = {0, 1, 2};
@@ -267,10 +278,13 @@ void chooseLayout(State* s, char variant) {
   s->bits1 = variant == 'b';
   p.depth = unsigned(s->outColors + (s->outMatte ? 1 : 0));
   p.maxval = s->bits1 ? 1 : s->outBits == 16 ? 65535 : 255;
-  if (variant == 'a' || s->outMatte) p.format = PAM_FORMAT;
-  else if (s->bits1) p.format = RPBM_FORMAT;
-  else p.format = s->outColors == 3 ? RPPM_FORMAT : RPGM_FORMAT;
-  const char* type = s->bits1 ? "BLACKANDWHITE"
+  if (variant == 'a' || s->outMatte)
+    p.format = PAM_FORMAT;
+  else if (s->bits1)
+    p.format = RPBM_FORMAT;
+  else
+    p.format = s->outColors == 3 ? RPPM_FORMAT : RPGM_FORMAT;
+  const char* type = s->bits1            ? "BLACKANDWHITE"
                      : s->outColors == 3 ? (s->outMatte ? "RGB_ALPHA" : "RGB")
                                          : (s->outMatte ? "GRAYSCALE_ALPHA" : "GRAYSCALE");
   std::snprintf(p.tuple_type, sizeof p.tuple_type, "%s", type);
@@ -349,6 +363,24 @@ int closeFile(void* state, char* error, size_t size) {
 }  // namespace
 
 PXF_IMAGE_PLUGIN("pnm", "pnm;ppm;pgm;pbm;pam", "Netpbm", "PBM, PGM, PPM and PAM, 8 and 16 bits, with alpha in PAM",
-                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 2u, (1u << 7) | (1u << 15), 1u, 0u, 0u, 0,
-                               true, true, nullptr, 0, recognise, openRead, nullptr, readRow, openWrite, nullptr,
-                               writeRow, closeFile, 0}));
+                 (PxfPluginOps{PXF_PLUGIN_VERSION,
+                               sizeof(PxfPluginOps),
+                               2u,
+                               (1u << 7) | (1u << 15),
+                               1u,
+                               0u,
+                               0u,
+                               0,
+                               true,
+                               true,
+                               nullptr,
+                               0,
+                               recognise,
+                               openRead,
+                               nullptr,
+                               readRow,
+                               openWrite,
+                               nullptr,
+                               writeRow,
+                               closeFile,
+                               0}));

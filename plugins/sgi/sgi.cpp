@@ -19,7 +19,9 @@ struct State {
   std::vector<uint16_t> row;
 };
 
-int recognise(const uint8_t* b, size_t n) { return n >= 2 && ((b[0] == 0x01 && b[1] == 0xDA) || (b[0] == 0xDA && b[1] == 0x01)); }
+int recognise(const uint8_t* b, size_t n) {
+  return n >= 2 && ((b[0] == 0x01 && b[1] == 0xDA) || (b[0] == 0xDA && b[1] == 0x01));
+}
 
 // The SGI library opens files by name: the stream's own, or a copy in memory.
 void* openRead(PxfStream* in, PxfImageData* image, int32_t* frames, char* error, size_t size) {
@@ -44,8 +46,10 @@ void* openRead(PxfStream* in, PxfImageData* image, int32_t* frames, char* error,
 
 void store(const std::vector<uint16_t>& row, void* channel, int64_t stride, int bytes, int32_t width) {
   for (int32_t x = 0; x < width; ++x) {
-    if (bytes == 2) *pxfplugin::sampleAt<uint16_t>(channel, stride, x) = row[size_t(x)];
-    else *pxfplugin::sampleAt<uint8_t>(channel, stride, x) = uint8_t(row[size_t(x)]);
+    if (bytes == 2)
+      *pxfplugin::sampleAt<uint16_t>(channel, stride, x) = row[size_t(x)];
+    else
+      *pxfplugin::sampleAt<uint8_t>(channel, stride, x) = uint8_t(row[size_t(x)]);
   }
 }
 
@@ -53,14 +57,15 @@ int readRow(void* state, int32_t row, void* const* channels, int64_t stride, cha
   auto* s = static_cast<State*>(state);
   unsigned used = s->channels >= 4 ? 4 : s->channels;
   for (unsigned z = 0; z < used; ++z) {
-    if (getrow(s->image, s->row.data(), unsigned(row), z) != s->width) return fail(error, size, "row %d cannot be read", row);
+    if (getrow(s->image, s->row.data(), unsigned(row), z) != s->width)
+      return fail(error, size, "row %d cannot be read", row);
     store(s->row, channels[z], stride, s->bytes, s->width);
   }
   return 0;
 }
 
-void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*,
-                char* error, size_t size) {
+void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*, char* error,
+                size_t size) {
   const char* name = out->path(out->user);
   if (!name) return fail(error, size, "%s", pxfplugin::streamError(out, "the stream cannot be written")), nullptr;
   auto* s = new State;
@@ -87,7 +92,8 @@ int writeRow(void* state, int32_t row, const void* const* channels, int64_t stri
     for (int32_t x = 0; x < s->width; ++x)
       s->row[size_t(x)] = s->bytes == 2 ? pxfplugin::sampleOf<uint16_t>(channels[z], stride, x)
                                         : pxfplugin::sampleOf<uint8_t>(channels[z], stride, x);
-    if (putrow(s->image, s->row.data(), unsigned(row), z) != s->width) return fail(error, size, "row %d cannot be written", row);
+    if (putrow(s->image, s->row.data(), unsigned(row), z) != s->width)
+      return fail(error, size, "row %d cannot be written", row);
   }
   return 0;
 }
@@ -105,6 +111,24 @@ const PxfCapability kCapabilities[] = {
 }  // namespace
 
 PXF_IMAGE_PLUGIN("sgi", "sgi;rgb;rgba;bw", "SGI", "Silicon Graphics rgb files, verbatim or run-length, 8 and 16 bits",
-                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 1u, (1u << 7) | (1u << 15), 1u, 0u, 0u, PXF_PREMULTIPLIED_ALPHA,
-                               true, true, kCapabilities, 1, recognise, openRead, nullptr, readRow, openWrite, nullptr,
-                               writeRow, closeFile, 0}));
+                 (PxfPluginOps{PXF_PLUGIN_VERSION,
+                               sizeof(PxfPluginOps),
+                               1u,
+                               (1u << 7) | (1u << 15),
+                               1u,
+                               0u,
+                               0u,
+                               PXF_PREMULTIPLIED_ALPHA,
+                               true,
+                               true,
+                               kCapabilities,
+                               1,
+                               recognise,
+                               openRead,
+                               nullptr,
+                               readRow,
+                               openWrite,
+                               nullptr,
+                               writeRow,
+                               closeFile,
+                               0}));

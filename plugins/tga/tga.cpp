@@ -31,8 +31,8 @@ void* openRead(PxfStream* in, PxfImageData* image, int32_t* frames, char* error,
   pxfplugin::StbState* s = pxfplugin::stbOpen(in, false, 64, error, size);
   if (!s) return nullptr;
   int n = s->picture.channels;
-  pxfplugin::describePicture(image, s->picture.width, s->picture.height, PXF_TOP_DOWN, n >= 3 ? 3 : 1,
-                             n == 2 || n == 4, 8);
+  pxfplugin::describePicture(image, s->picture.width, s->picture.height, PXF_TOP_DOWN, n >= 3 ? 3 : 1, n == 2 || n == 4,
+                             8);
   *frames = 1;
   return s;
 }
@@ -62,6 +62,24 @@ int closeFile(void* state, char* error, size_t size) {
 }  // namespace
 
 PXF_IMAGE_PLUGIN("tga", "tga;icb;vda;vst", "Targa", "Truevision Targa, 8 bits, raw, run-length and colour-mapped",
-                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 3u, 1u << 7, 1u, 0u, 0u, PXF_WEAK_SIGNATURE,
-                               true, true, nullptr, 0, recognise, openRead, nullptr, pxfplugin::stbReadRow, openWrite, nullptr,
-                               writeRow, closeFile, 0}));
+                 (PxfPluginOps{PXF_PLUGIN_VERSION,
+                               sizeof(PxfPluginOps),
+                               3u,
+                               1u << 7,
+                               1u,
+                               0u,
+                               0u,
+                               PXF_WEAK_SIGNATURE,
+                               true,
+                               true,
+                               nullptr,
+                               0,
+                               recognise,
+                               openRead,
+                               nullptr,
+                               pxfplugin::stbReadRow,
+                               openWrite,
+                               nullptr,
+                               writeRow,
+                               closeFile,
+                               0}));

@@ -6,9 +6,9 @@
 // the first row is asked for. Writing: 8 or 16-bit integers or 32-bit
 // floats, LZW, Deflate or none, one page a frame, alpha tagged as what it
 // is. Bytes go through the framework's stream.
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
-#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -310,8 +310,8 @@ bool startPage(State* s, const PxfImageData* image, float dpi) {
   return s->width > 0 && s->height > 0;
 }
 
-void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*,
-                char* error, size_t size) {
+void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*, char* error,
+                size_t size) {
   tMessage[0] = '\0';
   if (image->colorChannels == 0) {
     fail(error, size, "TIFF pictures here need colour channels");
@@ -359,8 +359,10 @@ int closeFile(void* state, char* error, size_t size) {
   int rc = 0;
   tMessage[0] = '\0';
   if (s->writing) {
-    if (s->next != s->height) rc = fail(error, size, "only %d of %d rows were written", s->next, s->height);
-    else if (!TIFFFlush(s->tif)) rc = fail(error, size, "%s", lastMessage("the file cannot be written"));
+    if (s->next != s->height)
+      rc = fail(error, size, "only %d of %d rows were written", s->next, s->height);
+    else if (!TIFFFlush(s->tif))
+      rc = fail(error, size, "%s", lastMessage("the file cannot be written"));
   }
   TIFFClose(s->tif);
   delete s;
@@ -375,7 +377,24 @@ const PxfCapability kCapabilities[] = {
 }  // namespace
 
 PXF_IMAGE_PLUGIN("tif", "tif;tiff", "TIFF", "Tagged image files: 8, 16 and 32-bit float samples, pages as frames",
-                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 2u, (1u << 7) | (1u << 15) | (1u << 31), 1u,
-                               0u, 0u, uint8_t(PXF_MULTIFRAME | PXF_TILES | PXF_ANY_ASSOCIATION), true, true, kCapabilities, 2,
-                               recognise, openRead, setFrame,
-                               readRow, openWrite, nextFrame, writeRow, closeFile, 0}));
+                 (PxfPluginOps{PXF_PLUGIN_VERSION,
+                               sizeof(PxfPluginOps),
+                               2u,
+                               (1u << 7) | (1u << 15) | (1u << 31),
+                               1u,
+                               0u,
+                               0u,
+                               uint8_t(PXF_MULTIFRAME | PXF_TILES | PXF_ANY_ASSOCIATION),
+                               true,
+                               true,
+                               kCapabilities,
+                               2,
+                               recognise,
+                               openRead,
+                               setFrame,
+                               readRow,
+                               openWrite,
+                               nextFrame,
+                               writeRow,
+                               closeFile,
+                               0}));

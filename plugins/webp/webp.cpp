@@ -34,9 +34,9 @@ struct Reader {
   int32_t frames = 0;
   bool animated = false;
   bool matte = false;
-  int32_t wanted = 0;  // the frame the rows come from
-  int32_t frame = -1;  // the frame `canvas` shows
-  const uint8_t* canvas = nullptr;  // RGBA rows from the top: the decoder's, or `still`
+  int32_t wanted = 0;                // the frame the rows come from
+  int32_t frame = -1;                // the frame `canvas` shows
+  const uint8_t* canvas = nullptr;   // RGBA rows from the top: the decoder's, or `still`
   std::unique_ptr<uint8_t[]> still;  // a picture of one frame, decoded straight into place
   ~Reader() {
     if (decoder) WebPAnimDecoderDelete(decoder);
@@ -174,8 +174,8 @@ int readRow(void* state, int32_t row, void* const* channels, int64_t stride, cha
   return 0;
 }
 
-void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*,
-                char* error, size_t size) {
+void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const* settings, const PxfLut*, char* error,
+                size_t size) {
   int32_t w = image->width(), h = image->height();
   if (image->colorChannels == 0 || w < 1 || h < 1) {
     fail(error, size, "WebP pictures need colour channels and a size");
@@ -222,7 +222,8 @@ int writeRow(void* state, int32_t row, const void* const* channels, int64_t stri
   uint8_t* line = w.canvas.data() + size_t(w.height - 1 - row) * size_t(w.width) * 4;
   for (int c = 0; c < 3; ++c) {
     const void* from = channels[w.colors == 3 ? c : 0];
-    for (int32_t x = 0; x < w.width; ++x) line[size_t(x) * 4 + size_t(c)] = pxfplugin::sampleOf<uint8_t>(from, stride, x);
+    for (int32_t x = 0; x < w.width; ++x)
+      line[size_t(x) * 4 + size_t(c)] = pxfplugin::sampleOf<uint8_t>(from, stride, x);
   }
   if (w.matte)
     for (int32_t x = 0; x < w.width; ++x)
@@ -293,6 +294,24 @@ const PxfCapability kCapabilities[] = {
 }  // namespace
 
 PXF_IMAGE_PLUGIN("webp", "webp", "WebP", "WebP, lossy and lossless, with alpha and animation frames",
-                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 3u, 1u << 7, 1u, 0u, 0u, PXF_MULTIFRAME, true,
-                               true, kCapabilities, 2, recognise, openRead, setFrame, readRow, openWrite, nextFrame,
-                               writeRow, closeFile, 0}));
+                 (PxfPluginOps{PXF_PLUGIN_VERSION,
+                               sizeof(PxfPluginOps),
+                               3u,
+                               1u << 7,
+                               1u,
+                               0u,
+                               0u,
+                               PXF_MULTIFRAME,
+                               true,
+                               true,
+                               kCapabilities,
+                               2,
+                               recognise,
+                               openRead,
+                               setFrame,
+                               readRow,
+                               openWrite,
+                               nextFrame,
+                               writeRow,
+                               closeFile,
+                               0}));

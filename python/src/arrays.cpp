@@ -33,7 +33,8 @@ TimageSpec specOf(const py::array& array, bool premultiplied) {
   if (array.ndim() != 2 && array.ndim() != 3)
     throw py::value_error("a picture is an array of (height, width) or (height, width, channels)");
   const py::ssize_t channels = array.ndim() == 3 ? array.shape(2) : 1;
-  if (channels < 1 || channels > 4) throw py::value_error("a picture has 1 to 4 channels, not " + std::to_string(channels));
+  if (channels < 1 || channels > 4)
+    throw py::value_error("a picture has 1 to 4 channels, not " + std::to_string(channels));
   if (array.shape(0) < 1 || array.shape(1) < 1 || array.shape(0) > 65535 || array.shape(1) > 65535)
     throw py::value_error("a picture's sides are from 1 to 65535");
   TimageSpec spec;

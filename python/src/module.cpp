@@ -73,7 +73,7 @@ std::string convert(const std::string& input, const std::string& output, const s
 }
 
 py::array resizeArray(const py::array& array, int32_t width, int32_t height, const std::string& filter, float blurX,
-                 float blurY, bool premultiplied) {
+                      float blurY, bool premultiplied) {
   TimageSpec spec = specOf(array, premultiplied);
   py::array in = contiguous(array);
   py::array out = newPicture(height, width, spec.channels(), spec.sampleType);
@@ -97,8 +97,10 @@ py::list frameFiles(const std::string& pattern, const std::string& frames) {
     throw py::value_error("not a frame pattern (name.####.ext, name.#.ext or name.%04d.ext): " + pattern);
   std::vector<long> numbers;
   std::string why;
-  if (frames.empty()) numbers = p.onDisk();
-  else if (!TframePattern::parseRange(frames, numbers, why)) throw py::value_error(why);
+  if (frames.empty())
+    numbers = p.onDisk();
+  else if (!TframePattern::parseRange(frames, numbers, why))
+    throw py::value_error(why);
   py::list out;
   for (long n : numbers) out.append(py::make_tuple(n, p.name(n)));
   return out;
@@ -117,8 +119,8 @@ PYBIND11_MODULE(_kelpimage, m) {
   m.def("formats", &formats, "Every format the library knows, as dicts.");
   m.def("convert", &convert, py::arg("input"), py::arg("output"), py::arg("format") = "", py::arg("frame") = -1,
         py::arg("width") = 0, py::arg("height") = 0, py::arg("filter") = "", py::arg("blur_x") = 0.0f,
-        py::arg("blur_y") = 0.0f, py::arg("lenient") = false, py::arg("threads") = 0,
-        py::arg("options") = py::dict(), "A file into another format in one pass; gives the warnings.");
+        py::arg("blur_y") = 0.0f, py::arg("lenient") = false, py::arg("threads") = 0, py::arg("options") = py::dict(),
+        "A file into another format in one pass; gives the warnings.");
   m.def("resize", &resizeArray, py::arg("array"), py::arg("width"), py::arg("height"), py::arg("filter") = "",
         py::arg("blur_x") = 0.0f, py::arg("blur_y") = 0.0f, py::arg("premultiplied") = false);
   m.def("frame_files", &frameFiles, py::arg("pattern"), py::arg("frames") = "",

@@ -128,7 +128,8 @@ class Psd {
       if (spec.alpha) pixels->setTrans(uint32_t(i), sample(at + channels - 1));
     }
     TrgbaData image(w, h, pixels.release(), 4, false);
-    if (!fDoc.addNormalLayer(Tstring(name.c_str()), &image)) throw Failure(fPath + ": " + reason("the layer cannot be added"));
+    if (!fDoc.addNormalLayer(Tstring(name.c_str()), &image))
+      throw Failure(fPath + ": " + reason("the layer cannot be added"));
   }
 
   void save(const py::object& target) {
@@ -175,15 +176,22 @@ void bindPsd(py::module_& m) {
       .def_property_readonly("blend_mode", [](const Layer& l) { return keyText(l.layer->fBlendKey); })
       .def_property_readonly("opacity", [](const Layer& l) { return int(l.layer->fOpacity); })
       .def_property_readonly("visible", [](const Layer& l) { return !l.layer->isHidden(); })
-      .def_property_readonly("bbox", [](const Layer& l) {
-        const TlRect& r = l.layer->fRect;
-        return py::make_tuple(r.left, r.top, r.right, r.bottom);
-      }, "(left, top, right, bottom) in the document")
-      .def_property_readonly("pixels", [](const Layer& l) {
-        if (l.layer->isEmpty()) return py::array(py::dtype::of<uint8_t>(), std::vector<py::ssize_t>{0, 0, 4});
-        return readPart(l.document->path(), "#" + std::to_string(l.index), "");
-      }, "The layer's rectangle as an array, colour straight, with its transparency")
-      .def_property_readonly("mask", [](Layer& l) { return maskOf(l); }, "The layer's mask over its own rectangle, or None")
+      .def_property_readonly(
+          "bbox",
+          [](const Layer& l) {
+            const TlRect& r = l.layer->fRect;
+            return py::make_tuple(r.left, r.top, r.right, r.bottom);
+          },
+          "(left, top, right, bottom) in the document")
+      .def_property_readonly(
+          "pixels",
+          [](const Layer& l) {
+            if (l.layer->isEmpty()) return py::array(py::dtype::of<uint8_t>(), std::vector<py::ssize_t>{0, 0, 4});
+            return readPart(l.document->path(), "#" + std::to_string(l.index), "");
+          },
+          "The layer's rectangle as an array, colour straight, with its transparency")
+      .def_property_readonly(
+          "mask", [](Layer& l) { return maskOf(l); }, "The layer's mask over its own rectangle, or None")
       .def("__repr__", [](const Layer& l) { return "<PsdLayer \"" + l.layer->fName.str() + "\">"; });
 
   py::class_<Psd>(m, "Psd", "A Photoshop document: its layers, its images, and edits saved whole.")
@@ -194,34 +202,49 @@ void bindPsd(py::module_& m) {
       .def_property_readonly("height", [](const Psd& p) { return p.fDoc.fImageHeight; })
       .def_property_readonly("depth", [](const Psd& p) { return int(p.fDoc.fDepth); })
       .def_property_readonly("layers", &Psd::layers, py::keep_alive<0, 1>(), "The ordinary layers, bottom first")
-      .def_property_readonly("sets", [](Psd& p) {
-        TstringArray names;
-        p.fDoc.readLayerSetNames(names);
-        std::vector<std::string> out;
-        for (int i = 0; i < names.length(); ++i) out.push_back(names[i].str());
-        return out;
-      }, "The outermost layer sets' names")
-      .def("composite", [](Psd& p) { return readPart(p.path(), "", ""); }, "The flattened image, colour straight")
-      .def("set_composite", [](Psd& p, const std::string& name) { return readPart(p.path(), "", name); },
-           py::arg("name"), "The composite of a layer set")
+      .def_property_readonly(
+          "sets",
+          [](Psd& p) {
+            TstringArray names;
+            p.fDoc.readLayerSetNames(names);
+            std::vector<std::string> out;
+            for (int i = 0; i < names.length(); ++i) out.push_back(names[i].str());
+            return out;
+          },
+          "The outermost layer sets' names")
+      .def(
+          "composite", [](Psd& p) { return readPart(p.path(), "", ""); }, "The flattened image, colour straight")
+      .def(
+          "set_composite", [](Psd& p, const std::string& name) { return readPart(p.path(), "", name); },
+          py::arg("name"), "The composite of a layer set")
       .def("add_layer", &Psd::addLayer, py::arg("name"), py::arg("pixels"),
            "A new layer on top, of the document's size and sample type")
-      .def("delete_layer", [](Psd& p, const std::string& name) {
-        p.layerNamed(name);
-        if (!p.fDoc.deleteLayer(Tstring(name.c_str()))) throw py::key_error("no ordinary layer \"" + name + "\"");
-      }, py::arg("name"))
-      .def("set_opacity", [](Psd& p, const std::string& name, int opacity) {
-        if (opacity < 0 || opacity > 255) throw py::value_error("opacity is from 0 to 255");
-        p.layerNamed(name);
-        p.fDoc.setOpacity(Tstring(name.c_str()), uint32_t(opacity));
-      }, py::arg("name"), py::arg("opacity"))
-      .def("set_blend_mode", [](Psd& p, const std::string& name, const std::string& mode) {
-        uint32_t key = keyOf(mode);
-        p.layerNamed(name);
-        p.fDoc.setBlendKey(Tstring(name.c_str()), key);
-      }, py::arg("name"), py::arg("mode"))
-      .def("add_set", [](Psd& p, const std::string& name) { p.fDoc.addNewLayerSet(Tstring(name.c_str())); },
-           py::arg("name"))
+      .def(
+          "delete_layer",
+          [](Psd& p, const std::string& name) {
+            p.layerNamed(name);
+            if (!p.fDoc.deleteLayer(Tstring(name.c_str()))) throw py::key_error("no ordinary layer \"" + name + "\"");
+          },
+          py::arg("name"))
+      .def(
+          "set_opacity",
+          [](Psd& p, const std::string& name, int opacity) {
+            if (opacity < 0 || opacity > 255) throw py::value_error("opacity is from 0 to 255");
+            p.layerNamed(name);
+            p.fDoc.setOpacity(Tstring(name.c_str()), uint32_t(opacity));
+          },
+          py::arg("name"), py::arg("opacity"))
+      .def(
+          "set_blend_mode",
+          [](Psd& p, const std::string& name, const std::string& mode) {
+            uint32_t key = keyOf(mode);
+            p.layerNamed(name);
+            p.fDoc.setBlendKey(Tstring(name.c_str()), key);
+          },
+          py::arg("name"), py::arg("mode"))
+      .def(
+          "add_set", [](Psd& p, const std::string& name) { p.fDoc.addNewLayerSet(Tstring(name.c_str())); },
+          py::arg("name"))
       .def("save", &Psd::save, py::arg("path"), "Writes the document whole, under a temporary name first");
 }
 

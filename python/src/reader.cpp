@@ -48,7 +48,8 @@ class Reader {
 
   py::array rows(int32_t y0, int32_t y1, bool premultiplied) {
     const TimageSpec& s = spec();
-    if (y0 < 0 || y1 > s.height || y0 > y1) throw py::index_error("rows " + std::to_string(y0) + " to " + std::to_string(y1) + " lie outside the picture");
+    if (y0 < 0 || y1 > s.height || y0 > y1)
+      throw py::index_error("rows " + std::to_string(y0) + " to " + std::to_string(y1) + " lie outside the picture");
     py::array out = newPicture(y1 - y0, s.width, s.channels(), s.sampleType);
     void* at = out.mutable_data();
     const Tassociation a = premultiplied ? Tassociation::kPremultiplied : Tassociation::kStraight;
@@ -111,9 +112,8 @@ void bindReader(py::module_& m) {
       .def_property_readonly("width", [](const Reader& r) { return r.spec().width; })
       .def_property_readonly("height", [](const Reader& r) { return r.spec().height; })
       .def_property_readonly("channels", [](const Reader& r) { return r.spec().channels(); })
-      .def_property_readonly("shape", [](const Reader& r) {
-        return py::make_tuple(r.spec().height, r.spec().width, r.spec().channels());
-      })
+      .def_property_readonly(
+          "shape", [](const Reader& r) { return py::make_tuple(r.spec().height, r.spec().width, r.spec().channels()); })
       .def_property_readonly("dtype", [](const Reader& r) { return dtypeOf(r.spec().sampleType); })
       .def_property_readonly("frames", [](const Reader& r) { return r.spec().frames; })
       .def_property_readonly("frame", [](const Reader& r) { return r.fReader.frame(); })
@@ -121,20 +121,25 @@ void bindReader(py::module_& m) {
       .def_property_readonly("name", [](const Reader& r) { return r.fReader.name(); })
       .def_property_readonly("has_depth", [](const Reader& r) { return r.spec().depth; })
       .def_property_readonly("warnings", [](const Reader& r) { return r.fReader.warnings(); })
-      .def("describe", [](const Reader& r) {
-        py::dict d = describe(r.spec());
-        d["format"] = r.fReader.format().key;
-        return d;
-      }, "The picture's description as a dict.")
+      .def(
+          "describe",
+          [](const Reader& r) {
+            py::dict d = describe(r.spec());
+            d["format"] = r.fReader.format().key;
+            return d;
+          },
+          "The picture's description as a dict.")
       .def("seek", &Reader::seek, py::arg("frame"), "Moves to another frame (from 0).")
-      .def("read", [](Reader& r, bool premultiplied) { return r.rows(0, r.spec().height, premultiplied); },
-           py::arg("premultiplied") = false, "The whole frame: an array of (height, width, channels).")
+      .def(
+          "read", [](Reader& r, bool premultiplied) { return r.rows(0, r.spec().height, premultiplied); },
+          py::arg("premultiplied") = false, "The whole frame: an array of (height, width, channels).")
       .def("read_rows", &Reader::rows, py::arg("y0"), py::arg("y1"), py::arg("premultiplied") = false,
            "Rows y0 up to y1, from the top.")
       .def("read_region", &Reader::region, py::arg("x0"), py::arg("y0"), py::arg("x1"), py::arg("y1"),
            py::arg("premultiplied") = false, "A rectangle, each end left out.")
       .def("read_depth", &Reader::depth, "The depth channel: float32 (height, width), -1/z, 0 for none.")
-      .def("__enter__", [](Reader& r) -> Reader& { return r; }, py::return_value_policy::reference)
+      .def(
+          "__enter__", [](Reader& r) -> Reader& { return r; }, py::return_value_policy::reference)
       .def("__exit__", [](Reader& r, const py::args&) { r.fReader.close(); })
       .def("close", [](Reader& r) { r.fReader.close(); });
 }

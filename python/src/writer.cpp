@@ -117,22 +117,28 @@ void bindWriter(py::module_& m) {
       .def_property_readonly("format", [](const Writer& w) { return w.fWriter.format().key; })
       .def_property_readonly("file_dtype", [](const Writer& w) { return dtypeOf(w.fWriter.spec().sampleType); })
       .def_property_readonly("warnings", [](const Writer& w) { return w.fWriter.warnings(); })
-      .def("write", [](Writer& w, const py::array& a, const py::object& depth) { w.rows(0, a, depth); },
-           py::arg("array"), py::arg("depth") = py::none(), "The whole frame.")
+      .def(
+          "write", [](Writer& w, const py::array& a, const py::object& depth) { w.rows(0, a, depth); },
+          py::arg("array"), py::arg("depth") = py::none(), "The whole frame.")
       .def("write_rows", &Writer::rows, py::arg("y0"), py::arg("array"), py::arg("depth") = py::none(),
            "Rows from y0 down, in order from the top.")
-      .def("next_frame",
-           [](Writer& w, int32_t width, int32_t height, int channels, const py::object& dtype, bool premultiplied) {
-             w.nextFrame(pictureSpec(width, height, channels, dtype, premultiplied, false));
-           },
-           py::arg("width"), py::arg("height"), py::arg("channels"), py::arg("dtype"), py::arg("premultiplied") = false,
-           "Ends the frame written, and starts another of a format of several.")
+      .def(
+          "next_frame",
+          [](Writer& w, int32_t width, int32_t height, int channels, const py::object& dtype, bool premultiplied) {
+            w.nextFrame(pictureSpec(width, height, channels, dtype, premultiplied, false));
+          },
+          py::arg("width"), py::arg("height"), py::arg("channels"), py::arg("dtype"), py::arg("premultiplied") = false,
+          "Ends the frame written, and starts another of a format of several.")
       .def("close", &Writer::close, "Puts the file in place (or gives the bytes); Error when any of it failed.")
-      .def("abandon", [](Writer& w) { w.fWriter.abandon(); }, "Gives the file up: the target stays as it was.")
-      .def("__enter__", [](Writer& w) -> Writer& { return w; }, py::return_value_policy::reference)
+      .def(
+          "abandon", [](Writer& w) { w.fWriter.abandon(); }, "Gives the file up: the target stays as it was.")
+      .def(
+          "__enter__", [](Writer& w) -> Writer& { return w; }, py::return_value_policy::reference)
       .def("__exit__", [](Writer& w, const py::object& type, const py::object&, const py::object&) {
-        if (!type.is_none()) w.fWriter.abandon();
-        else if (w.fWriter.isOpen()) w.close();
+        if (!type.is_none())
+          w.fWriter.abandon();
+        else if (w.fWriter.isOpen())
+          w.close();
       });
 }
 

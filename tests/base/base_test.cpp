@@ -11,11 +11,11 @@
 #include "kelpimage/base/tdynamicload.h"
 #include "kelpimage/base/terrorhandler.h"
 #include "kelpimage/base/tfile.h"
-#include "kelpimage/il/chunk/tifffile.h"
 #include "kelpimage/base/tpixelmap.h"
 #include "kelpimage/base/tsettings.h"
 #include "kelpimage/base/tstring.h"
 #include "kelpimage/base/tthread.h"
+#include "kelpimage/il/chunk/tifffile.h"
 #include "testutil.h"
 
 using namespace kelptest;
@@ -182,13 +182,15 @@ TEST(Threads, LockConditionAndPool) {
   };
   TmtThread* t = TmtThreadPool::getPool().launchThread(worker, &shared);
   ASSERT_NE(t, nullptr);
-  t->setShutdown([](void* arg) {
-    auto* s = static_cast<Shared*>(arg);
-    TmtLock lock = s->cs.acquire();
-    TmtLock again = s->cs.acquire();  // the holder may take it again
-    s->stop = true;
-    s->cv.signal();
-  }, &shared);
+  t->setShutdown(
+      [](void* arg) {
+        auto* s = static_cast<Shared*>(arg);
+        TmtLock lock = s->cs.acquire();
+        TmtLock again = s->cs.acquire();  // the holder may take it again
+        s->stop = true;
+        s->cv.signal();
+      },
+      &shared);
   t->shutdown();
   delete t;
   EXPECT_EQ(shared.value, 42);

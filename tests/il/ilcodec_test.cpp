@@ -124,7 +124,8 @@ TEST(ILcodec, RunLengthRoundTripsEveryShape) {
       ILpackinfo i = info(w, h, bytesPer, bitmask, channels);
       i.linewidth = stride;
       i.size = uint32_t(ILpackrle(out.data(), src.data(), &i));
-      ASSERT_LT(i.size, uint32_t(w * h * bytesPer * __builtin_popcount(bitmask))) << "compressed " << bytesPer << " " << bitmask;
+      ASSERT_LT(i.size, uint32_t(w * h * bytesPer * __builtin_popcount(bitmask)))
+          << "compressed " << bytesPer << " " << bitmask;
       ASSERT_NE(ILunpackrle(back.data(), out.data(), &i), 0);
       for (uint32_t y = 0; y < h; ++y)
         for (uint32_t x = 0; x < w; ++x)
@@ -141,9 +142,9 @@ TEST(ILcodec, QuickRunLengthDropsRedAndLeavesWorkingOrder) {
   const uint32_t w = 64, h = 4;
   std::vector<uint8_t> src(w * h * 4);
   for (uint32_t p = 0; p < w * h; ++p) {
-    src[p * 4 + 0] = uint8_t(p / 16);      // blue, in runs
-    src[p * 4 + 1] = uint8_t(100 + p / 8);  // green
-    src[p * 4 + 2] = 77;                    // red: lost
+    src[p * 4 + 0] = uint8_t(p / 16);        // blue, in runs
+    src[p * 4 + 1] = uint8_t(100 + p / 8);   // green
+    src[p * 4 + 2] = 77;                     // red: lost
     src[p * 4 + 3] = uint8_t(255 - p / 32);  // alpha
   }
   auto original = src;
@@ -194,7 +195,8 @@ TEST(ILcodec, QuickFourChannelRunsAndReversedLiterals) {
   i.size = uint32_t(ILpackqr4(out.data(), src.data(), &i));
   ASSERT_EQ(i.size, h * (5u + 9u));
   // Run: red, green, blue, alpha. Literal: alpha, blue, green, red.
-  EXPECT_EQ(std::vector<uint8_t>(out.begin(), out.begin() + 14), bytes({0x83, 30, 20, 10, 40, 0x01, 4, 1, 2, 3, 8, 5, 6, 7}));
+  EXPECT_EQ(std::vector<uint8_t>(out.begin(), out.begin() + 14),
+            bytes({0x83, 30, 20, 10, 40, 0x01, 4, 1, 2, 3, 8, 5, 6, 7}));
   std::vector<uint8_t> back(src.size());
   ASSERT_NE(ILunpackqr4(back.data(), out.data(), &i), 0);
   EXPECT_EQ(std::vector<uint8_t>(back.begin(), back.begin() + 4), bytes({10, 20, 30, 40}));
@@ -333,8 +335,10 @@ std::vector<uint8_t> referenceRle(const std::vector<uint8_t>& plane) {
     }
     prev = c;
   }
-  if (inRun) run(prev);
-  else literal(buf.size());
+  if (inRun)
+    run(prev);
+  else
+    literal(buf.size());
   return out;
 }
 }  // namespace

@@ -52,7 +52,7 @@ TEST(ILheader, NewFileDefaultsAndExactHeaderBytes) {
                             0, 0, 0, 3,                 // colour and alpha
                             0, 0, 0, 30,                // 1 byte per channel, 6 by 5 tiles of 64
                             0, 0, 0, 1,                 // RLE
-                            0, 0, 0, 0, 0, 0, 0, 0};
+                            0, 0, 0, 0,   0, 0, 0, 0};
   EXPECT_EQ(std::memcmp(b.data() + 32, tbhd, 32), 0);
   // No fields: AUTH follows the header straight away, then DATE of 24 characters.
   EXPECT_EQ(text(b, 64, 4), "AUTH");
@@ -203,8 +203,11 @@ TEST(ILheader, TileLayoutTableAndFixedPageSize) {
     int w, h;
     uint32_t tw, th;
     int pages;
-  } cases[] = {{4096, 4096, 64, 64, 4096}, {100, 5000, 512, 128, 40}, {5000, 10, 256, 64, 20},
-               {9000, 10, 1024, 32, 9}, {20000, 33, 2048, 32, 20}};
+  } cases[] = {{4096, 4096, 64, 64, 4096},
+               {100, 5000, 512, 128, 40},
+               {5000, 10, 256, 64, 20},
+               {9000, 10, 1024, 32, 9},
+               {20000, 33, 2048, 32, 20}};
   for (const Case& c : cases) {
     ILimage* im = ILopen(dir.file("t.iff").c_str(), "w");
     ILsetsize(im, c.w, c.h);

@@ -100,9 +100,16 @@ TEST(ILopen, ControlBitsAndChannelLayout) {
 
   struct Case {
     uint32_t type, ctl, bitmask, channels;
-  } cases[] = {{3, 0, 15, 4},  {1, 0, 14, 4},  {0, 0, 4, 4},  {16, 0, 0, 4}, {2, 0, 5, 4},
-               {3, ILC_RAWCHANNELS, 15, 4}, {1, ILC_RAWCHANNELS, 7, 3}, {0, ILC_RAWCHANNELS, 1, 1},
-               {2, ILC_RAWCHANNELS, 3, 2},  {18, ILC_RAWCHANNELS, 1, 1}};
+  } cases[] = {{3, 0, 15, 4},
+               {1, 0, 14, 4},
+               {0, 0, 4, 4},
+               {16, 0, 0, 4},
+               {2, 0, 5, 4},
+               {3, ILC_RAWCHANNELS, 15, 4},
+               {1, ILC_RAWCHANNELS, 7, 3},
+               {0, ILC_RAWCHANNELS, 1, 1},
+               {2, ILC_RAWCHANNELS, 3, 2},
+               {18, ILC_RAWCHANNELS, 1, 1}};
   for (const Case& c : cases) {
     im->type = c.type;
     im->ictl = c.ctl;

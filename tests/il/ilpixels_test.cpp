@@ -301,8 +301,8 @@ TEST(ILpixels, CompositingOverABuffer) {
   ILsettype(im, 3);
   ILsetcompress(im, 0);
   // Row 0: opaque red; row 1: half-transparent premultiplied green, and clear.
-  uint8_t px[32] = {0, 0, 255, 255, 0, 0, 255, 255, 0, 0, 255, 255, 0, 0, 255, 255,
-                    0, 64, 0, 128, 0, 64, 0, 128, 0, 0, 0, 0, 0, 0, 0, 0};
+  uint8_t px[32] = {0, 0,  255, 255, 0, 0,  255, 255, 0, 0, 255, 255, 0, 0, 255, 255,
+                    0, 64, 0,   128, 0, 64, 0,   128, 0, 0, 0,   0,   0, 0, 0,   0};
   ASSERT_EQ(ILsave(im, px, nullptr, 0), 0);
   ILclose(im);
 
@@ -356,7 +356,7 @@ TEST(ILpixels, DeepReadingCarriesOverToTheNextImage) {
   EXPECT_TRUE(im->ictl & ILC_DEEP);
   std::fill(back.begin(), back.end(), 0);
   ASSERT_EQ(ILload(im, back.data(), nullptr), 0);
-  EXPECT_EQ(back[3], 255);  // alpha filled at one byte a channel
+  EXPECT_EQ(back[3], 255);        // alpha filled at one byte a channel
   EXPECT_EQ(back[9 * 7 * 4], 0);  // nothing written past the picture
   ILclose(im);
 }

@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdlib>
 #include <cstdarg>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 

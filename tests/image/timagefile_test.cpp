@@ -13,10 +13,10 @@
 #include <vector>
 
 #include "kelpimage/base/terrorhandler.h"
+#include "kelpimage/image/imagebuffer.h"
 #include "kelpimage/image/timagediskio.h"
 #include "kelpimage/image/timagefile.h"
 #include "kelpimage/image/tpsdtexturefile.h"
-#include "kelpimage/image/imagebuffer.h"
 #include "kelpimage/sgi/sgi.h"
 #include "testutil.h"
 
@@ -193,7 +193,7 @@ TEST(TimageFile, SizeLimitReportsAndTheirSwitch) {
   TimageFile::setErrorReportingEnabled(false);
   EXPECT_EQ(f.identifyAndOpen(dir.file("huge.iff").c_str()), -1);
   EXPECT_TRUE(reports.has(Tstring(TstringIdNumber(621)).str()));  // said even when quiet
-  EXPECT_TRUE(f.isActive());  // and the image stays open
+  EXPECT_TRUE(f.isActive());                                      // and the image stays open
   f.close();
   reports.lines.clear();
   EXPECT_EQ(f.open(dir.file("missing.iff").c_str(), true), -1);

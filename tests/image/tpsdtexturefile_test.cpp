@@ -73,7 +73,9 @@ TEST(TpsdTextureFile, TheCacheKeepsADocumentUntilItsFileChanges) {
   EXPECT_EQ(first.resolutionX(), 100);
   first.close();
   second.close();
-  struct utimbuf later {1000000000, 1000000000};
+  struct utimbuf later {
+    1000000000, 1000000000
+  };
   ASSERT_EQ(utime(copy.c_str(), &later), 0);
   TpsdTextureFile third;
   ASSERT_EQ(third.open(TfilePath(copy.c_str()), false), 0);
@@ -102,7 +104,9 @@ TEST(TpsdTextureFile, AReplacedDocumentStaysWholeForItsHolder) {
   ASSERT_EQ(holder.open(TfilePath(copy.c_str()), false), 0);
   zkPhotoshop::TphotoshopFile* held = holder.document();
   std::filesystem::copy_file(data("2layers.psd"), copy, std::filesystem::copy_options::overwrite_existing);
-  struct utimbuf later {1000000000, 1000000000};
+  struct utimbuf later {
+    1000000000, 1000000000
+  };
   ASSERT_EQ(utime(copy.c_str(), &later), 0);
   TpsdTextureFile fresh;
   ASSERT_EQ(fresh.open(TfilePath(copy.c_str()), false), 0);

@@ -38,7 +38,8 @@ TEST(TformatCatalogue, FindsByNameAndByBytes) {
 // The sample type a format is given is the nearest it holds.
 TEST(TformatCatalogue, NearestWrittenKeepsTheMost) {
   TformatInfo exr, jpg, tif;
-  ASSERT_TRUE(TformatCatalogue::find("exr", exr) && TformatCatalogue::find("jpg", jpg) && TformatCatalogue::find("tif", tif));
+  ASSERT_TRUE(TformatCatalogue::find("exr", exr) && TformatCatalogue::find("jpg", jpg) &&
+              TformatCatalogue::find("tif", tif));
   EXPECT_EQ(exr.nearestWritten(TsampleType::kUint16), TsampleType::kFloat);
   EXPECT_EQ(exr.nearestWritten(TsampleType::kHalf), TsampleType::kHalf);
   EXPECT_EQ(jpg.nearestWritten(TsampleType::kFloat), TsampleType::kUint8);

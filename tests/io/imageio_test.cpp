@@ -172,20 +172,16 @@ TEST_P(WideFormats, SamplesComeBackExactly) {
   EXPECT_EQ(readAll(r, c.type), px);
 }
 
-INSTANTIATE_TEST_SUITE_P(IO, WideFormats,
-                         ::testing::Values(Wide{"kelp", "iff", TsampleType::kUint16, 3},
-                                           Wide{"sgi", "sgi", TsampleType::kUint16, 3},
-                                           Wide{"psd", "psd", TsampleType::kUint16, 3},
-                                           Wide{"png", "png", TsampleType::kUint16, 3},
-                                           Wide{"png", "png", TsampleType::kUint16, 1},
-                                           Wide{"tif", "tif", TsampleType::kUint16, 3},
-                                           Wide{"tif", "tif", TsampleType::kFloat, 3},
-                                           Wide{"pnm", "pam", TsampleType::kUint16, 1},
-                                           Wide{"exr", "exr", TsampleType::kFloat, 3}),
-                         [](const auto& info) {
-                           return std::string(info.param.key) + TsampleName(info.param.type) +
-                                  std::to_string(info.param.colorChannels);
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    IO, WideFormats,
+    ::testing::Values(Wide{"kelp", "iff", TsampleType::kUint16, 3}, Wide{"sgi", "sgi", TsampleType::kUint16, 3},
+                      Wide{"psd", "psd", TsampleType::kUint16, 3}, Wide{"png", "png", TsampleType::kUint16, 3},
+                      Wide{"png", "png", TsampleType::kUint16, 1}, Wide{"tif", "tif", TsampleType::kUint16, 3},
+                      Wide{"tif", "tif", TsampleType::kFloat, 3}, Wide{"pnm", "pam", TsampleType::kUint16, 1},
+                      Wide{"exr", "exr", TsampleType::kFloat, 3}),
+    [](const auto& info) {
+      return std::string(info.param.key) + TsampleName(info.param.type) + std::to_string(info.param.colorChannels);
+    });
 
 }  // namespace
 
@@ -259,9 +255,8 @@ TEST(ImageIO, DepthThroughIffAndOpenExr) {
   for (const char* name : {"d.iff", "d.exr"}) {
     SCOPED_TRACE(name);
     TimageWriter w;
-    ASSERT_TRUE(w.create(dir.file(name), spec) && w.writeImage(px.data(), TsampleType::kUint8, 0,
-                                                                Tassociation::kStraight, z.data()) &&
-                w.close())
+    ASSERT_TRUE(w.create(dir.file(name), spec) &&
+                w.writeImage(px.data(), TsampleType::kUint8, 0, Tassociation::kStraight, z.data()) && w.close())
         << w.error();
     TimageReader r;
     ASSERT_TRUE(r.open(dir.file(name))) << r.error();
@@ -397,8 +392,7 @@ TEST(ImageIO, DamagedBytesAreRefusedByName) {
       std::vector<uint8_t> back(px.size());
       TreadOptions options;
       options.key = cut < 16 ? f.key : "";
-      bool ok = r.openMemory(part.data(), part.size(), "cut", options) &&
-                r.readImage(back.data(), TsampleType::kUint8);
+      bool ok = r.openMemory(part.data(), part.size(), "cut", options) && r.readImage(back.data(), TsampleType::kUint8);
       // The last byte may be a trailer that no pixel needs.
       if (cut + 1 < file.size()) {
         EXPECT_FALSE(ok) << cut;

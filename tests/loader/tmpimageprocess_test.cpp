@@ -12,15 +12,14 @@
 #include <thread>
 #include <vector>
 
-#include "kelpimage/il/il.h"
 #include "kelpimage/base/terrorhandler.h"
+#include "kelpimage/il/il.h"
 #include "kelpimage/loader/tmpimageprocess.h"
 #include "testutil.h"
 
 using namespace kelptest;
 
 namespace {
-
 
 void writePicture(const std::string& name, int w, int h) {
   ILimage* im = ILopen(name.c_str(), "w");
@@ -64,8 +63,7 @@ TEST(TmpImageProcess, AnswersSizesAndCallbacks) {
   EXPECT_EQ(missing.pixelMap()->width(), 0);
   delete zoomed.pixelMap();
   delete missing.pixelMap();
-  EXPECT_NE(reports.text.find("Image file read failed: " + dir.file("missing.iff")), std::string::npos)
-      << reports.text;
+  EXPECT_NE(reports.text.find("Image file read failed: " + dir.file("missing.iff")), std::string::npos) << reports.text;
   EXPECT_EQ(gCalls.load(), 5);
   TmpImageProcess::shutdownImageProcess();
   TmpImageProcess::shutdownImageProcess();  // twice: nothing

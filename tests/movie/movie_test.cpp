@@ -109,17 +109,17 @@ TEST_F(Movies, LosslessCodecsGiveBackEveryFrameExactly) {
   // An odd size: rows of 3 x 37 bytes need padding in a 24-bit bitmap.
   // A large one is converted in two bands at once.
   for (auto [w, h] : {std::pair{37, 23}, std::pair{641, 481}})
-  for (const char* handler : {"DIB ", "FFV1"}) {
-    std::vector<Frame> frames = {noise(w, h, 1), noise(w, h, 2), gradient(w, h, 0), noise(w, h, 3)};
-    std::string name = dir.file(std::string("lossless_") + handler[0] + std::to_string(w) + ".avi");
-    ASSERT_EQ(writeMovie(name, frames, w, h, handler), 0) << handler << ": " << TmovieLayer::mvLastError();
-    int rw = 0, rh = 0;
-    std::vector<Frame> read = readMovie(name, rw, rh);
-    ASSERT_EQ(rw, w);
-    ASSERT_EQ(rh, h);
-    ASSERT_EQ(read.size(), frames.size()) << handler;
-    for (size_t i = 0; i < frames.size(); ++i) EXPECT_EQ(colourDifference(frames[i], read[i]), 0) << handler << i;
-  }
+    for (const char* handler : {"DIB ", "FFV1"}) {
+      std::vector<Frame> frames = {noise(w, h, 1), noise(w, h, 2), gradient(w, h, 0), noise(w, h, 3)};
+      std::string name = dir.file(std::string("lossless_") + handler[0] + std::to_string(w) + ".avi");
+      ASSERT_EQ(writeMovie(name, frames, w, h, handler), 0) << handler << ": " << TmovieLayer::mvLastError();
+      int rw = 0, rh = 0;
+      std::vector<Frame> read = readMovie(name, rw, rh);
+      ASSERT_EQ(rw, w);
+      ASSERT_EQ(rh, h);
+      ASSERT_EQ(read.size(), frames.size()) << handler;
+      for (size_t i = 0; i < frames.size(); ++i) EXPECT_EQ(colourDifference(frames[i], read[i]), 0) << handler << i;
+    }
 }
 
 TEST_F(Movies, LossyCodecsStayCloseAndNeedTheirSizes) {
@@ -189,7 +189,8 @@ TEST_F(Movies, NamesTemporaryFilesAndTheTargetLeftAlone) {
 
   // A folder that cannot be written: the create fails, nothing is made.
   std::filesystem::create_directory(dir.file("locked"));
-  std::filesystem::permissions(dir.file("locked"), std::filesystem::perms::owner_read | std::filesystem::perms::owner_exec);
+  std::filesystem::permissions(dir.file("locked"),
+                               std::filesystem::perms::owner_read | std::filesystem::perms::owner_exec);
   if (::access(dir.file("locked").c_str(), W_OK) != 0) {
     movie = reinterpret_cast<TaviWrapper*>(&target);
     EXPECT_EQ(TmovieLayer::mvCreateFile(dir.file("locked/m.avi").c_str(), nullptr, nullptr, &movie), 1);
@@ -289,14 +290,16 @@ TEST_F(Movies, CompressionOptionsKeptInTheSettingsStore) {
   // 44 bytes and a bitmap header, then 44 bytes and a wave format.
   ASSERT_EQ(value.size(), 44u + 40 + 44 + 16);
   settings.getBinarySetting("VIDEO_COMPRESSION_OPTS", value.data(), value.size());
-  auto le32 = [&](size_t at) { return uint32_t(value[at] | value[at + 1] << 8 | value[at + 2] << 16 | value[at + 3] << 24); };
+  auto le32 = [&](size_t at) {
+    return uint32_t(value[at] | value[at + 1] << 8 | value[at + 2] << 16 | value[at + 3] << 24);
+  };
   EXPECT_EQ(text(value, 0, 4), "vids");
   EXPECT_EQ(text(value, 4, 4), "MJPG");
-  EXPECT_EQ(le32(8), 10u);     // a key frame every 10
-  EXPECT_EQ(le32(12), 10000u); // quality
+  EXPECT_EQ(le32(8), 10u);      // a key frame every 10
+  EXPECT_EQ(le32(12), 10000u);  // quality
   EXPECT_EQ(le32(20), 0xCu);
-  EXPECT_EQ(le32(28), 40u);    // format size
-  EXPECT_EQ(le32(44), 40u);    // the header's own size
+  EXPECT_EQ(le32(28), 40u);  // format size
+  EXPECT_EQ(le32(44), 40u);  // the header's own size
   EXPECT_EQ(le32(48), 320u);
   EXPECT_EQ(text(value, 84, 4), "auds");
   EXPECT_EQ(le32(84 + 20), 9u);

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "kelpimage/il/il.h"
 #include "kelpimage/base/terrorhandler.h"
+#include "kelpimage/il/il.h"
 #include "kelpimage/naming/tbatchglobals.h"
 #include "kelpimage/naming/timagefileio.h"
 #include "kelpimage/naming/tprojectmgr.h"
@@ -20,7 +20,6 @@
 using namespace kelptest;
 
 namespace {
-
 
 // The output folder for one test.
 struct Outputs {
@@ -56,7 +55,9 @@ std::vector<uint8_t> pixels(int w, int h) {
 TEST(TimageFN, NamesByTemplate) {
   TimageFileIO io;
   auto name = [&](int t, TimageType type) { return io.makeName(TimageFN(t, Tstring("base"), 7), type).str(); };
-  auto peek = [&](int t, TimageType type) { return TimageFileIO::makeQpeekName(TimageFN(t, Tstring("base"), 7), type).str(); };
+  auto peek = [&](int t, TimageType type) {
+    return TimageFileIO::makeQpeekName(TimageFN(t, Tstring("base"), 7), type).str();
+  };
   EXPECT_EQ(name(0, kIffImage), "base");
   EXPECT_EQ(name(1, kIffImage), "base.7");
   EXPECT_EQ(name(2, kJpgImage), "base.jpg.7");
@@ -80,8 +81,8 @@ TEST(TimageFileIO, IffKeepsEverythingWithItsChunks) {
   const int w = 8, h = 4;
   std::vector<uint8_t> px = pixels(w, h);
   std::vector<float> z(size_t(w) * h, -0.5f);
-  ASSERT_TRUE(io.create(TimageFN(4, Tstring("beauty"), 7), w, h, kIffImage,
-                        TdataType(kColorData | kAlphaData | kDepthData)));
+  ASSERT_TRUE(
+      io.create(TimageFN(4, Tstring("beauty"), 7), w, h, kIffImage, TdataType(kColorData | kAlphaData | kDepthData)));
   EXPECT_TRUE(io.writeClippingPlanes(0.1f, 1000.0f));
   EXPECT_TRUE(io.writeEyeWidthHeight(1.5f, 0.75f));
   EXPECT_TRUE(io.writeImage(px.data(), z.data()));
@@ -115,8 +116,8 @@ TEST(TimageFileIO, SideFilesForWhatTheFormatLacks) {
   std::vector<uint8_t> px = pixels(w, h);
   std::vector<float> z(size_t(w) * h);
   for (size_t i = 0; i < z.size(); ++i) z[i] = -1.0f / float(i + 2);
-  ASSERT_TRUE(io.create(TimageFN(6, Tstring("shot"), 12), w, h, kTgaImage,
-                        TdataType(kColorData | kAlphaData | kDepthData)))
+  ASSERT_TRUE(
+      io.create(TimageFN(6, Tstring("shot"), 12), w, h, kTgaImage, TdataType(kColorData | kAlphaData | kDepthData)))
       << reports.text;
   io.writeClippingPlanes(1.0f, 50.0f);
   io.writeImage(px.data(), z.data());

@@ -96,7 +96,7 @@ struct Document {
   Bytes colourModeData;  // an indexed document's palette
   Bytes resources;
   std::vector<Layer> layers;
-  int16_t layerCount = 0;  // 0: the number of layers
+  int16_t layerCount = 0;         // 0: the number of layers
   bool sixteenBitLayout = false;  // layers inside "Lr16"
   uint16_t compression = 0;
   Bytes image;  // after the compression word; empty: raw planes of `fill`

@@ -57,7 +57,8 @@ TEST(PackRow, RunsLiteralsAndTheirMerging) {
   EXPECT_EQ(pack(split), (std::vector<uint8_t>{0, 'a', 129, 'b', 0xFF, 'b', 0, 'c'}));
   // A single byte between runs of two grows the row by a fifth, the most.
   std::vector<uint8_t> worst;
-  for (uint8_t v = 0; worst.size() < 500; v = uint8_t(v + 3)) worst.insert(worst.end(), {v, uint8_t(v + 1), uint8_t(v + 1), uint8_t(v + 2), uint8_t(v + 2)});
+  for (uint8_t v = 0; worst.size() < 500; v = uint8_t(v + 3))
+    worst.insert(worst.end(), {v, uint8_t(v + 1), uint8_t(v + 1), uint8_t(v + 2), uint8_t(v + 2)});
   EXPECT_LE(pack(worst).size(), worst.size() + worst.size() / 4 + 2);
   // And every packing expands back.
   for (const auto& row : {run, ramp, split, worst, std::vector<uint8_t>{1, 1, 2, 3, 3, 4, 4, 4, 5}}) {
@@ -239,7 +240,8 @@ TEST(TpixelData16, CopyRectPlacesRowsAndAddsChannels) {
   canvas.copyRect(rect, TlPoint{}, layer, 4, 3);
   EXPECT_EQ(bytes(canvas.channel(channelRed)->fRaw),
             (std::vector<uint8_t>{255, 255, 255, 255, 255, 255, 10, 11, 255, 255, 12, 13}));
-  EXPECT_EQ(bytes(canvas.channel(channelTransparency)->fRaw), (std::vector<uint8_t>{0, 0, 0, 0, 0, 0, 100, 101, 0, 0, 102, 103}));
+  EXPECT_EQ(bytes(canvas.channel(channelTransparency)->fRaw),
+            (std::vector<uint8_t>{0, 0, 0, 0, 0, 0, 100, 101, 0, 0, 102, 103}));
 }
 
 namespace {

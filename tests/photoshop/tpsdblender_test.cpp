@@ -88,17 +88,19 @@ TEST(TpsdBlender, SixteenBitsComeCloseToEightBits) {
   std::mt19937 random(7);
   // Inverse divide only where its 8-bit form does not wrap (s at least
   // 255 - d); below that the 8-bit result is what its 16-bit wrap leaves.
-  for (const char* k : {"norm", "mul ", "dark", "diff", "smud", "hLit", "div ", "lite", "scrn", "idiv", "over",
-                        "hue ", "sat ", "lum ", "colr"}) {
+  for (const char* k : {"norm", "mul ", "dark", "diff", "smud", "hLit", "div ", "lite", "scrn", "idiv", "over", "hue ",
+                        "sat ", "lum ", "colr"}) {
     int worst = 0;
     for (int i = 0; i < 400; ++i) {
       auto v = [&] { return uint32_t(random() % 256); };
       Pixel s{v(), v(), v(), v()};
       Pixel d{v(), v(), v(), v()};
-      if (std::strcmp(k, "idiv") == 0) s = {std::max(s.r, 255 - d.r), std::max(s.g, 255 - d.g), std::max(s.b, 255 - d.b), s.a};
+      if (std::strcmp(k, "idiv") == 0)
+        s = {std::max(s.r, 255 - d.r), std::max(s.g, 255 - d.g), std::max(s.b, 255 - d.b), s.a};
       Pixel eight = blended(k, s, d);
       Pixel sixteen = blended(k, s, d, dataFormat16, 257);
-      for (auto [a, b] : {std::pair{eight.r, sixteen.r}, {eight.g, sixteen.g}, {eight.b, sixteen.b}, {eight.a, sixteen.a}})
+      for (auto [a, b] :
+           {std::pair{eight.r, sixteen.r}, {eight.g, sixteen.g}, {eight.b, sixteen.b}, {eight.a, sixteen.a}})
         worst = std::max(worst, std::abs(int(a) - int(b + 128) / 257));
     }
     EXPECT_LE(worst, 3) << k;

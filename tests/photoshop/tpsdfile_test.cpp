@@ -33,9 +33,9 @@ Layer pixelLayer(const std::string& name, int top, int left, int bottom, int rig
   l.bottom = bottom;
   l.right = right;
   size_t n = size_t((bottom - top) * (right - left));
-  l.channels = {psdtest::rawChannel(-1, std::vector<uint8_t>(n, 255)), psdtest::rawChannel(0, std::vector<uint8_t>(n, value)),
-                psdtest::rawChannel(1, std::vector<uint8_t>(n, value)),
-                psdtest::rawChannel(2, std::vector<uint8_t>(n, value))};
+  l.channels = {
+      psdtest::rawChannel(-1, std::vector<uint8_t>(n, 255)), psdtest::rawChannel(0, std::vector<uint8_t>(n, value)),
+      psdtest::rawChannel(1, std::vector<uint8_t>(n, value)), psdtest::rawChannel(2, std::vector<uint8_t>(n, value))};
   return l;
 }
 

@@ -56,7 +56,8 @@ Layer layerWith(const std::string& name, int32_t top, int32_t left, int32_t bott
   l.name = name;
   l.top = top, l.left = left, l.bottom = bottom, l.right = right;
   size_t n = size_t(std::max(0, bottom - top) * std::max(0, right - left));
-  for (int id : {-1, 0, 1, 2}) l.channels.push_back(psdtest::rawChannel(id, std::vector<uint8_t>(n, id < 0 ? 255 : value)));
+  for (int id : {-1, 0, 1, 2})
+    l.channels.push_back(psdtest::rawChannel(id, std::vector<uint8_t>(n, id < 0 ? 255 : value)));
   return l;
 }
 
@@ -77,8 +78,8 @@ TEST(TpsdPicture, ColourModesBecomeRgb) {
   cmyk.image = planes({{255, 0}, {255, 255}, {0, 255}, {255, 128}});
   Opened c(cmyk.bytes());
   p = picture(c.doc);
-  expectRgb(p, 0, 255, 255, 0);    // full yellow
-  expectRgb(p, 1, 0, 128, 128);    // cyan, half black
+  expectRgb(p, 0, 255, 255, 0);  // full yellow
+  expectRgb(p, 1, 0, 128, 128);  // cyan, half black
 
   Document lab;
   lab.mode = 9, lab.channels = 3, lab.width = 3, lab.height = 1;

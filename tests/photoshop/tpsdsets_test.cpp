@@ -54,13 +54,26 @@ struct SetDocument {
     psdtest::Document d;
     d.width = 4;
     d.height = 1;
-    d.layers = {section("</Layer set>", 3), coloured("A", 0, 4, 255, 0, 0, 255), clipped, hiddenClipped,
-                coloured("D", 3, 4, 0, 0, 255, 128), section("</Layer set>", 3), coloured("E", 0, 4, 255, 255, 255, 255),
-                section("nested", 1, true), section("outer", 1),
-                section("</Layer set>", 3), section("empty", 1),
-                section("</Layer set>", 3), hidden, section("ghost", 1),
-                section("</Layer set>", 3), masked, section("masked", 2, false, 128),
-                section("</Layer set>", 3), noAlpha, section("plain", 1)};
+    d.layers = {section("</Layer set>", 3),
+                coloured("A", 0, 4, 255, 0, 0, 255),
+                clipped,
+                hiddenClipped,
+                coloured("D", 3, 4, 0, 0, 255, 128),
+                section("</Layer set>", 3),
+                coloured("E", 0, 4, 255, 255, 255, 255),
+                section("nested", 1, true),
+                section("outer", 1),
+                section("</Layer set>", 3),
+                section("empty", 1),
+                section("</Layer set>", 3),
+                hidden,
+                section("ghost", 1),
+                section("</Layer set>", 3),
+                masked,
+                section("masked", 2, false, 128),
+                section("</Layer set>", 3),
+                noAlpha,
+                section("plain", 1)};
     kelptest::writeBytes(dir.file("sets.psd"), d.bytes());
     theWarnings().clear();
     doc.open(TfilePath(dir.file("sets.psd").c_str()), false);

@@ -136,7 +136,7 @@ TEST(TpsdWrite, ResourcesAfterAddingAndDeleting) {
   doc.open(TfilePath(dir.file("in.psd").c_str()), true);
   ASSERT_TRUE(doc.readAllLayerRecordInformation()) << doc.lastError().str();
   ASSERT_TRUE(doc.addNormalLayer("c", picture(5, 3, dataFormat8).get()));  // id 10; 1026 grows by 2
-  ASSERT_TRUE(doc.deleteLayer("a"));                                      // 1026 shrinks by 2, zeroed
+  ASSERT_TRUE(doc.deleteLayer("a"));                                       // 1026 shrinks by 2, zeroed
   ASSERT_TRUE(doc.savePsdFile(TfilePath(dir.file("out.psd").c_str()))) << doc.lastError().str();
   std::vector<uint8_t> out = readBytes(dir.file("out.psd"));
   // 1044: the next layer id, max + 1; 1026: four zero bytes.

@@ -18,10 +18,9 @@
 #include <thread>
 #include <vector>
 
-#include "kelpimage/il/il.h"
 #include "kelpimage/base/terrorhandler.h"
 #include "kelpimage/convert/conversions.h"
-#include "kelpimage/plugin/plugins.h"
+#include "kelpimage/il/il.h"
 #include "kelpimage/plugin/plugins.h"
 #include "kelpimage/plugin/pxf.h"
 #include "testutil.h"
@@ -29,7 +28,6 @@
 using namespace kelptest;
 
 namespace {
-
 
 struct Picture {
   int w = 0, h = 0;
@@ -111,8 +109,10 @@ TEST(ExrPlugin, DepthSurvivesAndIsADistance) {
       for (int x = 0; x < in.w; ++x) {
         size_t iff = size_t(in.h - 1 - y) * size_t(in.w) + size_t(x), exr = size_t(y) * size_t(in.w) + size_t(x);
         float z = in.z[iff];
-        if (z == 0.0f) ASSERT_TRUE(std::isinf(zs[exr]) && zs[exr] > 0) << x << "," << y;
-        else ASSERT_FLOAT_EQ(zs[exr], -1.0f / z) << x << "," << y;
+        if (z == 0.0f)
+          ASSERT_TRUE(std::isinf(zs[exr]) && zs[exr] > 0) << x << "," << y;
+        else
+          ASSERT_FLOAT_EQ(zs[exr], -1.0f / z) << x << "," << y;
         ASSERT_NEAR(reds[exr], in.px[iff * 4 + 2] / 255.0f, 0.0005f);
       }
 
@@ -363,14 +363,16 @@ TEST(WebpPlugin, FramesInAndOut) {
   }
   std::string out = dir.file("anim.webp");
   for (int f = 0; f < 3; ++f)
-    ASSERT_EQ(ifftoany(dir.file(std::string("f") + std::to_string(f) + ".iff").c_str(), out.c_str(), "webp"), 0) << reports.text;
+    ASSERT_EQ(ifftoany(dir.file(std::string("f") + std::to_string(f) + ".iff").c_str(), out.c_str(), "webp"), 0)
+        << reports.text;
   ASSERT_EQ(ifftoanyFinish(out.c_str()), 0);
   for (int f : {2, 0, 1}) {
     ASSERT_EQ(anytoiff(out.c_str(), dir.file("back.iff").c_str(), "webp", f), 0) << reports.text;
     Picture back = readIff(dir.file("back.iff"));
     for (size_t i = 0; i < back.px.size(); i += 4)
-      ASSERT_EQ(std::vector<uint8_t>(back.px.begin() + long(i), back.px.begin() + long(i) + 3),
-                std::vector<uint8_t>(frames[size_t(f)].px.begin() + long(i), frames[size_t(f)].px.begin() + long(i) + 3))
+      ASSERT_EQ(
+          std::vector<uint8_t>(back.px.begin() + long(i), back.px.begin() + long(i) + 3),
+          std::vector<uint8_t>(frames[size_t(f)].px.begin() + long(i), frames[size_t(f)].px.begin() + long(i) + 3))
           << "frame " << f << " pixel " << i / 4;
   }
   EXPECT_EQ(anytoiff(out.c_str(), dir.file("back.iff").c_str(), "webp", 3), -1);

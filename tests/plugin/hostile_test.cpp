@@ -6,11 +6,10 @@
 #include <string>
 
 #include "kelpimage/base/tlimits.h"
+#include "kelpimage/convert/conversions.h"
 #include "kelpimage/io/timagereader.h"
 #include "kelpimage/plugin/plugins.h"
 #include "kelpimage/plugin/pxf.h"
-#include "kelpimage/convert/conversions.h"
-#include "kelpimage/plugin/plugins.h"
 #include "testutil.h"
 
 namespace {

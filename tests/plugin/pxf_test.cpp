@@ -9,10 +9,9 @@
 #include <filesystem>
 #include <vector>
 
-#include "kelpimage/il/il.h"
 #include "kelpimage/base/terrorhandler.h"
 #include "kelpimage/convert/conversions.h"
-#include "kelpimage/plugin/plugins.h"
+#include "kelpimage/il/il.h"
 #include "kelpimage/image/timagefile.h"
 #include "kelpimage/plugin/plugins.h"
 #include "kelpimage/plugin/pxf.h"
@@ -22,7 +21,6 @@ using namespace kelptest;
 
 namespace {
 std::string testPlugin(const char* name) { return std::string(KELP_TEST_PLUGIN_DIR) + "/" + name + ".so"; }
-
 
 // Writes an IFF picture of w x h with the given pixels (blue, green, red, alpha) and depth.
 void writeIff(const std::string& name, int w, int h, uint32_t type, const std::vector<uint8_t>& px,
@@ -72,9 +70,9 @@ Capture readCapture(const std::string& name) {
   }
   auto bytes = [](int32_t bits) { return size_t(PXF_sample_bytes(bits)); };
   const PxfImageData& im = c.image;
-  size_t rowBytes = size_t(im.width()) * (size_t(im.colorChannels) * bytes(im.colorBits) +
-                                          size_t(im.matteChannels) * bytes(im.matteBits) +
-                                          size_t(im.depthChannels) * bytes(im.depthBits));
+  size_t rowBytes = size_t(im.width()) *
+                    (size_t(im.colorChannels) * bytes(im.colorBits) + size_t(im.matteChannels) * bytes(im.matteBits) +
+                     size_t(im.depthChannels) * bytes(im.depthBits));
   while (at + 4 + rowBytes <= b.size()) {
     int32_t r;
     std::memcpy(&r, &b[at], 4);
@@ -102,7 +100,8 @@ TEST(PluginLoading, RefusedFilesAndTheTable) {
   EXPECT_NE(said.find(dir.file("missing.so") + ": not found"), std::string::npos) << said;
   EXPECT_NE(said.find(dir.path().string() + ": is a directory"), std::string::npos) << said;
   EXPECT_NE(said.find(dir.file("text.so") + ": cannot be opened"), std::string::npos) << said;
-  EXPECT_NE(said.find(testPlugin("wrong_program") + ": not an image plug-in of this family"), std::string::npos) << said;
+  EXPECT_NE(said.find(testPlugin("wrong_program") + ": not an image plug-in of this family"), std::string::npos)
+      << said;
   EXPECT_NE(said.find(testPlugin("no_key") + ": the plug-in has no key"), std::string::npos) << said;
   // The table holds base names.
   EXPECT_STREQ(keyFromPluginTable("capture.so"), "capture");
@@ -145,7 +144,9 @@ TEST(Conversion, OutOfIffAsAPluginSeesIt) {
   CapturePath plugins;
   const int w = 3, h = 2;
   std::vector<uint8_t> px(w * h * 4);
-  for (int i = 0; i < w * h; ++i) px[size_t(i) * 4] = 10, px[size_t(i) * 4 + 1] = 20, px[size_t(i) * 4 + 2] = uint8_t(30 + i), px[size_t(i) * 4 + 3] = 40;
+  for (int i = 0; i < w * h; ++i)
+    px[size_t(i) * 4] = 10, px[size_t(i) * 4 + 1] = 20, px[size_t(i) * 4 + 2] = uint8_t(30 + i),
+                   px[size_t(i) * 4 + 3] = 40;
   std::vector<float> z = {0.0f, -1.0f, -0.5f, -0.25f, -1.0f / 1000.0f, -2.0f};
   writeIff(dir.file("in.iff"), w, h, ILT_COLOR | ILT_ALPHA | ILT_DEPTH, px, z, 300.0f);
   ASSERT_EQ(ifftoany(dir.file("in.iff").c_str(), dir.file("out.capture").c_str(), "capture"), 0);
@@ -168,8 +169,8 @@ TEST(Conversion, OutOfIffAsAPluginSeesIt) {
   EXPECT_EQ(r0[9], 40);
   uint32_t d[3];
   std::memcpy(d, &r0[12], 12);
-  EXPECT_EQ(d[0], 0u);                     // no depth
-  EXPECT_EQ(d[1], 0x80000000u);            // d = 1: 2^31 - 0, out of range
+  EXPECT_EQ(d[0], 0u);                            // no depth
+  EXPECT_EQ(d[1], 0x80000000u);                   // d = 1: 2^31 - 0, out of range
   EXPECT_EQ(d[2], uint32_t(2147483648.0 - 1.0));  // d = 2
   // No "DPI Resolution" setting for 72 dpi.
   writeIff(dir.file("plain.iff"), w, h, ILT_COLOR, px, {}, 72.0f);
@@ -282,7 +283,7 @@ TEST(Conversion, GifThroughTheCube) {
   ColorMapObject* map = gif->SColorMap;
   ASSERT_NE(map, nullptr);
   EXPECT_EQ(map->Colors[215].Red, 255);
-  EXPECT_EQ(map->Colors[3].Red, 153);  // entry 3: (3 x 51, 0, 0), stored as 0xFF99 and shown as 153
+  EXPECT_EQ(map->Colors[3].Red, 153);    // entry 3: (3 x 51, 0, 0), stored as 0xFF99 and shown as 153
   EXPECT_EQ(map->Colors[216].Blue, 50);  // 306 kept to 8 bits
   DGifCloseFile(gif, &error);
 }
@@ -292,7 +293,8 @@ TEST(Conversion, HostStyleReadsAndWrites) {
   TempDir dir;
   TpixelMap map(64, 40);
   for (int y = 0; y < 40; ++y)
-    for (int x = 0; x < 64; ++x) map.pixelPointer(x, y)->fValue = 0xFF000000u | uint32_t(x * 3) << 16 | uint32_t(y * 5) << 8 | 77u;
+    for (int x = 0; x < 64; ++x)
+      map.pixelPointer(x, y)->fValue = 0xFF000000u | uint32_t(x * 3) << 16 | uint32_t(y * 5) << 8 | 77u;
   for (const char* key : {"png", "tif", "jpg"}) {
     std::string name = dir.file(std::string("pic.") + key);
     TimageFile out;
@@ -311,7 +313,8 @@ TEST(Conversion, HostStyleReadsAndWrites) {
     for (int y = 0; y < 40; ++y)
       for (int x = 0; x < 64; ++x)
         for (int c = 0; c < 3; ++c) {
-          int a = (map.pixelPointer(x, y)->fValue >> (8 * c)) & 255, b = (back.pixelPointer(x, y)->fValue >> (8 * c)) & 255;
+          int a = (map.pixelPointer(x, y)->fValue >> (8 * c)) & 255,
+              b = (back.pixelPointer(x, y)->fValue >> (8 * c)) & 255;
           worst = std::max(worst, std::abs(a - b));
         }
     EXPECT_LE(worst, std::string(key) == "jpg" ? 8 : 0) << key;

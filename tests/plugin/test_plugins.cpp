@@ -28,10 +28,10 @@ size_t rowBytes(const PxfImageData& im) {
 }
 
 size_t channelBytes(const PxfImageData& im, int c) {
-  int32_t bits = c < im.colorChannels ? im.colorBits
-                 : c < im.colorChannels + im.matteChannels ? im.matteBits
+  int32_t bits = c < im.colorChannels                                         ? im.colorBits
+                 : c < im.colorChannels + im.matteChannels                    ? im.matteBits
                  : c < im.colorChannels + im.matteChannels + im.depthChannels ? im.depthBits
-                                                                               : im.indexBits;
+                                                                              : im.indexBits;
   return size_t(im.width()) * size_t(PXF_sample_bytes(bits));
 }
 
@@ -116,9 +116,27 @@ const PxfCapability kCapabilities[] = {{7, "Something Else", 1, 2}, {1, "DPI Res
 }  // namespace
 
 PXF_IMAGE_PLUGIN("capture", "capture", "Capture", "What the conversions hand a plug-in, as it comes",
-                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 1u, (1u << 7) | (1u << 15), 1u, 1u,
-                               0xC0000000u, 0, true, true, kCapabilities, 2, recognise, openRead, nullptr, readRow,
-                               openWrite, nullptr, writeRow, closeFile, 0}));
+                 (PxfPluginOps{PXF_PLUGIN_VERSION,
+                               sizeof(PxfPluginOps),
+                               1u,
+                               (1u << 7) | (1u << 15),
+                               1u,
+                               1u,
+                               0xC0000000u,
+                               0,
+                               true,
+                               true,
+                               kCapabilities,
+                               2,
+                               recognise,
+                               openRead,
+                               nullptr,
+                               readRow,
+                               openWrite,
+                               nullptr,
+                               writeRow,
+                               closeFile,
+                               0}));
 
 #elif defined(TEST_PLUGIN_GREY)
 // "GREY", a width and a height of a byte each, then a grey byte a pixel from
@@ -194,9 +212,27 @@ int closeFile(void* state, char* error, size_t size) {
 }  // namespace
 
 PXF_IMAGE_PLUGIN("grey", "grey", "Grey", "A byte a pixel, for the file classes' tests",
-                 (PxfPluginOps{PXF_PLUGIN_VERSION, sizeof(PxfPluginOps), 2u, 1u << 7, 0u, 0u, 0u, 0, true, true,
-                               nullptr, 0, recognise, openRead, nullptr, readRow, openWrite, nullptr, writeRow,
-                               closeFile, 0}));
+                 (PxfPluginOps{PXF_PLUGIN_VERSION,
+                               sizeof(PxfPluginOps),
+                               2u,
+                               1u << 7,
+                               0u,
+                               0u,
+                               0u,
+                               0,
+                               true,
+                               true,
+                               nullptr,
+                               0,
+                               recognise,
+                               openRead,
+                               nullptr,
+                               readRow,
+                               openWrite,
+                               nullptr,
+                               writeRow,
+                               closeFile,
+                               0}));
 
 #elif defined(TEST_PLUGIN_WRONG_PROGRAM)
 PXF_PLUGIN_EXPORT const char* const type = "image";
@@ -208,7 +244,15 @@ PXF_PLUGIN_EXPORT const char* const type = "image";
 PXF_PLUGIN_EXPORT const char* const program = "Thornfell";
 
 #elif defined(TEST_PLUGIN_OLD_VERSION)
-PXF_IMAGE_PLUGIN("old", "old", "Old", "Built for another interface",
-                 (PxfPluginOps{1, sizeof(PxfPluginOps), 0u, 0u, 0u, 0u, 0u, 0, true, true,
-                               nullptr, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, 0}));
+PXF_IMAGE_PLUGIN("old", "old", "Old", "Built for another interface", (PxfPluginOps{1,       sizeof(PxfPluginOps),
+                                                                                   0u,      0u,
+                                                                                   0u,      0u,
+                                                                                   0u,      0,
+                                                                                   true,    true,
+                                                                                   nullptr, 0,
+                                                                                   nullptr, nullptr,
+                                                                                   nullptr, nullptr,
+                                                                                   nullptr, nullptr,
+                                                                                   nullptr, nullptr,
+                                                                                   0}));
 #endif

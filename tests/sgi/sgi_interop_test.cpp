@@ -49,11 +49,16 @@ Picture readNetpbm(const std::string& path) {
   std::string magic = token();
   if (magic == "P7") {
     for (std::string t = token(); t != "ENDHDR" && !t.empty(); t = token()) {
-      if (t == "WIDTH") p.w = unsigned(std::stoul(token()));
-      else if (t == "HEIGHT") p.h = unsigned(std::stoul(token()));
-      else if (t == "DEPTH") p.channels = unsigned(std::stoul(token()));
-      else if (t == "MAXVAL") p.maxval = unsigned(std::stoul(token()));
-      else if (t == "TUPLTYPE") token();
+      if (t == "WIDTH")
+        p.w = unsigned(std::stoul(token()));
+      else if (t == "HEIGHT")
+        p.h = unsigned(std::stoul(token()));
+      else if (t == "DEPTH")
+        p.channels = unsigned(std::stoul(token()));
+      else if (t == "MAXVAL")
+        p.maxval = unsigned(std::stoul(token()));
+      else if (t == "TUPLTYPE")
+        token();
     }
   } else {
     p.channels = magic == "P6" ? 3 : 1;
@@ -156,13 +161,16 @@ TEST(SGIInterop, OurFilesReadTheSameThroughImageMagickAndNetpbm) {
         Picture p = pattern(23, 9, channels, maxval);
         std::string sgi = dir.file("ours.sgi");
         writeOurs(sgi, p, storage);
-        std::string what = "storage " + std::to_string(storage) + " maxval " + std::to_string(maxval) +
-                           " channels " + std::to_string(channels);
+        std::string what = "storage " + std::to_string(storage) + " maxval " + std::to_string(maxval) + " channels " +
+                           std::to_string(channels);
         // ImageMagick, with every channel.
         std::string format = channels == 4 ? "pam" : "pnm";
         std::string out = dir.file("im." + format);
-        ASSERT_EQ(std::system((std::string(kConvert) + " " + sgi + " -depth " + (maxval > 255 ? "16 " : "8 ") +
-                               format + ":" + out + " 2>/dev/null").c_str()), 0) << what;
+        ASSERT_EQ(std::system((std::string(kConvert) + " " + sgi + " -depth " + (maxval > 255 ? "16 " : "8 ") + format +
+                               ":" + out + " 2>/dev/null")
+                                  .c_str()),
+                  0)
+            << what;
         Picture im = readNetpbm(out);
         ASSERT_EQ(im.channels, channels) << what;
         expectSame(p, im, channels, "ImageMagick " + what);
@@ -193,8 +201,11 @@ TEST(SGIInterop, TheirFilesReadTheSameThroughUs) {
       std::string what = "maxval " + std::to_string(maxval) + " channels " + std::to_string(channels);
       for (const char* compress : {"None", "RLE"}) {
         std::string sgi = dir.file("im.sgi");
-        ASSERT_EQ(std::system((std::string(kConvert) + " " + src + " -compress " + compress + " " + sgi +
-                               " 2>/dev/null").c_str()), 0) << what;
+        ASSERT_EQ(
+            std::system(
+                (std::string(kConvert) + " " + src + " -compress " + compress + " " + sgi + " 2>/dev/null").c_str()),
+            0)
+            << what;
         Picture back = readOurs(sgi);
         ASSERT_EQ(back.channels, channels) << what;
         expectSame(p, back, channels, std::string("ImageMagick ") + compress + " " + what);
@@ -202,8 +213,8 @@ TEST(SGIInterop, TheirFilesReadTheSameThroughUs) {
       if (channels == 4) continue;  // pnmtosgi takes PNM only
       for (const char* mode : {"-verbatim", "-rle"}) {
         std::string sgi = dir.file("np.sgi");
-        ASSERT_EQ(std::system(("pnmtosgi " + std::string(mode) + " " + src + " > " + sgi + " 2>/dev/null").c_str()),
-                  0) << what;
+        ASSERT_EQ(std::system(("pnmtosgi " + std::string(mode) + " " + src + " > " + sgi + " 2>/dev/null").c_str()), 0)
+            << what;
         Picture back = readOurs(sgi);
         expectSame(p, back, channels, std::string("pnmtosgi ") + mode + " " + what);
       }

@@ -38,7 +38,8 @@ TEST(SGI, RunLengthRowsEncodeExactly) {
   ASSERT_EQ(row.size(), 1u + 126 + 1 + 2 + 2 + 2 + 1);
   EXPECT_EQ(row[0], 0x80 | 126);
   EXPECT_EQ(row[127], 0x80 | 2);
-  EXPECT_EQ(std::vector<uint8_t>(row.end() - 5, row.end()), (std::vector<uint8_t>{1, uint8_t(distinct[128]), 1, uint8_t(distinct[129]), 0}));
+  EXPECT_EQ(std::vector<uint8_t>(row.end() - 5, row.end()),
+            (std::vector<uint8_t>{1, uint8_t(distinct[128]), 1, uint8_t(distinct[129]), 0}));
   // A stretch, then three equal: literal, run.
   EXPECT_EQ(encodedRow({1, 2, 5, 5, 5}), (std::vector<uint8_t>{0x82, 1, 2, 3, 5, 0}));
   // Two-byte units, big-endian.
@@ -57,7 +58,8 @@ TEST(SGI, RoundTripsAndHeader) {
         std::vector<uint16_t> row(w);
         for (unsigned c = 0; c < z; ++c)
           for (unsigned y = 0; y < h; ++y) {
-            for (unsigned x = 0; x < w; ++x) row[x] = uint16_t(((x / 5) * 31 + y * 7 + c * 50) * (bpp == 2 ? 257 : 1) & (bpp == 2 ? 0xFFFF : 0xFF));
+            for (unsigned x = 0; x < w; ++x)
+              row[x] = uint16_t(((x / 5) * 31 + y * 7 + c * 50) * (bpp == 2 ? 257 : 1) & (bpp == 2 ? 0xFFFF : 0xFF));
             ASSERT_EQ(putrow(im, row.data(), y, c), int(w));
           }
         ASSERT_EQ(iclose(im), 0);
@@ -79,7 +81,8 @@ TEST(SGI, RoundTripsAndHeader) {
           for (unsigned y = 0; y < h; ++y) {
             ASSERT_EQ(getrow(im, row.data(), y, c), int(w));
             for (unsigned x = 0; x < w; ++x)
-              ASSERT_EQ(row[x], uint16_t(((x / 5) * 31 + y * 7 + c * 50) * (bpp == 2 ? 257 : 1) & (bpp == 2 ? 0xFFFF : 0xFF)));
+              ASSERT_EQ(row[x],
+                        uint16_t(((x / 5) * 31 + y * 7 + c * 50) * (bpp == 2 ? 257 : 1) & (bpp == 2 ? 0xFFFF : 0xFF)));
           }
         EXPECT_EQ(iclose(im), 0);
       }

@@ -81,10 +81,10 @@ TEST(TcachedImageBase, PrintsItsStatistics) {
   cache.printCacheStats(4);
   cache.printAccessStats();
   std::string out = testing::internal::GetCapturedStdout();
-  for (const char* text : {"Created cached image:", "Using temp file /tmp/cache.tmp", "Resolution = 640 x 480",
-                           "# chunks = 80", "chunk size = 64x64", "# cache entries = 20",
-                           "full image size = 1.25 MB ", "pct in memory = 25%", "Destroying TcachedImage.....",
-                           "Cache Accesses = 200", "Cache Misses = 50", "Hit pct = 75%"})
+  for (const char* text :
+       {"Created cached image:", "Using temp file /tmp/cache.tmp", "Resolution = 640 x 480", "# chunks = 80",
+        "chunk size = 64x64", "# cache entries = 20", "full image size = 1.25 MB ", "pct in memory = 25%",
+        "Destroying TcachedImage.....", "Cache Accesses = 200", "Cache Misses = 50", "Hit pct = 75%"})
     EXPECT_NE(out.find(text), std::string::npos) << text;
   testing::internal::CaptureStderr();
   cache.printError("bad: ", "thing");

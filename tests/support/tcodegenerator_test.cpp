@@ -53,7 +53,7 @@ std::vector<std::string> expectedListing(unsigned n, float scale, const float* k
   std::vector<std::string> L;
   auto f = [](int r) { return "$f" + std::to_string(r); };
   bool scaled = scale != 1.0f;
-  L = {"li\tt9,255", "sll\tt4,a0,0x2", "sll\ta3,a0,0x4", "subu\tt7,a1,a0", "addu\tt8,t7,a0", "addu\tt5,a3,t1",
+  L = {"li\tt9,255",    "sll\tt4,a0,0x2", "sll\ta3,a0,0x4", "subu\tt7,a1,a0", "addu\tt8,t7,a0", "addu\tt5,a3,t1",
        "blez\tt7,DONE", "addu\tt4,t4,t3", "addu\tt6,a3,t2", "sll\tt8,t8,0x4", "addu\ta3,a3,t0", "addu\tt8,t8,t0"};
   if (scaled) L.push_back("mov.s\t$f20,$f15");
   for (int i = 0; i < 9; ++i) {
@@ -81,8 +81,8 @@ std::vector<std::string> expectedListing(unsigned n, float scale, const float* k
     L.push_back("lwc1\t$f4," + o + "(t5)");
     L.push_back(plusOrMadd(k[2] == 1.0f, 3, 7, 12));
     L.push_back(plusOrMadd(k[8] == 1.0f, 2, 5, 18));
-    for (const char* s : {"madd.s\t$f3,$f3,$f8,$f13", "madd.s\t$f2,$f2,$f6,$f17", "madd.s\t$f3,$f3,$f4,$f14",
-                          "add.s\t$f2,$f2,$f3"})
+    for (const char* s :
+         {"madd.s\t$f3,$f3,$f8,$f13", "madd.s\t$f2,$f2,$f6,$f17", "madd.s\t$f3,$f3,$f4,$f14", "add.s\t$f2,$f2,$f3"})
       L.push_back(s);
     if (scaled) L.push_back("mul.s\t$f2,$f2,$f20");
     for (const char* s : {"trunc.w.s\t$f2,$f2", "mfc1\tat,$f2", "sltu\tv0,at,t9", "movz\tat,t9,v0"}) L.push_back(s);

@@ -33,16 +33,16 @@ struct ConvertOptions {
   std::string in, out;
   std::string compression;  // empty: as the input
   bool topdown = false;
-  std::string tile;  // WxH, empty: the default layout
-  std::string resize;  // WxH, empty: the input's size
-  std::string filter;  // zoom filter, empty: the default
-  std::string blur;    // X,Y in percent
-  std::string format;  // "iff", "sgi" or a plug-in's key; empty: by the output's extension
-  int frame = -1;      // one frame (or IFF image) of the input, from 0; -1: all an output holds
+  std::string tile;                  // WxH, empty: the default layout
+  std::string resize;                // WxH, empty: the input's size
+  std::string filter;                // zoom filter, empty: the default
+  std::string blur;                  // X,Y in percent
+  std::string format;                // "iff", "sgi" or a plug-in's key; empty: by the output's extension
+  int frame = -1;                    // one frame (or IFF image) of the input, from 0; -1: all an output holds
   std::vector<std::string> options;  // NAME=VALUE for the output format's plug-in
-  std::string layer;  // of a Photoshop document: this layer ("#N": the N-th) instead of the flattened image
-  int alpha = -1;     // of a Photoshop document: this alpha channel instead
-  std::string set;    // of a Photoshop document: this layer set's composite instead
+  std::string layer;     // of a Photoshop document: this layer ("#N": the N-th) instead of the flattened image
+  int alpha = -1;        // of a Photoshop document: this alpha channel instead
+  std::string set;       // of a Photoshop document: this layer set's composite instead
   bool lenient = false;  // read past damage a decoder can step over, with a warning
   bool quiet = false;    // no warnings of what the output could not hold
 };

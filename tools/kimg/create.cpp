@@ -23,10 +23,14 @@ bool typeBits(std::string s, uint32_t& bits) {
     bits |= ILT_DEPTH;
     s.pop_back();
   }
-  if (s == "rgb") bits |= ILT_COLOR;
-  else if (s == "rgba") bits |= ILT_COLOR | ILT_ALPHA;
-  else if (s == "greya" || s == "graya") bits |= ILT_ALPHA;
-  else if (s != "grey" && s != "gray") return false;
+  if (s == "rgb")
+    bits |= ILT_COLOR;
+  else if (s == "rgba")
+    bits |= ILT_COLOR | ILT_ALPHA;
+  else if (s == "greya" || s == "graya")
+    bits |= ILT_ALPHA;
+  else if (s != "grey" && s != "gray")
+    return false;
   return true;
 }
 

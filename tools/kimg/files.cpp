@@ -5,10 +5,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
-#include <algorithm>
 #include <cstring>
 
 #include "util.h"
@@ -69,10 +69,14 @@ Input::Input(const std::string& name) : fName(name), fPath(name) {
     return;
   }
   struct stat st;
-  if (::stat(name.c_str(), &st) != 0) fError = std::strerror(errno);
-  else if (S_ISDIR(st.st_mode)) fError = std::strerror(EISDIR);
-  else if (::access(name.c_str(), R_OK) != 0) fError = std::strerror(errno);
-  else if (!S_ISREG(st.st_mode) && !S_ISBLK(st.st_mode)) copyOnce(false);  // a stream: it is read once
+  if (::stat(name.c_str(), &st) != 0)
+    fError = std::strerror(errno);
+  else if (S_ISDIR(st.st_mode))
+    fError = std::strerror(EISDIR);
+  else if (::access(name.c_str(), R_OK) != 0)
+    fError = std::strerror(errno);
+  else if (!S_ISREG(st.st_mode) && !S_ISBLK(st.st_mode))
+    copyOnce(false);  // a stream: it is read once
 }
 
 void Input::copyOnce(bool command) {
@@ -99,8 +103,10 @@ void Input::copyOnce(bool command) {
 Output::Output(const std::string& name, Mode mode) : fName(name) {
   if (name == "-" || isPipeName(name)) {
     fScratch = std::make_unique<TscratchFile>();
-    if (fScratch->isOpen()) fPath = fScratch->path();
-    else fError = fScratch->error();
+    if (fScratch->isOpen())
+      fPath = fScratch->path();
+    else
+      fError = fScratch->error();
     return;
   }
   if (mode == kLibrary) {

@@ -15,8 +15,8 @@ namespace {
 // The disk lookup, noting every name it is asked about.
 struct Noting : TdiskProjectMgr {
   std::vector<std::string> asked;
-  bool findFile(const Tstring& name, TfileObjectTypeName::Trule rule, TfileObjectTypeName::Tlocation location,
-                int flag, Tstring& resolved) override {
+  bool findFile(const Tstring& name, TfileObjectTypeName::Trule rule, TfileObjectTypeName::Tlocation location, int flag,
+                Tstring& resolved) override {
     // The search may ask about a name again: it is listed once.
     if (std::find(asked.begin(), asked.end(), name.str()) == asked.end()) asked.push_back(name.str());
     return TdiskProjectMgr::findFile(name, rule, location, flag, resolved);
@@ -26,7 +26,7 @@ struct Noting : TdiskProjectMgr {
 }  // namespace
 
 int find(const FindOptions& o) {
-  TcameraTypes::TfieldType field = o.field == "even" ? TcameraTypes::kEvenField
+  TcameraTypes::TfieldType field = o.field == "even"  ? TcameraTypes::kEvenField
                                    : o.field == "odd" ? TcameraTypes::kOddField
                                                       : TcameraTypes::kFrame;
   TimageFileSearchPath::initImageFileSearchPath(field, Tstring(".o"), Tstring(".e"), Tstring());
@@ -39,8 +39,9 @@ int find(const FindOptions& o) {
   TprojectMgrBase::theProjectMgr = nullptr;
   if (o.verbose)
     for (const std::string& name : project.asked) std::fprintf(stderr, "tried %s\n", name.c_str());
-  if (!ok) return fail(o.name, "no file found (" + std::to_string(project.asked.size()) + " names tried" +
-                                   (o.verbose ? ")" : "; -v lists them)"));
+  if (!ok)
+    return fail(o.name, "no file found (" + std::to_string(project.asked.size()) + " names tried" +
+                            (o.verbose ? ")" : "; -v lists them)"));
   std::printf("%s\n", found.asChar());
   return 0;
 }

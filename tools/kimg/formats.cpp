@@ -29,7 +29,10 @@ int formats() {
   for (const TformatInfo& f : TformatCatalogue::formats()) {
     std::string does = std::string(f.canRead ? "r" : "") + (f.canWrite ? "w" : "");
     std::string held = samplesOf(f.readTypes);
-    if (f.alpha) held += f.anyAssociation ? "+alpha" : f.association == Tassociation::kPremultiplied ? "+alpha(premult)" : "+alpha";
+    if (f.alpha)
+      held += f.anyAssociation                                ? "+alpha"
+              : f.association == Tassociation::kPremultiplied ? "+alpha(premult)"
+                                                              : "+alpha";
     if (f.depth) held += "+depth";
     std::printf("%-6s %-20s %-5s %-6s %-22s %s: %s%s\n", f.key.c_str(), joined(f.extensions, ";").c_str(), does.c_str(),
                 f.frames ? "yes" : "no", held.c_str(), f.name.c_str(), f.description.c_str(),
@@ -40,8 +43,7 @@ int formats() {
       std::snprintf(range, sizeof range, " %g-%g", o.minimum, o.maximum);
       options.push_back(o.name + range);
     }
-    if (!options.empty())
-      std::printf("%-6s options (--option NAME=VALUE): %s\n", "", joined(options, ", ").c_str());
+    if (!options.empty()) std::printf("%-6s options (--option NAME=VALUE): %s\n", "", joined(options, ", ").c_str());
     plugins += f.builtIn ? 0 : 1;
   }
   if (plugins == 0)

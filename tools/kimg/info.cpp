@@ -29,8 +29,8 @@ std::string valueText(const std::string& v) {
 }
 
 std::string samplesText(const TimageSpec& s) {
-  const char* kind = TsampleIsFloat(s.sampleType) ? (s.sampleType == TsampleType::kHalf ? "halves" : "floats")
-                                                  : "integers";
+  const char* kind =
+      TsampleIsFloat(s.sampleType) ? (s.sampleType == TsampleType::kHalf ? "halves" : "floats") : "integers";
   size_t bytes = TsampleBytes(s.sampleType);
   return std::to_string(s.bits) + "-bit " + kind + ", " + std::to_string(bytes) + " byte" + (bytes == 1 ? "" : "s") +
          " a channel";
@@ -56,14 +56,17 @@ void printSpec(const TimageReader& r, int frame) {
   std::printf("  channels     %s\n", channelsText(s).c_str());
   std::printf("  samples      %s\n", samplesText(s).c_str());
   if (!s.compression.empty()) std::printf("  compression  %s\n", s.compression.c_str());
-  if (s.alpha) std::printf("  alpha        %s\n", s.association == Tassociation::kPremultiplied ? "premultiplied" : "straight");
+  if (s.alpha)
+    std::printf("  alpha        %s\n", s.association == Tassociation::kPremultiplied ? "premultiplied" : "straight");
   if (s.x || s.y || s.fullWidth > 0) std::printf("  origin       %d, %d\n", s.x, s.y);
   if (s.fullWidth > 0 && (s.fullWidth != s.width || s.fullHeight != s.height))
     std::printf("  window       %d x %d of %d x %d\n", s.width, s.height, s.fullWidth, s.fullHeight);
   if (s.pixelAspect != 1.0) std::printf("  pixel aspect %g\n", s.pixelAspect);
   if (s.tileWidth > 0) std::printf("  tile size    %d x %d\n", s.tileWidth, s.tileHeight);
-  if (s.dpi > 0.0) std::printf("  dpi          %g\n", s.dpi);
-  else std::printf("  dpi          not stored\n");
+  if (s.dpi > 0.0)
+    std::printf("  dpi          %g\n", s.dpi);
+  else
+    std::printf("  dpi          not stored\n");
   std::printf("  frames       %d\n", s.frames);
   for (const auto& [name, value] : s.details) std::printf("  %-12s %s\n", name.c_str(), value.c_str());
   for (const auto& [tag, value] : s.fields) std::printf("  field %-6s %s\n", tag.c_str(), valueText(value).c_str());
@@ -102,11 +105,17 @@ int printStats(TimageReader& r, const std::string& name, const std::string& path
   }
   const double count = double(s.width) * s.height;
   for (int c = 0; c < channels; ++c) {
-    const char* label = c == s.colorChannels ? "alpha" : s.colorChannels == 1 ? "grey" : c == 0 ? "red" : c == 1 ? "green" : "blue";
+    const char* label = c == s.colorChannels   ? "alpha"
+                        : s.colorChannels == 1 ? "grey"
+                        : c == 0               ? "red"
+                        : c == 1               ? "green"
+                                               : "blue";
     std::printf("  %-6s       min %g  max %g  mean %.3f\n", label, stats[size_t(c)].min, stats[size_t(c)].max,
                 stats[size_t(c)].sum / count);
   }
-  if (s.depth) std::printf("  depth        min %g  max %g  mean %g\n", stats.back().min, stats.back().max, stats.back().sum / count);
+  if (s.depth)
+    std::printf("  depth        min %g  max %g  mean %g\n", stats.back().min, stats.back().max,
+                stats.back().sum / count);
   return 0;
 }
 
@@ -130,9 +139,12 @@ int info(const std::vector<std::string>& files, bool stats) {
   for (const std::string& name : files) {
     Input input(name);
     int one;
-    if (!input.error().empty()) one = fail(name, input.error());
-    else if (isAvi(input.path())) one = infoMovie(name, input.path());
-    else one = infoPicture(name, input.path(), stats);
+    if (!input.error().empty())
+      one = fail(name, input.error());
+    else if (isAvi(input.path()))
+      one = infoMovie(name, input.path());
+    else
+      one = infoPicture(name, input.path(), stats);
     status = status ? status : one;
   }
   return status;

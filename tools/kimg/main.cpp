@@ -58,7 +58,9 @@ void addPattern(CLI::App& app, Commands& c) {
   c.patternApp->add_option("--size", pat.size, "Width and height, WxH")->capture_default_str();
   c.patternApp->add_flag("--alpha", pat.alpha, "With a soft alpha edge");
   c.patternApp->add_flag("--depth", pat.depth, "With a depth ramp");
-  c.patternApp->add_option("--bytes", pat.bytes, "Bytes per channel")->check(CLI::IsMember({1, 2}))->capture_default_str();
+  c.patternApp->add_option("--bytes", pat.bytes, "Bytes per channel")
+      ->check(CLI::IsMember({1, 2}))
+      ->capture_default_str();
   c.patternApp->add_option("--compression", pat.compression, kCompressionHelp)
       ->check(CLI::IsMember(kCompressions))
       ->capture_default_str();
@@ -70,15 +72,17 @@ void addConvert(CLI::App& app, Commands& c) {
       app.add_subcommand("convert", "Convert pictures between every format the library reads and writes");
   convert->add_option("in", conv.in, "Input picture")->required();
   convert->add_option("out", conv.out, "Output file; may be the input itself")->required();
-  convert->add_option("--compression", conv.compression,
-                      std::string(kCompressionHelp) + " (IFF and SGI; default: as the input)")
+  convert
+      ->add_option("--compression", conv.compression,
+                   std::string(kCompressionHelp) + " (IFF and SGI; default: as the input)")
       ->check(CLI::IsMember(kCompressions));
   convert->add_flag("--topdown", conv.topdown, "Write IFF lines from the top of the image down");
   convert->add_option("--tile", conv.tile, "IFF tile size, WxH (default: chosen by image size)");
   convert->add_option("--resize", conv.resize, "Resample to WxH through a zoom filter");
   convert->add_option("--filter", conv.filter, "Zoom filter for --resize (see kimg filters; default auto)");
   convert->add_option("--blur", conv.blur, "Blur for --resize, X,Y in percent of the image");
-  convert->add_option("--format", conv.format, "Output format: iff or a key kimg formats lists (default: by the extension)");
+  convert->add_option("--format", conv.format,
+                      "Output format: iff or a key kimg formats lists (default: by the extension)");
   convert->add_option("--frame", conv.frame, "Only this frame of the input (from 0): an IFF image or a format's frame")
       ->check(CLI::NonNegativeNumber);
   convert->add_option("--option", conv.options,
@@ -107,7 +111,8 @@ void addFind(CLI::App& app, Commands& c) {
   c.findApp = app.add_subcommand("find", "Print the file a loose image name resolves to, as a renderer finds it");
   c.findApp->add_option("name", fnd.name, "Image name, perhaps without frame padding, field marker or .Z")->required();
   c.findApp->add_option("--field", fnd.field, "The field rendered: odd or even")->check(CLI::IsMember({"odd", "even"}));
-  c.findApp->add_option("--frame", fnd.frame, "The frame, tried with 0 to 4 leading zeros")->check(CLI::NonNegativeNumber);
+  c.findApp->add_option("--frame", fnd.frame, "The frame, tried with 0 to 4 leading zeros")
+      ->check(CLI::NonNegativeNumber);
   c.findApp->add_flag("-v,--verbose", fnd.verbose, "List the names tried");
 }
 
@@ -120,7 +125,8 @@ void addPsd(CLI::App& app, Commands& c) {
   psd->add_option("--depth", psdo.depth, "Bits a channel of a new document")->check(CLI::IsMember({8, 16}));
   psd->add_option("--add-set", psdo.addSets, "Add a layer set NAME on top");
   psd->add_option("--add-layer", psdo.addLayers, "NAME=PICTURE: add a layer of a picture (or put it into NAME)");
-  psd->add_option("--add-to-set", psdo.addToSets, "SET=LAYER: add an empty layer LAYER into SET (--add-layer fills it)");
+  psd->add_option("--add-to-set", psdo.addToSets,
+                  "SET=LAYER: add an empty layer LAYER into SET (--add-layer fills it)");
   psd->add_option("--add-alpha", psdo.addAlphas, "NAME=PICTURE: add an alpha channel of a grey picture");
   psd->add_option("--blend", psdo.blends, "NAME=KEY: a layer's blend key (mul is \"mul \")");
   psd->add_option("--opacity", psdo.opacities, "NAME=N: a layer's opacity, 0 to 255");
@@ -159,8 +165,10 @@ void addOthers(CLI::App& app, Commands& c) {
   c.filters = app.add_subcommand("filters", "List the zoom filters: built in and in the work area");
   c.formats = app.add_subcommand("formats", "List every format the library knows, with what it holds and its options");
   kimg::MovieOptions& mov = c.movie;
-  CLI::App* movie = c.movieApp = app.add_subcommand("movie", "Make an AVI movie of pictures, or write a movie's frames out");
-  movie->add_option("movie", mov.movie, "The AVI movie made (\".AVI\" is added to another extension), or read")->required();
+  CLI::App* movie = c.movieApp =
+      app.add_subcommand("movie", "Make an AVI movie of pictures, or write a movie's frames out");
+  movie->add_option("movie", mov.movie, "The AVI movie made (\".AVI\" is added to another extension), or read")
+      ->required();
   movie->add_option("frames", mov.frames, "Pictures of any format kimg reads, or frame patterns (name.####.ext)");
   movie->add_option("--rate", mov.rate, "Frames a second (a whole number)")->capture_default_str();
   movie->add_option("--codec", mov.codec, "DIB (uncompressed), MJPG, msvc, cvid or FFV1 (lossless, the default)");

@@ -69,8 +69,10 @@ int startLayer(const std::string& name) {
 int gatherFiles(const std::vector<std::string>& names, std::vector<std::string>& files) {
   for (const std::string& f : names) {
     TframePattern pattern;
-    if (!TframePattern::parse(f, pattern)) files.push_back(f);
-    else if (int status = sequenceFiles(f, "", files)) return status;
+    if (!TframePattern::parse(f, pattern))
+      files.push_back(f);
+    else if (int status = sequenceFiles(f, "", files))
+      return status;
   }
   if (files.empty()) return usage("kimg movie OUT.avi needs pictures, or a frame pattern that has frames on disk");
   return 0;
@@ -193,9 +195,8 @@ int extractFrames(const MovieOptions& o) {
       break;
     }
     if (writing.size() >= 2) finishOne();
-    writing.push_back(std::async(std::launch::async, [map, name = pattern.name(i + 1), &o] {
-      return writeFrame(*map, name);
-    }));
+    writing.push_back(
+        std::async(std::launch::async, [map, name = pattern.name(i + 1), &o] { return writeFrame(*map, name); }));
   }
   while (!writing.empty()) finishOne();
   return status;

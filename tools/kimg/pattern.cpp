@@ -27,7 +27,7 @@ struct Sample {
 Sample at(double u, double v, double aspect) {
   Sample s{u, v, 1.0 - u, 1.0, -1.0 / (1.0 + 8.0 * u + 4.0 * v)};
   double cx = (u - 0.35) * aspect, cy = v - 0.55;
-  if (cx * cx + cy * cy < 0.04) s = {1.0, 0.55, 0.1, 1.0, -1.0 / (1.5 + 6.0 * cy)};  // an orange disc
+  if (cx * cx + cy * cy < 0.04) s = {1.0, 0.55, 0.1, 1.0, -1.0 / (1.5 + 6.0 * cy)};   // an orange disc
   if (u > 0.6 && u < 0.85 && v > 0.2 && v < 0.45) s = {0.95, 0.95, 0.95, 1.0, -0.5};  // a white box
   if (v < 0.08) {
     bool check = (int(u * 32) + int(v * 32 / 0.08 * 0.25)) % 2;

@@ -19,8 +19,8 @@ using namespace zkPhotoshop;
 namespace {
 
 const char* modeName(uint16_t mode) {
-  static const char* const names[] = {"Bitmap",  "Grayscale",    "Indexed", "RGB", "CMYK", "?",
-                                      "?",       "Multichannel", "Duotone", "Lab"};
+  static const char* const names[] = {"Bitmap", "Grayscale", "Indexed",      "RGB",     "CMYK",
+                                      "?",      "?",         "Multichannel", "Duotone", "Lab"};
   return mode < 10 ? names[mode] : "?";
 }
 
@@ -87,7 +87,8 @@ void printResources(const TpsdFile& doc) {
 
 void printWarnings(std::FILE* to = stdout) {
   TstringArray messages = theWarnings().messages();
-  for (int i = 0; i < messages.length(); ++i) std::fprintf(to, "%swarning: %s\n", to == stderr ? "kimg: " : "", messages[i].asChar());
+  for (int i = 0; i < messages.length(); ++i)
+    std::fprintf(to, "%swarning: %s\n", to == stderr ? "kimg: " : "", messages[i].asChar());
   theWarnings().clear();
 }
 

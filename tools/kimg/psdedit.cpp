@@ -131,8 +131,7 @@ int psdEdit(const PsdOptions& o) {
   std::string name = o.newSize.empty() ? o.file : o.out;
   if (!o.newSize.empty()) {
     unsigned short w = 0, h = 0;
-    if (o.newSize.size() != 2 || o.newSize[0] < 1 || o.newSize[1] < 1 || o.newSize[0] > 30000 ||
-        o.newSize[1] > 30000)
+    if (o.newSize.size() != 2 || o.newSize[0] < 1 || o.newSize[1] < 1 || o.newSize[0] > 30000 || o.newSize[1] > 30000)
       return usage("--new takes a width and a height, each from 1 to 30000");
     w = uint16_t(o.newSize[0]), h = uint16_t(o.newSize[1]);
     doc.fDepth = uint16_t(o.depth);
@@ -141,7 +140,8 @@ int psdEdit(const PsdOptions& o) {
   } else {
     if (int status = psdOpen(o.file, doc)) return status;
     doc.open(TfilePath(o.file.c_str()), true);  // edit mode: saved to -o
-    if (!doc.readAllLayerRecordInformation() && !doc.lastReason().isEmpty()) return fail(o.file, doc.lastReason().str());
+    if (!doc.readAllLayerRecordInformation() && !doc.lastReason().isEmpty())
+      return fail(o.file, doc.lastReason().str());
   }
   theWarnings().clear();
   if (int status = applyEdits(doc, o, name)) return status;

@@ -68,7 +68,8 @@ class Progress {
 int convertSequence(const ConvertOptions& o, const SequenceOptions& s) {
   TframePattern in, out;
   TframePattern::parse(o.in, in);
-  if (!TframePattern::parse(o.out, out)) return usage("the output of a frame sequence needs a frame pattern too: " + o.out);
+  if (!TframePattern::parse(o.out, out))
+    return usage("the output of a frame sequence needs a frame pattern too: " + o.out);
   if (o.frame >= 0) return usage("--frame takes one frame of one file; for sequences use --frames");
   std::vector<long> frames;
   if (int status = framesOf(in, o.in, s.frames, frames)) return status;

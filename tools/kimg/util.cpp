@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "files.h"
-#include "kelpimage/il/il.h"
 #include "kelpimage/base/terrorhandler.h"
+#include "kelpimage/il/il.h"
 #include "kelpimage/io/tformatcatalogue.h"
 
 namespace kimg {

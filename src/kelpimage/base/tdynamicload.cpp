@@ -5,7 +5,8 @@
 // kMovieLibraryName is defined beside the movie layer that binds it.
 
 TdynamicLoad::TdynamicLoad(const Tstring& name, int mode) {
-  fHandle = ::dlopen(name.asChar(), ((mode & kNow) ? RTLD_NOW : RTLD_LAZY) | ((mode & kKeep) ? RTLD_NODELETE : 0) | RTLD_LOCAL);
+  fHandle = ::dlopen(name.asChar(),
+                     ((mode & kNow) ? RTLD_NOW : RTLD_LAZY) | ((mode & kKeep) ? RTLD_NODELETE : 0) | RTLD_LOCAL);
   if (!fHandle) {
     const char* why = ::dlerror();
     fError = why ? why : "cannot load library";
@@ -16,6 +17,4 @@ TdynamicLoad::~TdynamicLoad() {
   if (fHandle) ::dlclose(fHandle);
 }
 
-void* TdynamicLoad::symbol(const char* name) const {
-  return fHandle && name ? ::dlsym(fHandle, name) : nullptr;
-}
+void* TdynamicLoad::symbol(const char* name) const { return fHandle && name ? ::dlsym(fHandle, name) : nullptr; }

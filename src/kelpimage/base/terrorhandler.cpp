@@ -10,9 +10,12 @@ thread_local std::string tLastReport;
 }  // namespace
 
 void TerrorHandler::send(const Tstring& message) {
-  if (tCatcher) tCatcher->take(message);
-  else if (TerrorHandler* handler = theErrorHandler) handler->reportError(message);
-  else tLastReport = message.str();
+  if (tCatcher)
+    tCatcher->take(message);
+  else if (TerrorHandler* handler = theErrorHandler)
+    handler->reportError(message);
+  else
+    tLastReport = message.str();
 }
 
 const std::string& TerrorHandler::lastReport() { return tLastReport; }

@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 
-
 TtemporaryDirectory theTempDirectory;
 
 bool TfilePath::isDirectory() const {

@@ -98,4 +98,3 @@ class KELP_API TtemporaryDirectory {
   Tstring getFullName() const;
 };
 KELP_API extern TtemporaryDirectory theTempDirectory;
-

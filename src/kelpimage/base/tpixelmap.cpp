@@ -39,9 +39,7 @@ Tpixel32* TpixelMap::pixelPointer(int x, int y) {
   return fPixels + size_t(y) * size_t(width()) + size_t(x);
 }
 
-const Tpixel32* TpixelMap::pixelPointer(int x, int y) const {
-  return const_cast<TpixelMap*>(this)->pixelPointer(x, y);
-}
+const Tpixel32* TpixelMap::pixelPointer(int x, int y) const { return const_cast<TpixelMap*>(this)->pixelPointer(x, y); }
 
 void TpixelMap::setPixelPtr(Tpixel32* memory, const TportRect& rect) {
   TportRect::operator=(rect);
@@ -121,10 +119,12 @@ std::vector<float> resampleAxis(const std::vector<float>& in, int n, int m, int 
       float acc[4] = {};
       for (size_t k = 0; k < t.weights.size(); ++k) {
         int s = t.first + int(k);
-        size_t at = alongRows ? (size_t(line) * size_t(n) + size_t(s)) * 4 : (size_t(s) * size_t(count) + size_t(line)) * 4;
+        size_t at =
+            alongRows ? (size_t(line) * size_t(n) + size_t(s)) * 4 : (size_t(s) * size_t(count) + size_t(line)) * 4;
         for (int c = 0; c < 4; ++c) acc[c] += t.weights[k] * in[at + size_t(c)];
       }
-      size_t to = alongRows ? (size_t(line) * size_t(m) + size_t(i)) * 4 : (size_t(i) * size_t(count) + size_t(line)) * 4;
+      size_t to =
+          alongRows ? (size_t(line) * size_t(m) + size_t(i)) * 4 : (size_t(i) * size_t(count) + size_t(line)) * 4;
       std::copy(acc, acc + 4, out.begin() + std::ptrdiff_t(to));
     }
   return out;

@@ -64,9 +64,12 @@ bool save(const std::string& file, const Values& values) {
 
 TKelpRegNT::TKelpRegNT() {
   std::string base;
-  if (const char* xdg = std::getenv("XDG_CONFIG_HOME"); xdg && *xdg) base = xdg;
-  else if (const char* home = std::getenv("HOME"); home && *home) base = std::string(home) + "/.config";
-  else base = "/tmp";
+  if (const char* xdg = std::getenv("XDG_CONFIG_HOME"); xdg && *xdg)
+    base = xdg;
+  else if (const char* home = std::getenv("HOME"); home && *home)
+    base = std::string(home) + "/.config";
+  else
+    base = "/tmp";
   fFile = base + "/kelpimage/settings";
 }
 

@@ -180,8 +180,10 @@ bool ToutputStream::fail(const std::string& why) {
 const std::string& ToutputStream::path() {
   if (fCopy < 0) {
     fCopy = memoryFile(fName);
-    if (fCopy < 0) fail(std::string("no file in memory can be made: ") + std::strerror(errno));
-    else fPath = descriptorPath(fCopy);
+    if (fCopy < 0)
+      fail(std::string("no file in memory can be made: ") + std::strerror(errno));
+    else
+      fPath = descriptorPath(fCopy);
   }
   return fPath;
 }

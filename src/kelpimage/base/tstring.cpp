@@ -8,8 +8,10 @@
 const char* const Tstring::kNullStr = "";
 
 Tstring::Tstring(TstringIdNumber id) {
-  if (const char* text = TstringFindMessage(id.fId)) fText = text;
-  else fText = "Message " + std::to_string(id.fId);
+  if (const char* text = TstringFindMessage(id.fId))
+    fText = text;
+  else
+    fText = "Message " + std::to_string(id.fId);
 }
 
 Tstring& Tstring::set(const char* text) {

@@ -71,16 +71,17 @@ class KELP_API Tstring {
   bool operator!=(const Tstring& other) const { return !(*this == other); }
   bool operator!=(const char* text) const { return !(*this == text); }
   bool operator<(const Tstring& other) const { return fText < other.fText; }
-  char operator[](int index) const {
-    return index >= 0 && index < length() ? fText[size_t(index)] : '\0';
-  }
+  char operator[](int index) const { return index >= 0 && index < length() ? fText[size_t(index)] : '\0'; }
 
  private:
   template <class T>
   static auto pass(const T& v) {
-    if constexpr (std::is_same_v<T, Tstring>) return v.asChar();
-    else if constexpr (std::is_same_v<T, std::string>) return v.c_str();
-    else return v;
+    if constexpr (std::is_same_v<T, Tstring>)
+      return v.asChar();
+    else if constexpr (std::is_same_v<T, std::string>)
+      return v.c_str();
+    else
+      return v;
   }
   Tstring& formatRaw(const char* pattern, ...) __attribute__((format(printf, 2, 3)));
 

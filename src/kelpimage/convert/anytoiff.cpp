@@ -5,10 +5,10 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <memory>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -48,12 +48,9 @@ bool statInput(const char* input) {
 // A sample of a channel buffer by its width.
 uint32_t sampleAt(const void* buffer, int32_t x, int32_t bits) {
   switch (PXF_sample_bytes(bits)) {
-    case 1:
-      return static_cast<const uint8_t*>(buffer)[x];
-    case 2:
-      return static_cast<const uint16_t*>(buffer)[x];
-    default:
-      return static_cast<const uint32_t*>(buffer)[x];
+    case 1: return static_cast<const uint8_t*>(buffer)[x];
+    case 2: return static_cast<const uint16_t*>(buffer)[x];
+    default: return static_cast<const uint32_t*>(buffer)[x];
   }
 }
 
@@ -79,10 +76,15 @@ bool fillLine(const PxfImageData& im, void* const* ch, uint8_t* line, int32_t wi
     int step = im.colorBits / 8, matteStep = im.matteBits / 8;
     for (int32_t x = 0; x < width; ++x) {
       uint8_t* p = line + size_t(x) * 4;
-      auto high = [&](int c, int bytes) { return static_cast<const uint8_t*>(ch[c])[size_t(x) * size_t(bytes) + size_t(bytes) - 1]; };
-      if (colors == 1) p[2] = p[1] = p[0] = high(0, step);
-      else if (colors == 2) p[2] = high(0, step), p[1] = high(1, step);
-      else if (colors == 3) p[2] = high(0, step), p[1] = high(1, step), p[0] = high(2, step);
+      auto high = [&](int c, int bytes) {
+        return static_cast<const uint8_t*>(ch[c])[size_t(x) * size_t(bytes) + size_t(bytes) - 1];
+      };
+      if (colors == 1)
+        p[2] = p[1] = p[0] = high(0, step);
+      else if (colors == 2)
+        p[2] = high(0, step), p[1] = high(1, step);
+      else if (colors == 3)
+        p[2] = high(0, step), p[1] = high(1, step), p[0] = high(2, step);
       if (im.matteChannels > 0) p[3] = high(colors, matteStep);
     }
     return true;
@@ -173,7 +175,7 @@ int convert(PxfHandle* handle, const char* output, uint32_t compression) {
   if (width < 1 || height < 1 || width > 32768 || height > 32768 ||
       uint64_t(width) * uint64_t(height) > ILmaxpixels(0)) {
     kelpconvert::report(std::string(handle->name) + ": a picture of " + std::to_string(width) + " x " +
-                          std::to_string(height));
+                        std::to_string(height));
     return -1;
   }
   ILimage* out = ILopen(output, "w");
@@ -257,9 +259,11 @@ static int psdToIff(const char* input, const char* output, uint32_t compression)
   TrgbaData* image = nullptr;
   uint8_t* pixels = nullptr;
   int channels = 0, width = 0, height = 0, bytes = 1;
-  if (compositeImage(file, image) != statusOk || interleaveImage(image, 255, pixels, channels, width, height, bytes) != 0) {
+  if (compositeImage(file, image) != statusOk ||
+      interleaveImage(image, 255, pixels, channels, width, height, bytes) != 0) {
     auto* doc = dynamic_cast<TpsdFile*>(file);
-    kelpconvert::report(doc && !doc->lastError().isEmpty() ? doc->lastError().str() : std::string(input) + ": cannot be read");
+    kelpconvert::report(doc && !doc->lastError().isEmpty() ? doc->lastError().str()
+                                                           : std::string(input) + ": cannot be read");
     return -1;
   }
   std::unique_ptr<uint8_t[]> held(pixels);

@@ -15,7 +15,8 @@
 KELP_API int anytoiff(const char* input, const char* output, const char* key, int frame);
 // anytoiff into an IFF file of the given compression (0 none, 1 RLE, 2 QRL,
 // 3 QR4) rather than a stored temporary one: for a host that keeps the file.
-KELP_API int anytoiffCompressed(const char* input, const char* output, const char* key, int frame, uint32_t compression);
+KELP_API int anytoiffCompressed(const char* input, const char* output, const char* key, int frame,
+                                uint32_t compression);
 // The size of a picture of a plug-in format, without converting it: 0, or -1.
 KELP_API int getResolution(const char* input, unsigned& width, unsigned& height);
 

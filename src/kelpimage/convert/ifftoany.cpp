@@ -42,7 +42,6 @@ struct ConversionOutput {
 int finishOutput(const std::string& target, ConversionOutput& out);
 void abandonOutput(ConversionOutput& out);
 
-
 // Outputs by target. The map lives to the end of the process, and outputs
 // still open then are completed, so that no frame written is lost. Threads
 // converting to different targets share it: the lock guards the map, and a
@@ -72,9 +71,12 @@ int32_t outputBits(const PxfFormat* format, int32_t bits) {
 }
 
 void putSample(void* buffer, int32_t x, int32_t bytes, uint32_t v) {
-  if (bytes == 1) static_cast<uint8_t*>(buffer)[x] = uint8_t(v);
-  else if (bytes == 2) static_cast<uint16_t*>(buffer)[x] = uint16_t(v);
-  else static_cast<uint32_t*>(buffer)[x] = v;
+  if (bytes == 1)
+    static_cast<uint8_t*>(buffer)[x] = uint8_t(v);
+  else if (bytes == 2)
+    static_cast<uint16_t*>(buffer)[x] = uint16_t(v);
+  else
+    static_cast<uint32_t*>(buffer)[x] = v;
 }
 
 struct Spread {
@@ -107,8 +109,10 @@ void spreadLine(const Spread& s, const uint8_t* line, const float* z, void* cons
       uint32_t out = 0;
       if (v != 0.0f) {
         double d = -1.0 / double(v), t;
-        if (s.clip) t = std::clamp((double(s.high) - d) / double(s.high - s.low), 0.0, 1.0) * 2147483648.0;
-        else t = 2147483648.0 - (d - 1.0);
+        if (s.clip)
+          t = std::clamp((double(s.high) - d) / double(s.high - s.low), 0.0, 1.0) * 2147483648.0;
+        else
+          t = 2147483648.0 - (d - 1.0);
         t = std::clamp(t, 0.0, 2147483648.0);
         out = t >= 2147483648.0 ? 0x80000000u : uint32_t(int32_t(t));
       }
@@ -161,7 +165,8 @@ bool planOutput(ILimage* in, const PxfFormat* format, const std::string& input, 
   ILgetratio(in, &num, &den);
   PxfImageData& image = plan.image;
   image.aspectRatio = 1.0f;
-  if (num != den && den != 0 && plan.height != 0) image.aspectRatio = float(den * plan.width) / float(num * plan.height);
+  if (num != den && den != 0 && plan.height != 0)
+    image.aspectRatio = float(den * plan.width) / float(num * plan.height);
   image.aspectWidth = plan.width;
   image.aspectHeight = plan.height;
   image.dpi = in->dpi >= 1.0f ? in->dpi : 0.0f;
@@ -170,7 +175,8 @@ bool planOutput(ILimage* in, const PxfFormat* format, const std::string& input, 
   if (num > 0 && den > 0) image.pixelAspect = float(den) / float(num);
   image.association = PXF_PREMULTIPLIED;
   plan.bytes = ILgetbpp(in);
-  if (plan.bytes != 1 && plan.bytes != 2) report(input + ": " + std::to_string(plan.bytes) + " bytes a channel are read as 1");
+  if (plan.bytes != 1 && plan.bytes != 2)
+    report(input + ": " + std::to_string(plan.bytes) + " bytes a channel are read as 1");
   if (plan.bytes == 2) ILctrl(in, ILC_DEEP, 1);
   int32_t bits = outputBits(format, plan.bytes * 8);
   if (bits == 0) return report(output + ": the " + key + " plug-in writes no sample size"), false;
@@ -205,8 +211,17 @@ bool planOutput(ILimage* in, const PxfFormat* format, const std::string& input, 
   plan.invert = !(format->orientations & uint32_t(wanted));
   image.orientation = plan.invert ? (wanted == PXF_TOP_DOWN ? PXF_BOTTOM_UP : PXF_TOP_DOWN) : wanted;
   const int32_t outBytes = bits <= 8 ? 1 : ((bits - 9) >> 3) + 2;
-  plan.spread = Spread{plan.bytes == 2 ? 2 : 1, plan.bytes == 2 ? 16 : 8, bits, outBytes, colors, matte, depth,
-                       floatDepth, false, 0.0f, 0.0f};
+  plan.spread = Spread{plan.bytes == 2 ? 2 : 1,
+                       plan.bytes == 2 ? 16 : 8,
+                       bits,
+                       outBytes,
+                       colors,
+                       matte,
+                       depth,
+                       floatDepth,
+                       false,
+                       0.0f,
+                       0.0f};
   return true;
 }
 

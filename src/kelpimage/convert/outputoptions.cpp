@@ -55,7 +55,7 @@ int ifftoanySetOption(const char* key, const char* capability, float value) {
         std::snprintf(range, sizeof range, "%g to %g", double(c.minimum), double(c.maximum));
         std::snprintf(given, sizeof given, "%g", double(value));
         kelpconvert::report(std::string("The ") + key + " option \"" + c.name + "\" takes " + range +
-                              (c.help ? std::string(" (") + c.help + ")" : std::string()) + ", not " + given);
+                            (c.help ? std::string(" (") + c.help + ")" : std::string()) + ", not " + given);
         return -1;
       }
       std::lock_guard<std::mutex> hold(options().lock);
@@ -64,7 +64,7 @@ int ifftoanySetOption(const char* key, const char* capability, float value) {
     }
   }
   kelpconvert::report(std::string("The ") + key + " format has no option \"" + capability +
-                        "\"; its options are: " + settableNames(format));
+                      "\"; its options are: " + settableNames(format));
   return -1;
 }
 

@@ -187,8 +187,8 @@ KELP_API void ILsetzoomoffset(ILzoom* zoom, float x, float y);
 KELP_API void ILsetzoommargin(ILzoom* zoom, float xlow, float ylow, float xhigh, float yhigh);
 // Mode bit 0: source lines of 8 bytes a pixel (else 4); bit 1: result lines
 // of 8 bytes a pixel. Returns 0, 1 when nothing needs doing, or 106.
-KELP_API int ILbindzoom(ILzoom* zoom, void* arg, ILlinefn callback, int mode, int32_t resultWidth,
-                        int32_t resultHeight, int32_t sourceWidth, int32_t sourceHeight);
+KELP_API int ILbindzoom(ILzoom* zoom, void* arg, ILlinefn callback, int mode, int32_t resultWidth, int32_t resultHeight,
+                        int32_t sourceWidth, int32_t sourceHeight);
 KELP_API int ILreadzoom(ILzoom* zoom, void* color, float* depth);
 KELP_API int ILgetzoom(void* zoom, uint8_t** color, float** depth);
 KELP_API const char* ILdefaultzoom(const char* filter);
@@ -262,8 +262,8 @@ KELP_API int ILgetline(ILimage* image, uint8_t** line, float** zline);
 KELP_API int ILreadline(ILimage* image, void* color, float* z);
 KELP_API int ILload(ILimage* image, void* color, float* z);
 KELP_API int ILloadbm(ILimage* image, void* color, float* z);
-KELP_API int ILcload(ILimage* image, uint32_t* buffer, int32_t bufferWidth, int32_t bufferHeight, int32_t x,
-                     int32_t y, float scale, float fade, int smooth);
+KELP_API int ILcload(ILimage* image, uint32_t* buffer, int32_t bufferWidth, int32_t bufferHeight, int32_t x, int32_t y,
+                     float scale, float fade, int smooth);
 // Completes what a file did not carry: grey into three channels, full alpha,
 // black. `mask` holds the image type bits.
 KELP_API void ILfill(void* raster, int32_t w, int32_t h, int32_t bytes, int32_t stride, uint32_t mask);

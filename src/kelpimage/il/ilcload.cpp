@@ -27,8 +27,8 @@ void makeFadeTable(Compositor& c, float fade) {
 }
 
 // Lays a tile of w by h pixels over the buffer at (x, y), clipped on all sides.
-void composite(const uint32_t* src, int32_t w, int32_t h, uint32_t* dst, int32_t bw, int32_t bh, int32_t x,
-               int32_t y, const uint8_t* fade) {
+void composite(const uint32_t* src, int32_t w, int32_t h, uint32_t* dst, int32_t bw, int32_t bh, int32_t x, int32_t y,
+               const uint8_t* fade) {
   for (int32_t ty = std::max(0, -y); ty < h && ty + y < bh; ++ty) {
     const uint32_t* s = src + size_t(ty) * size_t(w);
     uint32_t* d = dst + size_t(ty + y) * size_t(bw);
@@ -53,8 +53,8 @@ void composite(const uint32_t* src, int32_t w, int32_t h, uint32_t* dst, int32_t
 }
 }  // namespace
 
-static int unguardedCload(ILimage* im, uint32_t* buffer, int32_t bw, int32_t bh, int32_t x, int32_t y, float scale, float fade,
-            int smooth) {
+static int unguardedCload(ILimage* im, uint32_t* buffer, int32_t bw, int32_t bh, int32_t x, int32_t y, float scale,
+                          float fade, int smooth) {
   if (im->ictl & ILC_DONE) return ILfail(IL_EDONE);
   if (!buffer || x >= bw || y >= bh) return 0;
   Compositor& c = compositor();

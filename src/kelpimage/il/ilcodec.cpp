@@ -11,11 +11,11 @@
 using namespace ilcodec;
 
 #define L(i) uint8_t(i)
-#define R16(i) L(i), L(i + 1), L(i + 2), L(i + 3), L(i + 4), L(i + 5), L(i + 6), L(i + 7), \
-    L(i + 8), L(i + 9), L(i + 10), L(i + 11), L(i + 12), L(i + 13), L(i + 14), L(i + 15)
-const uint8_t ildeflut[256] = {R16(0),   R16(16),  R16(32),  R16(48),  R16(64),  R16(80),
-                               R16(96),  R16(112), R16(128), R16(144), R16(160), R16(176),
-                               R16(192), R16(208), R16(224), R16(240)};
+#define R16(i)                                                                                               \
+  L(i), L(i + 1), L(i + 2), L(i + 3), L(i + 4), L(i + 5), L(i + 6), L(i + 7), L(i + 8), L(i + 9), L(i + 10), \
+      L(i + 11), L(i + 12), L(i + 13), L(i + 14), L(i + 15)
+const uint8_t ildeflut[256] = {R16(0),   R16(16),  R16(32),  R16(48),  R16(64),  R16(80),  R16(96),  R16(112),
+                               R16(128), R16(144), R16(160), R16(176), R16(192), R16(208), R16(224), R16(240)};
 #undef R16
 #undef L
 
@@ -130,16 +130,21 @@ void turnPixels(void* buffer, const ILpackinfo* info, bool toWorking) {
 void ConvertABGRtoBGRA(void* buffer, ILpackinfo* info) {
   if (info->channels != 4) return;
   uint32_t e = info->reduce ? 1 : info->bytes;
-  if (e == 2) turnPixels<uint16_t>(buffer, info, false);
-  else if (e == 4) turnPixels<uint32_t>(buffer, info, false);
-  else turnPixels<uint8_t>(buffer, info, false);
+  if (e == 2)
+    turnPixels<uint16_t>(buffer, info, false);
+  else if (e == 4)
+    turnPixels<uint32_t>(buffer, info, false);
+  else
+    turnPixels<uint8_t>(buffer, info, false);
 }
 
 void ConvertBGRAtoABGR(void* buffer, ILpackinfo* info) {
   if (info->channels != 4) return;
   uint32_t e = info->reduce ? 1 : info->bytes;
-  if (e == 2) turnPixels<uint16_t>(buffer, info, true);
-  else turnPixels<uint8_t>(buffer, info, true);
+  if (e == 2)
+    turnPixels<uint16_t>(buffer, info, true);
+  else
+    turnPixels<uint8_t>(buffer, info, true);
 }
 
 // ---------------------------------------------------------------------------

@@ -18,8 +18,8 @@ struct Tile {
   uint32_t channels;  // memory channels per pixel
   uint32_t stride;    // pixels per memory row
   uint32_t bitmask;
-  int present[4];     // working channels present, from bit 0 up
-  int count;          // how many
+  int present[4];  // working channels present, from bit 0 up
+  int count;       // how many
   uint8_t** lookups;
 
   Tile(const ILpackinfo* info, bool unpacking);

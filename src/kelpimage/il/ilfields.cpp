@@ -26,8 +26,7 @@ void swapValue(uint8_t* p, uint32_t n, uint32_t tag) {
       for (uint32_t i = 0; i + 8 <= n; i += 8)
         for (int k = 0; k < 4; ++k) std::swap(p[i + k], p[i + 7 - k]);
       break;
-    default:
-      break;
+    default: break;
   }
 }
 
@@ -87,8 +86,7 @@ int ILreadfields(ILimage* image) {
     uint32_t length = kelp::getBE32(data + at + 4);
     if (ftag == 0 || length == 0) break;
     if (length > size - at - 8) return ILfail(FL_EFIT);
-    if (ILfield* field = storeField(image, ftag, length, data + at + 8))
-      swapValue(field->value, round4(length), ftag);
+    if (ILfield* field = storeField(image, ftag, length, data + at + 8)) swapValue(field->value, round4(length), ftag);
     uint32_t step = round4(length);
     at += 8 + (step <= size - at - 8 ? step : size - at - 8);
   }
@@ -97,8 +95,7 @@ int ILreadfields(ILimage* image) {
 
 int ILwritefields(ILimage* image) {
   uint64_t sum = 0;
-  for (FLnode* n = image->fields.head; n; n = n->next)
-    sum += round4(reinterpret_cast<ILfield*>(n)->length) + 8;
+  for (FLnode* n = image->fields.head; n; n = n->next) sum += round4(reinterpret_cast<ILfield*>(n)->length) + 8;
   if (sum == 0) return 0;
   if (sum + 8 > UINT32_MAX) return ILfail(FL_EBADSIZE);
   auto* out = static_cast<uint8_t*>(FLbgnwbchunk(image, IL_FLDS, uint32_t(sum + 8)));

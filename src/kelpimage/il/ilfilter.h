@@ -24,6 +24,5 @@ bool ILloadfilterpair(const std::string& name, float& blurX, float& blurY, ILfil
 // Takes a reference away; frees a filter with neither name nor references.
 void ILdropfilter(ILfilterdef* filter);
 
-
 // The directory of filter programs: "filters" in the work area.
 std::string ILfilterdir();

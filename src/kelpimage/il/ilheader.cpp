@@ -26,8 +26,10 @@ const std::string& authorStamp() {
   static std::once_flag once;
   std::call_once(once, [] {
     std::string user;
-    if (const passwd* pw = getpwuid(geteuid()); pw && pw->pw_name) user = pw->pw_name;
-    else if (const char* env = std::getenv("USER")) user = env;
+    if (const passwd* pw = getpwuid(geteuid()); pw && pw->pw_name)
+      user = pw->pw_name;
+    else if (const char* env = std::getenv("USER"))
+      user = env;
     char host[256] = {};
     bool hostOk = gethostname(host, sizeof host - 1) == 0 && host[0];
     stamp = (!user.empty() && hostOk) ? user + " on " + host : "Unknown";

@@ -44,8 +44,10 @@ const char* envText(const char* name) {
 std::string shellQuote(const std::string& s) {
   std::string q = "'";
   for (char c : s) {
-    if (c == '\'') q += "'\\''";
-    else q += c;
+    if (c == '\'')
+      q += "'\\''";
+    else
+      q += c;
   }
   return q + "'";
 }
@@ -70,8 +72,10 @@ ILimage* openForWriting(ILimage* image, const char* mode) {
       {
         Filters& fs = filters();
         std::lock_guard<std::mutex> guard(fs.lock);
-        if (fs.hasOut) text = fs.out;
-        else if (const char* env = envText("ILOCVT")) text = env;
+        if (fs.hasOut)
+          text = fs.out;
+        else if (const char* env = envText("ILOCVT"))
+          text = env;
         fs.outUse = text;
       }
       if (!text.empty()) f = FLfilter(text.c_str(), mode, f);
@@ -144,8 +148,10 @@ std::string chooseInFilter(bool& byName) {
   Filters& fs = filters();
   std::lock_guard<std::mutex> guard(fs.lock);
   std::string text;
-  if (fs.hasIn) text = fs.in;
-  else if (const char* env = envText("ILICVT")) text = env;
+  if (fs.hasIn)
+    text = fs.in;
+  else if (const char* env = envText("ILICVT"))
+    text = env;
   if (text.empty()) {
     std::string program = kDefaultInFilter;
     program = program.substr(0, program.find(' '));
@@ -346,16 +352,20 @@ void ILinitio(ILimage* image) {
 }
 
 void ILconfig(uint32_t bits, int on) {
-  if (on) ilconfig |= bits;
-  else ilconfig &= ~bits;
+  if (on)
+    ilconfig |= bits;
+  else
+    ilconfig &= ~bits;
 }
 
 uint32_t ILctrl(ILimage* image, uint32_t bits, int on) {
   uint32_t mask = ~0xFFFFu;
   if (image->ictl & ILC_BITMAP) mask &= ~(ILC_RAWCHANNELS | ILC_DEEP);
   bits &= mask;
-  if (on) image->ictl |= bits;
-  else image->ictl &= ~bits;
+  if (on)
+    image->ictl |= bits;
+  else
+    image->ictl &= ~bits;
   return bits;
 }
 

@@ -92,15 +92,16 @@ int ILpackqrl(void* dest, void* src, ILpackinfo* info) {
     const uint8_t* row = rowOf(t, base, y);
     for (uint32_t x = 0; x < t.w; ++x) {
       const uint8_t* p = row + size_t(x) * t.channels;
-      values[x] = four ? uint32_t(p[1]) << 16 | uint32_t(p[0]) << 8 | p[3]
-                       : uint32_t(p[0]) << 16 | uint32_t(p[1]) << 8 | p[2];
+      values[x] =
+          four ? uint32_t(p[1]) << 16 | uint32_t(p[0]) << 8 | p[3] : uint32_t(p[0]) << 16 | uint32_t(p[1]) << 8 | p[2];
     }
     auto put = [&](uint32_t v) {
       *out++ = map(lut1, uint8_t(v >> 16));
       *out++ = map(lut2, uint8_t(v >> 8));
       *out++ = map(lut3, uint8_t(v));
     };
-    bool ok = scanRow(values.data(), t.w,
+    bool ok = scanRow(
+        values.data(), t.w,
         [&](uint32_t at, uint32_t n) {
           if ((budget -= 4) < 1) return false;
           *out++ = uint8_t(0x80 | (n - 1));
@@ -121,7 +122,8 @@ int ILpackqrl(void* dest, void* src, ILpackinfo* info) {
     for (uint32_t y = 0; y < t.h; ++y) {
       const uint8_t* row = rowOf(t, base, y);
       for (uint32_t x = 0; x < t.w; ++x) alpha[x] = row[size_t(x) * 4 + 3];
-      bool ok = scanRow(alpha.data(), t.w,
+      bool ok = scanRow(
+          alpha.data(), t.w,
           [&](uint32_t at, uint32_t n) {
             if ((budget -= 2) < 1) return false;
             *out++ = uint8_t(0x80 | (n - 1));
@@ -174,9 +176,8 @@ int ILunpackqrl(void* dest, void* src, ILpackinfo* info) {
     const uint8_t* lut0 = t.table(0);
     for (uint32_t y = 0; y < t.h; ++y) {
       uint8_t* row = rowOf(t, base, y);
-      bool ok = decodeRow(in, end, t.w, 1, [&](uint32_t x, const uint8_t* b) {
-        row[size_t(x) * 4 + 3] = map(lut0, b[0]);
-      });
+      bool ok =
+          decodeRow(in, end, t.w, 1, [&](uint32_t x, const uint8_t* b) { row[size_t(x) * 4 + 3] = map(lut0, b[0]); });
       if (!ok) return fail();
     }
   }
@@ -205,7 +206,8 @@ int ILpackqr4(void* dest, void* src, ILpackinfo* info) {
       *out++ = map(l2, p[0]);
       *out++ = map(l3, p[3]);
     };
-    bool ok = scanRow(values.data(), t.w,
+    bool ok = scanRow(
+        values.data(), t.w,
         [&](uint32_t at, uint32_t n) {
           if ((budget -= 5) < 1) return false;
           *out++ = uint8_t(0x80 | (n - 1));

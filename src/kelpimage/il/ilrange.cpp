@@ -61,8 +61,10 @@ int ILrange(const char* name, ILframerange* range, char* dirOut, size_t dirSize,
   std::string stem = stemBuf.data(), bracket = bracketBuf.data();
   if (!stem.empty() && stem.back() == '.') stem.pop_back();
   ILframerange local{0.0f, 10000000000.0f, 0.0f};
-  if (!range) range = &local;
-  else *range = local;
+  if (!range)
+    range = &local;
+  else
+    *range = local;
   if (!bracket.empty()) {
     size_t comma = bracket.find(',');
     if (comma == std::string::npos) return -1;

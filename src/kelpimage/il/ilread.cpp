@@ -96,7 +96,8 @@ int decodeIntoBand(ILimage* im, bool depth, const uint8_t* payload, uint32_t siz
     info.lookups = im->lookups;
     if (!unpack(dest, src, &info)) return flerrno;
     if (!(im->ictl & ILC_RAWCHANNELS))
-      ILfill(dest, int32_t(w), int32_t(h), (im->ictl & ILC_DEEP) ? int32_t(im->bytes) : 1, int32_t(im->width), im->type);
+      ILfill(dest, int32_t(w), int32_t(h), (im->ictl & ILC_DEEP) ? int32_t(im->bytes) : 1, int32_t(im->width),
+             im->type);
     im->samples += w;
   } else {
     if (!im->zbuffer) return 0;
@@ -244,8 +245,7 @@ int serveLine(ILimage* im, uint8_t** line, float** zline) {
           std::memmove(im->zbuffer + size_t(im->pheight - left) * im->width,
                        im->zbuffer + size_t(im->pheight - im->pbound) * im->width, size_t(left) * im->width * 4);
       } else {
-        if (im->color)
-          std::memmove(im->color, im->color + size_t(used) * im->lwidth, size_t(left) * im->lwidth);
+        if (im->color) std::memmove(im->color, im->color + size_t(used) * im->lwidth, size_t(left) * im->lwidth);
         if (im->zbuffer)
           std::memmove(im->zbuffer, im->zbuffer + size_t(used) * im->width, size_t(left) * im->width * 4);
       }
@@ -304,7 +304,9 @@ int serveLine(ILimage* im, uint8_t** line, float** zline) {
   return 0;
 }
 
-bool validSize(const ILimage* im) { return im->width >= 1 && im->width <= 65535 && im->height >= 1 && im->height <= 65535; }
+bool validSize(const ILimage* im) {
+  return im->width >= 1 && im->width <= 65535 && im->height >= 1 && im->height <= 65535;
+}
 }  // namespace
 
 bool ILreadrect(ILimage* im, uint16_t r[4]) {
@@ -359,8 +361,10 @@ static int unguardedReadline(ILimage* im, void* color, float* z) {
     }
   }
   if (z) {
-    if (zl) std::memcpy(z, zl, size_t(im->width) * 4);
-    else std::memset(z, 0, size_t(im->width) * 4);
+    if (zl)
+      std::memcpy(z, zl, size_t(im->width) * 4);
+    else
+      std::memset(z, 0, size_t(im->width) * 4);
   }
   return 0;
 }
@@ -479,8 +483,10 @@ void ILfill(void* raster, int32_t w, int32_t h, int32_t bytes, int32_t stride, u
       }
     }
   };
-  if (bytes == 1) fillRows(static_cast<uint8_t*>(raster), uint8_t(255));
-  else fillRows(static_cast<uint16_t*>(raster), uint16_t(65535));
+  if (bytes == 1)
+    fillRows(static_cast<uint8_t*>(raster), uint8_t(255));
+  else
+    fillRows(static_cast<uint16_t*>(raster), uint16_t(65535));
 }
 
 // The entry points: no exception leaves the library; running out of memory

@@ -14,8 +14,10 @@ namespace {
 
 // Memory offset of byte `place` (0 the least significant) in an element.
 inline uint32_t byteOffset(uint32_t place, uint32_t size) {
-  if constexpr (std::endian::native == std::endian::little) return place;
-  else return size - 1 - place;
+  if constexpr (std::endian::native == std::endian::little)
+    return place;
+  else
+    return size - 1 - place;
 }
 
 // The encoder of one plane. It keeps the budget of the whole call and
@@ -162,8 +164,8 @@ void interleave4(const Tile& t, uint8_t* base, const uint8_t* planes) {
     auto* row = base + size_t(y) * t.stride * 4;
     size_t o = size_t(y) * t.w;
     for (uint32_t x = 0; x < t.w; ++x) {
-      uint32_t word = uint32_t(b[o + x]) | uint32_t(g[o + x]) << 8 | uint32_t(r[o + x]) << 16 |
-                      uint32_t(a[o + x]) << 24;
+      uint32_t word =
+          uint32_t(b[o + x]) | uint32_t(g[o + x]) << 8 | uint32_t(r[o + x]) << 16 | uint32_t(a[o + x]) << 24;
       if constexpr (std::endian::native == std::endian::big) word = kelp::swap32(word);
       std::memcpy(row + size_t(x) * 4, &word, 4);
     }

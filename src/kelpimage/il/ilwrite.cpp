@@ -145,12 +145,16 @@ static int unguardedWriteline(ILimage* im, const void* color, const float* z) {
   float* zl = nullptr;
   uint8_t* l = ILbgnline(im, &zl);
   if (l) {
-    if (color) std::memcpy(l, color, im->lwidth);
-    else std::memset(l, 0, im->lwidth);
+    if (color)
+      std::memcpy(l, color, im->lwidth);
+    else
+      std::memset(l, 0, im->lwidth);
   }
   if (zl) {
-    if (z) std::memcpy(zl, z, size_t(im->width) * 4);
-    else std::memset(zl, 0, size_t(im->width) * 4);
+    if (z)
+      std::memcpy(zl, z, size_t(im->width) * 4);
+    else
+      std::memset(zl, 0, size_t(im->width) * 4);
   }
   return ILendline(im);
 }

@@ -133,8 +133,10 @@ int ILbuildtaps(std::vector<ILtaps>& taps, const ILfilterdef* f, int n, int m, f
 
 static ILzoom* unguardedNewzoom(const char* filter) {
   auto* z = new ILzoom;
-  if (filter) z->name = filter;
-  else z->name = defaultName().empty() ? "auto" : defaultName();
+  if (filter)
+    z->name = filter;
+  else
+    z->name = defaultName().empty() ? "auto" : defaultName();
   if (!builtinWord(z->name)) {
     loadPair(z, z->name);
     if (!z->loadedX || !z->loadedY) dropLoaded(z);
@@ -173,7 +175,8 @@ void ILsetzoommargin(ILzoom* z, float xl, float yl, float xh, float yh) {
   z->bound = false;
 }
 
-static int unguardedBindzoom(ILzoom* z, void* arg, ILlinefn callback, int mode, int32_t rw, int32_t rh, int32_t sw, int32_t sh) {
+static int unguardedBindzoom(ILzoom* z, void* arg, ILlinefn callback, int mode, int32_t rw, int32_t rh, int32_t sw,
+                             int32_t sh) {
   for (int32_t v : {rw, rh, sw, sh})
     if (v < 1 || v > 32768) return ILfail(IL_ERANGE);
   z->arg = arg;
@@ -215,7 +218,8 @@ static int unguardedBindzoom(ILzoom* z, void* arg, ILlinefn callback, int mode, 
     z->identity = 0;
     if (!z->activeX) {
       z->xmap.resize(size_t(rw));
-      for (int i = 0; i < rw; ++i) z->xmap[size_t(i)] = std::min(sw - 1, int(std::trunc((i + double(z->offsetX)) / rw * sw)));
+      for (int i = 0; i < rw; ++i)
+        z->xmap[size_t(i)] = std::min(sw - 1, int(std::trunc((i + double(z->offsetX)) / rw * sw)));
     }
     if (z->activeX && z->activeY) {
       z->xSupport = ILbuildtaps(z->xTaps, z->activeX, sw, rw, z->blurX, z->offsetX, z->margin[0], z->margin[2]);
@@ -250,7 +254,7 @@ void ILzoomsize(const ILzoom* z, int32_t* w, int32_t* h) {
 }
 
 static int unguardedSetzoom(ILimage* im, const char* filter, int32_t width, int32_t height, float blurX, float blurY,
-              float offsetX, float offsetY) {
+                            float offsetX, float offsetY) {
   if (!(im->ictl & ILC_READ)) return ILfail(FL_ENOTREAD);
   if (!ILgetheader(im)) return flerrno;
   if (!im->zoom && !filter && uint32_t(width) == im->width && uint32_t(height) == im->height && blurX == 0.0f &&
@@ -308,7 +312,7 @@ int ILbindzoom(ILzoom* z, void* arg, ILlinefn callback, int mode, int32_t rw, in
   return ILguard([&] { return unguardedBindzoom(z, arg, callback, mode, rw, rh, sw, sh); });
 }
 
-int ILsetzoom(ILimage* im, const char* filter, int32_t width, int32_t height, float blurX, float blurY,
-              float offsetX, float offsetY) {
+int ILsetzoom(ILimage* im, const char* filter, int32_t width, int32_t height, float blurX, float blurY, float offsetX,
+              float offsetY) {
   return ILguard([&] { return unguardedSetzoom(im, filter, width, height, blurX, blurY, offsetX, offsetY); });
 }

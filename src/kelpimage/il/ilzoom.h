@@ -53,5 +53,5 @@ struct ILzoom {
 };
 
 // Builds the taps of one axis; returns the support (largest tap count).
-int ILbuildtaps(std::vector<ILtaps>& taps, const ILfilterdef* filter, int n, int m, float blur, float offset,
-                float low, float high);
+int ILbuildtaps(std::vector<ILtaps>& taps, const ILfilterdef* filter, int n, int m, float blur, float offset, float low,
+                float high);

@@ -135,17 +135,17 @@ int readIdentity(ILzoom* z, void* color, float* depth) {
   if (fetch(z, color, depth, line, zline) == 0) {
     if (color) convertLine(z, line, static_cast<uint8_t*>(color));
     if (depth) {
-      if (zline) std::memcpy(depth, zline, size_t(z->depthBytes));
-      else std::memset(depth, 0, size_t(z->depthBytes));
+      if (zline)
+        std::memcpy(depth, zline, size_t(z->depthBytes));
+      else
+        std::memset(depth, 0, size_t(z->depthBytes));
     }
   }
   z->row++;
   return 0;
 }
 
-int nextTarget(const ILzoom* z) {
-  return int(std::trunc((z->row + 1 + double(z->offsetY)) / z->resultH * z->sourceH));
-}
+int nextTarget(const ILzoom* z) { return int(std::trunc((z->row + 1 + double(z->offsetY)) / z->resultH * z->sourceH)); }
 
 int readNearest(ILzoom* z, void* color, float* depth) {
   int t = z->target, next = nextTarget(z);
@@ -218,13 +218,17 @@ int readFiltered(ILzoom* z, void* color, float* depth) {
     if (int rc = fetch(z, color, depth, line, zline)) return rc;
     if (color) {
       std::vector<int32_t>& slot = z->ringColor[newest];
-      if (line) filterAcross(z, line, slot.data());
-      else std::fill(slot.begin(), slot.end(), 0);
+      if (line)
+        filterAcross(z, line, slot.data());
+      else
+        std::fill(slot.begin(), slot.end(), 0);
     }
     if (depth) {
       std::vector<float>& slot = z->ringDepth[newest];
-      if (zline) filterDepthAcross(z, zline, slot.data());
-      else std::fill(slot.begin(), slot.end(), 0.0f);
+      if (zline)
+        filterDepthAcross(z, zline, slot.data());
+      else
+        std::fill(slot.begin(), slot.end(), 0.0f);
     }
   }
   // Tap j's line, counted from the oldest in the ring.

@@ -5,11 +5,11 @@
 #include <cstdio>
 #include <vector>
 
-#include "kelpimage/il/il.h"
 #include "kelpimage/base/tarray.h"
 #include "kelpimage/base/terrorhandler.h"
 #include "kelpimage/base/tfile.h"
 #include "kelpimage/base/ttemporaryfiles.h"
+#include "kelpimage/il/il.h"
 
 namespace imagefile {
 
@@ -40,7 +40,9 @@ int readSGIRows(IMAGE* image, uint8_t* dest, int width, int y0, int y1, bool gre
   int xsize = image->xsize;
   std::vector<std::vector<uint16_t>> rows(size_t(channels), std::vector<uint16_t>(size_t(xsize) + 1));
   bool wide = (image->type & 0xFF) == 2;
-  auto byte = [&](int z, int x) { return uint8_t(wide ? rows[size_t(z)][size_t(x)] >> 8 : rows[size_t(z)][size_t(x)]); };
+  auto byte = [&](int z, int x) {
+    return uint8_t(wide ? rows[size_t(z)][size_t(x)] >> 8 : rows[size_t(z)][size_t(x)]);
+  };
   for (int y = y0; y < y1; ++y) {
     for (int z = 0; z < channels; ++z)
       if (getrow(image, rows[size_t(z)].data(), unsigned(y), unsigned(z)) < xsize) return -1;
@@ -102,7 +104,8 @@ int readWholeImage(TiffImageFile& file, IMAGE* sgi, Timage& image,
   return 0;
 }
 
-void startPicture(TiffImageFile& file, unsigned short w, unsigned short h, TiffImageFile::TfileCompression compression) {
+void startPicture(TiffImageFile& file, unsigned short w, unsigned short h,
+                  TiffImageFile::TfileCompression compression) {
   file.setType(3);
   file.setBytesPerPixel(1);
   file.setCompression(compression);

@@ -6,10 +6,10 @@
 #include <new>
 #include <string>
 
-#include "kelpimage/il/il.h"
 #include "kelpimage/base/tarray.h"
 #include "kelpimage/base/tpixelmap.h"
 #include "kelpimage/base/tstring.h"
+#include "kelpimage/il/il.h"
 #include "kelpimage/image/tiffimagefile.h"
 #include "kelpimage/image/timage.h"
 #include "kelpimage/sgi/sgi.h"

@@ -156,9 +156,7 @@ int TiffImageFile::load(void* pixels, float* z) {
 
 int TiffImageFile::loadBitmap(void* pixels, float* z) { return fImage ? ILloadbm(fImage, pixels, z) : -1; }
 
-int TiffImageFile::save(void* pixels, float* z, int stride) {
-  return fImage ? ILsave(fImage, pixels, z, stride) : -1;
-}
+int TiffImageFile::save(void* pixels, float* z, int stride) { return fImage ? ILsave(fImage, pixels, z, stride) : -1; }
 
 void TiffImageFile::rewriteHeaderPageCount(int pages) {
   // Only a file being written has a header to rewrite.
@@ -223,8 +221,10 @@ void TiffImageFile::readZBuffer(TpixelMap& map, int width, int height) {
   float minimum = 3.4028235e38f, maximum = -3.4028235e38f;
   for (float v : depth) {
     if (v == 0.0f) continue;
-    if (v < minimum) minimum = v;
-    else if (v > maximum) maximum = v;
+    if (v < minimum)
+      minimum = v;
+    else if (v > maximum)
+      maximum = v;
   }
   if (maximum == -3.4028235e38f) maximum = minimum;
   float range = maximum - minimum;

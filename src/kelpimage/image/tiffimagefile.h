@@ -6,9 +6,9 @@
 
 #include <memory>
 
-#include "kelpimage/il/il.h"
-#include "kelpimage/il/chunk/tifffile.h"
 #include "kelpimage/base/tpixelmap.h"
+#include "kelpimage/il/chunk/tifffile.h"
+#include "kelpimage/il/il.h"
 #include "kelpimage/kelpexport.h"
 
 class KELP_API TiffImageFile : public TiffFile {

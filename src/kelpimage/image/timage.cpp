@@ -57,8 +57,10 @@ void Timage::setSize(unsigned short w, unsigned short h) {
   fMinX = fMinY = 0;
   fMaxX = int16_t(w);
   fMaxY = int16_t(h);
-  if (w && h) allocate();
-  else reset();
+  if (w && h)
+    allocate();
+  else
+    reset();
 }
 
 void Timage::setSize(const TportRect& rect) { setSize(uint16_t(rect.width()), uint16_t(rect.height())); }

@@ -8,13 +8,13 @@
 
 // Pixel formats by channel layout.
 enum TpixelFormat : int32_t {
-  kRGBA8 = 0,     // four 8-bit channels: the form files are read into
-  kABGR8 = 1,     // four 8-bit channels, the other order
-  kRGB8 = 2,      // three 8-bit channels
-  kRGBA16 = 3,    // four 16-bit channels
-  kRGB16 = 4,     // three 16-bit channels
-  kRGBAFloat = 5, // four floats
-  kRGBFloat = 6,  // three floats
+  kRGBA8 = 0,      // four 8-bit channels: the form files are read into
+  kABGR8 = 1,      // four 8-bit channels, the other order
+  kRGB8 = 2,       // three 8-bit channels
+  kRGBA16 = 3,     // four 16-bit channels
+  kRGB16 = 4,      // three 16-bit channels
+  kRGBAFloat = 5,  // four floats
+  kRGBFloat = 6,   // three floats
   kRGBA8Packed = 7,
   kDepthGL = 8,   // float depth as OpenGL reads it back, 0 to 1
   kDepthIFF = 9,  // float depth in the reciprocal form of IFF files

@@ -8,8 +8,8 @@
 
 #include "kelpimage/base/terrorhandler.h"
 #include "kelpimage/base/tfile.h"
-#include "kelpimage/image/imagefilecommon.h"
 #include "kelpimage/convert/conversions.h"
+#include "kelpimage/image/imagefilecommon.h"
 #include "kelpimage/plugin/plugins.h"
 
 namespace {
@@ -170,8 +170,7 @@ int TimageDiskIO::close() {
     int written = fImage ? TiffImageFile::close() : 0;
     auto convert = [&] {
       // The picture is whole when close returns, also in a format of frames.
-      if (ifftoany(fTempName.c_str(), fName.asChar(), fFormatKey.c_str()) == 0 &&
-          ifftoanyFinish(fName.asChar()) == 0)
+      if (ifftoany(fTempName.c_str(), fName.asChar(), fFormatKey.c_str()) == 0 && ifftoanyFinish(fName.asChar()) == 0)
         return true;
       report(622);
       return false;
@@ -211,9 +210,8 @@ int TimageDiskIO::readSGI(void* dest, int width, int y0, int y1) {
 
 int TimageDiskIO::readImage(Timage& image) {
   return imagefile::guarded([&]() -> int {
-    return imagefile::readWholeImage(*this, fSgi, image, [&](int id, const char* more) {
-      reportFormatted(id, fName.asChar(), more);
-    });
+    return imagefile::readWholeImage(*this, fSgi, image,
+                                     [&](int id, const char* more) { reportFormatted(id, fName.asChar(), more); });
   });
 }
 

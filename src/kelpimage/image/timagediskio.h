@@ -6,10 +6,10 @@
 #include <string>
 
 #include "kelpimage/base/tstring.h"
-#include "kelpimage/image/timage.h"
 #include "kelpimage/image/tiffimagefile.h"
-#include "kelpimage/sgi/sgi.h"
+#include "kelpimage/image/timage.h"
 #include "kelpimage/kelpexport.h"
+#include "kelpimage/sgi/sgi.h"
 
 class KELP_API TimageDiskIO : public TiffImageFile {
  public:

@@ -4,17 +4,17 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <strings.h>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
-#include <strings.h>
 #include <thread>
 
 #include "kelpimage/base/terrorhandler.h"
 #include "kelpimage/base/tfile.h"
+#include "kelpimage/convert/conversions.h"
 #include "kelpimage/image/imagefilecommon.h"
 #include "kelpimage/image/tpsdtexturefile.h"
-#include "kelpimage/convert/conversions.h"
 #include "kelpimage/plugin/plugins.h"
 
 TmtCriticalSection TimageFile::fsCS;
@@ -25,9 +25,7 @@ std::atomic<bool> gReporting{true};
 std::atomic<int> gPluginState{0};
 
 bool isKey(const std::string& key, const char* what) { return strcasecmp(key.c_str(), what) == 0; }
-bool isIffKey(const std::string& key) {
-  return isKey(key, "kelp") || isKey(key, "qvi") || isKey(key, "psdLayered");
-}
+bool isIffKey(const std::string& key) { return isKey(key, "kelp") || isKey(key, "qvi") || isKey(key, "psdLayered"); }
 }  // namespace
 
 void loadPxfPlugins() {
@@ -143,8 +141,10 @@ Tstring TimageFile::getImageType(const Tstring& name, bool describeNonImages) co
     TmtLock lock = fsCS.acquire();
     key = pxfFileType(name.asChar());
   }
-  if (!key) report(625);
-  else if (std::strcmp(key, "__none_") != 0) result = key;
+  if (!key)
+    report(625);
+  else if (std::strcmp(key, "__none_") != 0)
+    result = key;
   return result;
 }
 
@@ -386,7 +386,8 @@ int TimageFile::readPixelMap(TpixelMap& map) {
       return rc;
     }
     if (fMapped && fMappedView) {
-      map.setPixelPtr(static_cast<Tpixel32*>(fMappedView), TportRect(0, 0, int16_t(fMappedWidth), int16_t(fMappedHeight)));
+      map.setPixelPtr(static_cast<Tpixel32*>(fMappedView),
+                      TportRect(0, 0, int16_t(fMappedWidth), int16_t(fMappedHeight)));
       return 0;
     }
     if (!fImage) return -1;
@@ -419,7 +420,8 @@ int TimageFile::readPixelMap(TpixelMap& map) {
 int TimageFile::readPixelMap(TpixelMap& map, unsigned short start, unsigned short count) {
   return imagefile::guarded([&]() -> int {
     if (fMapped && fMappedView) {
-      map.setPixelPtr(static_cast<Tpixel32*>(fMappedView), TportRect(0, 0, int16_t(fMappedWidth), int16_t(fMappedHeight)));
+      map.setPixelPtr(static_cast<Tpixel32*>(fMappedView),
+                      TportRect(0, 0, int16_t(fMappedWidth), int16_t(fMappedHeight)));
       return 0;
     }
     Tpixel32* dest = map.pixelPointer(0, start);
@@ -436,9 +438,8 @@ int TimageFile::readPixelMap(TpixelMap& map, unsigned short start, unsigned shor
 
 int TimageFile::readImage(Timage& image) {
   return imagefile::guarded([&]() -> int {
-    return imagefile::readWholeImage(*this, fSgi, image, [&](int id, const char* more) {
-      reportFormatted(id, fName.asChar(), more);
-    });
+    return imagefile::readWholeImage(*this, fSgi, image,
+                                     [&](int id, const char* more) { reportFormatted(id, fName.asChar(), more); });
   });
 }
 

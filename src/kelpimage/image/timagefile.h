@@ -10,10 +10,10 @@
 #include "kelpimage/base/tarray.h"
 #include "kelpimage/base/tstring.h"
 #include "kelpimage/base/tthread.h"
-#include "kelpimage/image/timage.h"
 #include "kelpimage/image/tiffimagefile.h"
-#include "kelpimage/sgi/sgi.h"
+#include "kelpimage/image/timage.h"
 #include "kelpimage/kelpexport.h"
+#include "kelpimage/sgi/sgi.h"
 
 class KELP_API TimageFile : public TiffImageFile {
  public:
@@ -96,7 +96,7 @@ class KELP_API TimageFile : public TiffImageFile {
   bool fSpare = false;
   bool fMapped = false;
   Tstring fName;
-  std::string fTempName;  // empty when working on the caller's file directly
+  std::string fTempName;   // empty when working on the caller's file directly
   std::string fFormatKey;  // empty for none
   void* fMappedView = nullptr;
   IMAGE* fSgi = nullptr;

@@ -7,8 +7,8 @@
 #include "kelpimage/image/tiffimagefile.h"
 #include "kelpimage/image/timagefile.h"
 #include "kelpimage/photoshop/psdinterface.h"
-#include "kelpimage/photoshop/tpsdwarning.h"
 #include "kelpimage/photoshop/tpsdinterleave.h"
+#include "kelpimage/photoshop/tpsdwarning.h"
 
 using namespace zkPhotoshop;
 
@@ -140,9 +140,7 @@ int TpsdTextureFile::close() {
   return ok ? 0 : -1;
 }
 
-int TpsdTextureFile::saveAs(const TfilePath& path) {
-  return fPsd && saveDocument(fPsd, path) == statusOk ? 0 : -1;
-}
+int TpsdTextureFile::saveAs(const TfilePath& path) { return fPsd && saveDocument(fPsd, path) == statusOk ? 0 : -1; }
 
 namespace {
 int result(statusCode s) { return s == statusOk ? 0 : -1; }
@@ -157,9 +155,13 @@ int TpsdTextureFile::readAllChannelData() {
 int TpsdTextureFile::layerNames(TstringArray& names) { return fPsd ? result(getLayerNames(fPsd, names)) : -1; }
 int TpsdTextureFile::layerSetNames(TstringArray& names) { return fPsd ? result(getLayerSetNames(fPsd, names)) : -1; }
 int TpsdTextureFile::alphaList(TstringArray& names) { return fPsd ? result(getAlphaNames(fPsd, names)) : -1; }
-int TpsdTextureFile::deleteLayer(const Tstring& name) { return fPsd ? result(zkPhotoshop::deleteLayer(fPsd, name)) : -1; }
+int TpsdTextureFile::deleteLayer(const Tstring& name) {
+  return fPsd ? result(zkPhotoshop::deleteLayer(fPsd, name)) : -1;
+}
 int TpsdTextureFile::deleteChannel(const Tstring& name) { return fPsd ? result(deleteLayerSet(fPsd, name)) : -1; }
-int TpsdTextureFile::createChannel(const Tstring& name) { return fPsd ? result(createLayerSet(fPsd, name, nullptr)) : -1; }
+int TpsdTextureFile::createChannel(const Tstring& name) {
+  return fPsd ? result(createLayerSet(fPsd, name, nullptr)) : -1;
+}
 int TpsdTextureFile::createLayer(const Tstring& name) { return result(zkPhotoshop::createLayer(fPsd, name, nullptr)); }
 int TpsdTextureFile::addNewLayerToSet(const Tstring& setName, const Tstring& layerName) {
   return fPsd ? result(createLayerInLayerSet(fPsd, setName, layerName)) : -1;
@@ -273,8 +275,7 @@ int TpsdTextureFile::readPixels8Layer(const Tstring& name, uint8_t*& pixels, int
   return to8(pixels, width, height, bytes);
 }
 
-int TpsdTextureFile::readPixels16Layer(const Tstring& name, uint16_t*& pixels, int& channels, int& width,
-                                       int& height) {
+int TpsdTextureFile::readPixels16Layer(const Tstring& name, uint16_t*& pixels, int& channels, int& width, int& height) {
   int bytes = 1;
   uint8_t* raw = nullptr;
   pixels = nullptr;
@@ -421,8 +422,7 @@ void TpsdTextureFile::rgbaSwitch(uint8_t*& pixels, size_t byteCount, int bytes) 
 
 int TpsdTextureFile::writePixels(const TfilePath& path, uint8_t* pixels, int width, int height, const char* format,
                                  int bytes, uint32_t compression) {
-  if ((width == 0 && height == 0) || !pixels || width <= 0 || height <= 0 || width > 65535 || height > 65535)
-    return -1;
+  if ((width == 0 && height == 0) || !pixels || width <= 0 || height <= 0 || width > 65535 || height > 65535) return -1;
   if (format && std::strcmp(format, "kelp") == 0) {
     // IFF lines are blue, green, red, alpha, the bottom line first.
     TiffImageFile out;

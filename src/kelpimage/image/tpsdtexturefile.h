@@ -131,8 +131,8 @@ class KELP_API TpsdTextureFile {
                   uint32_t compression = 0);
 
  private:
-  int interleave(zkPhotoshop::TrgbaData* image, uint8_t fill, uint8_t*& pixels, int& channels, int& width,
-                 int& height, int& bytes);
+  int interleave(zkPhotoshop::TrgbaData* image, uint8_t fill, uint8_t*& pixels, int& channels, int& width, int& height,
+                 int& bytes);
   int imageInto(TpixelMap& map, int which, const Tstring& name, bool insert, int index);
 
   zkPhotoshop::TphotoshopFile* fPsd = nullptr;  // the document read, held by fHeld

@@ -6,10 +6,10 @@
 #include <string>
 
 #include "kelpimage/base/tstream.h"
+#include "kelpimage/io/tformatcatalogue.h"
 #include "kelpimage/io/timagereader.h"
 #include "kelpimage/io/timagespec.h"
 #include "kelpimage/io/timagewriter.h"
-#include "kelpimage/io/tformatcatalogue.h"
 
 namespace kelpio {
 

@@ -36,8 +36,10 @@ bool runBands(int32_t height, int32_t band, bool pipelined, const BandStep& read
       rows(b, r0, r1);
       bool ok = read(r0, r1, b % 2);
       std::lock_guard<std::mutex> hold(lock);
-      if (ok) read_ = b + 1;
-      else failed = true;
+      if (ok)
+        read_ = b + 1;
+      else
+        failed = true;
       changed.notify_all();
       if (!ok) return;
     }
@@ -86,8 +88,10 @@ RowPrefetch::RowPrefetch(int32_t height, int32_t band, size_t rowBytes, Fill rea
       }
       bool ok = read(b * fBand, std::min(fHeight, (b + 1) * fBand), fSlots[b % 2].data());
       std::lock_guard<std::mutex> hold(s.lock);
-      if (ok) s.read = b + 1;
-      else s.failed = true;
+      if (ok)
+        s.read = b + 1;
+      else
+        s.failed = true;
       s.changed.notify_all();
       if (!ok) return;
     }

@@ -94,7 +94,8 @@ class IffReader : public ReaderBackend {
     if (!ILgetheader(fImage)) {
       // A header refused for its size says the size it gives.
       why = FLstrerror(flerrno);
-      if (fImage->ictl & ILC_REFUSED) why += " (" + std::to_string(fImage->width) + " x " + std::to_string(fImage->height) + ")";
+      if (fImage->ictl & ILC_REFUSED)
+        why += " (" + std::to_string(fImage->width) + " x " + std::to_string(fImage->height) + ")";
       return false;
     }
     if (fImage->bytes == 4) return why = "IFF pictures of float samples are not read here", false;
@@ -162,8 +163,10 @@ class IffReader : public ReaderBackend {
     const auto* p = reinterpret_cast<const uint16_t*>(fLine.data());
     auto* o = reinterpret_cast<uint16_t*>(out);
     for (size_t x = 0; x < width; ++x, p += 4) {
-      if (fColour) *o++ = p[2], *o++ = p[1], *o++ = p[0];
-      else *o++ = p[1];
+      if (fColour)
+        *o++ = p[2], *o++ = p[1], *o++ = p[0];
+      else
+        *o++ = p[1];
       if (fSpec.alpha) *o++ = p[3];
     }
   }
@@ -196,8 +199,9 @@ class IffWriter : public WriterBackend {
                  size_t depthStride, std::string& why) override {
     for (int32_t i = 0; i < count; ++i) {
       const uint8_t* row = pixels + size_t(i) * rowBytes;
-      const float* z = depth ? reinterpret_cast<const float*>(reinterpret_cast<const uint8_t*>(depth) + size_t(i) * depthStride)
-                             : nullptr;
+      const float* z =
+          depth ? reinterpret_cast<const float*>(reinterpret_cast<const uint8_t*>(depth) + size_t(i) * depthStride)
+                : nullptr;
       if (fTopDown) {
         toLine(row, fLine.data());
         if (int rc = ILwriteline(fImage, fLine.data(), z)) return why = FLstrerror(rc), false;
@@ -230,8 +234,8 @@ class IffWriter : public WriterBackend {
     fSpec = spec;
     fBytes = spec.sampleType == TsampleType::kUint16 ? 2 : 1;
     fTopDown = fOptions.get("Top Down", 1) != 0;
-    uint32_t type = (spec.colorChannels == 3 ? ILT_COLOR : ILT_BLACK) | (spec.alpha ? ILT_ALPHA : 0) |
-                    (spec.depth ? ILT_DEPTH : 0);
+    uint32_t type =
+        (spec.colorChannels == 3 ? ILT_COLOR : ILT_BLACK) | (spec.alpha ? ILT_ALPHA : 0) | (spec.depth ? ILT_DEPTH : 0);
     uint16_t num = 1, den = 1;
     ratioOf(spec.pixelAspect, num, den);
     int rc = ILsetsize(fImage, spec.width, spec.height);

@@ -55,7 +55,8 @@ class PluginReader : public ReaderBackend {
   bool readRows(int32_t y0, int32_t count, uint8_t* pixels, size_t rowBytes, float* depth, size_t depthStride,
                 std::string& why) override {
     for (int32_t i = 0; i < count; ++i) {
-      float* z = depth ? reinterpret_cast<float*>(reinterpret_cast<uint8_t*>(depth) + size_t(i) * depthStride) : nullptr;
+      float* z =
+          depth ? reinterpret_cast<float*>(reinterpret_cast<uint8_t*>(depth) + size_t(i) * depthStride) : nullptr;
       if (!readRow(y0 + i, pixels + size_t(i) * rowBytes, z, why)) return false;
     }
     return true;
@@ -80,8 +81,8 @@ class PluginReader : public ReaderBackend {
     // Floats of a file of halves are handed over as halves: exactly.
     spec.sampleType = floats && im.storedKind == PXF_STORED_HALF ? TsampleType::kHalf : fType;
     spec.bits = im.storedBits > 0 ? im.storedBits : im.colorBits;
-    spec.association = spec.alpha && im.association == PXF_PREMULTIPLIED ? Tassociation::kPremultiplied
-                                                                           : Tassociation::kStraight;
+    spec.association =
+        spec.alpha && im.association == PXF_PREMULTIPLIED ? Tassociation::kPremultiplied : Tassociation::kStraight;
     spec.x = im.originX;
     spec.y = im.originY;
     spec.fullWidth = im.fullWidth;
@@ -118,8 +119,8 @@ class PluginReader : public ReaderBackend {
       }
     }
     const char* said = nullptr;
-    if (fHandle->format->ops->readRow(fHandle->state, fSpec.height - 1 - y, pointers.data(), stride,
-                                      errorText, sizeof errorText) != 0)
+    if (fHandle->format->ops->readRow(fHandle->state, fSpec.height - 1 - y, pointers.data(), stride, errorText,
+                                      sizeof errorText) != 0)
       return why = errorText[0] ? errorText : "a row cannot be read", false;
     if (errorText[0]) said = errorText;  // stepped over, in a lenient read
     if (all != channels) {
@@ -231,7 +232,8 @@ class PluginWriter : public WriterBackend {
     for (int32_t i = 0; i < count; ++i) {
       const uint8_t* row = pixels + size_t(i) * rowBytes;
       const float* z =
-          depth ? reinterpret_cast<const float*>(reinterpret_cast<const uint8_t*>(depth) + size_t(i) * depthStride) : nullptr;
+          depth ? reinterpret_cast<const float*>(reinterpret_cast<const uint8_t*>(depth) + size_t(i) * depthStride)
+                : nullptr;
       if (fInfo.writesIndexes) {
         if (!quantise(y0 + i, row, why)) return false;
       } else if (fFromTop) {
@@ -329,7 +331,8 @@ class PluginWriter : public WriterBackend {
       for (int c = 0; c < channels; ++c) {
         fPlanes[size_t(c)].resize(width * sample);
         for (size_t x = 0; x < width; ++x)
-          std::memcpy(fPlanes[size_t(c)].data() + x * sample, samples + (x * size_t(channels) + size_t(c)) * sample, sample);
+          std::memcpy(fPlanes[size_t(c)].data() + x * sample, samples + (x * size_t(channels) + size_t(c)) * sample,
+                      sample);
         pointers.push_back(fPlanes[size_t(c)].data());
       }
       fZeros.assign(width, 0.0f);
@@ -425,7 +428,11 @@ class PluginWriter : public WriterBackend {
 
 }  // namespace
 
-std::unique_ptr<ReaderBackend> pluginReader(const TformatInfo& format) { return std::make_unique<PluginReader>(format); }
-std::unique_ptr<WriterBackend> pluginWriter(const TformatInfo& format) { return std::make_unique<PluginWriter>(format); }
+std::unique_ptr<ReaderBackend> pluginReader(const TformatInfo& format) {
+  return std::make_unique<PluginReader>(format);
+}
+std::unique_ptr<WriterBackend> pluginWriter(const TformatInfo& format) {
+  return std::make_unique<PluginWriter>(format);
+}
 
 }  // namespace kelpio

@@ -52,8 +52,8 @@ class PsdReader : public ReaderBackend {
     spec.bits = fDoc.fDepth;
     spec.frames = fFrames;
     spec.compression = "Photoshop";
-    static const char* const kModes[] = {"bitmap", "grey", "indexed", "RGB", "CMYK", "?", "?", "multichannel",
-                                         "duotone", "Lab"};
+    static const char* const kModes[] = {"bitmap", "grey", "indexed",      "RGB",     "CMYK",
+                                         "?",      "?",    "multichannel", "duotone", "Lab"};
     spec.details = {{"colour", std::string(fDoc.fColorMode < 10 ? kModes[fDoc.fColorMode] : "?") + ", " +
                                    std::to_string(fDoc.fChannelCount) + " channels" +
                                    (fDoc.fMergedTransparency ? " (with transparency)" : "")},
@@ -65,8 +65,7 @@ class PsdReader : public ReaderBackend {
 
   bool anyOrder() const override { return true; }
 
-  bool readRows(int32_t y0, int32_t count, uint8_t* pixels, size_t rowBytes, float*, size_t,
-                std::string&) override {
+  bool readRows(int32_t y0, int32_t count, uint8_t* pixels, size_t rowBytes, float*, size_t, std::string&) override {
     const int channels = fSpec.channels();
     const size_t bytes = TsampleBytes(fSpec.sampleType), width = size_t(fSpec.width);
     const uint8_t* planes[4] = {};
@@ -92,9 +91,7 @@ class PsdReader : public ReaderBackend {
   }
 
  private:
-  std::string reason(const char* fallback) {
-    return fDoc.lastReason().isEmpty() ? fallback : fDoc.lastReason().str();
-  }
+  std::string reason(const char* fallback) { return fDoc.lastReason().isEmpty() ? fallback : fDoc.lastReason().str(); }
 
   // Points fPixels at what frame `frame` (or the options) names.
   bool choose(int frame, std::string& why) {
@@ -179,8 +176,8 @@ class PsdWriter : public WriterBackend {
     TdataFormat format = spec.sampleType == TsampleType::kUint16 ? dataFormat16 : dataFormat8;
     f.pixels = new TpixelData16(format, uint32_t(spec.width), uint32_t(spec.height), false);
     if (spec.alpha) f.pixels->addChannel(channelTransparency, uint32_t(spec.width), uint32_t(spec.height), 0);
-    f.image = std::make_unique<TrgbaData>(uint32_t(spec.width), uint32_t(spec.height), f.pixels, spec.alpha ? 4 : 3,
-                                          false);
+    f.image =
+        std::make_unique<TrgbaData>(uint32_t(spec.width), uint32_t(spec.height), f.pixels, spec.alpha ? 4 : 3, false);
     fFrames.push_back(std::move(f));
     return true;
   }
@@ -225,7 +222,8 @@ bool copyDocument(const std::string& input, const std::string& output, std::stri
   TpsdFile doc;
   doc.open(TfilePath(input.c_str()), true);  // edit mode: saved elsewhere whole
   if (doc.fPath.fullName().isEmpty() || (!doc.readAllLayerRecordInformation() && !doc.lastReason().isEmpty())) {
-    why = input + ": " + (doc.lastReason().isEmpty() ? "not a Photoshop document this library reads" : doc.lastReason().str());
+    why = input + ": " +
+          (doc.lastReason().isEmpty() ? "not a Photoshop document this library reads" : doc.lastReason().str());
     return false;
   }
   if (!doc.savePsdFile(TfilePath(output.c_str()))) {

@@ -20,7 +20,8 @@ void widenAs(const uint8_t* in, uint8_t* out, int channels, size_t pixels) {
   switch (channels) {
     case 4: std::memcpy(to, from, pixels * 4 * sizeof(T)); break;
     case 3:
-      for (size_t x = 0; x < pixels; ++x, from += 3, to += 4) to[0] = from[0], to[1] = from[1], to[2] = from[2], to[3] = opaque;
+      for (size_t x = 0; x < pixels; ++x, from += 3, to += 4)
+        to[0] = from[0], to[1] = from[1], to[2] = from[2], to[3] = opaque;
       break;
     case 2:
       for (size_t x = 0; x < pixels; ++x, from += 2, to += 4) to[0] = to[1] = to[2] = from[0], to[3] = from[1];
@@ -48,13 +49,17 @@ void narrowAs(const uint8_t* in, uint8_t* out, int channels, size_t pixels) {
 }
 
 void widen(const uint8_t* in, uint8_t* out, int channels, size_t bytes, size_t pixels) {
-  if (bytes == 2) widenAs<uint16_t>(in, out, channels, pixels);
-  else widenAs<uint8_t>(in, out, channels, pixels);
+  if (bytes == 2)
+    widenAs<uint16_t>(in, out, channels, pixels);
+  else
+    widenAs<uint8_t>(in, out, channels, pixels);
 }
 
 void narrow(const uint8_t* in, uint8_t* out, int channels, size_t bytes, size_t pixels) {
-  if (bytes == 2) narrowAs<uint16_t>(in, out, channels, pixels);
-  else narrowAs<uint8_t>(in, out, channels, pixels);
+  if (bytes == 2)
+    narrowAs<uint16_t>(in, out, channels, pixels);
+  else
+    narrowAs<uint8_t>(in, out, channels, pixels);
 }
 
 }  // namespace

@@ -29,8 +29,8 @@ class Resampler {
 
   // Binds a source; false, with the reason, when the filter is unknown or
   // the sizes cannot be zoomed.
-  bool start(const TimageSpec& source, Rows rows, int32_t width, int32_t height, const std::string& filter,
-             float blurX, float blurY, std::string& why);
+  bool start(const TimageSpec& source, Rows rows, int32_t width, int32_t height, const std::string& filter, float blurX,
+             float blurY, std::string& why);
   // The current frame of `reader`, decoded a band ahead on a thread of its
   // own when `ahead`.
   bool start(TimageReader& reader, int32_t width, int32_t height, const std::string& filter, float blurX, float blurY,

@@ -140,7 +140,8 @@ void convertSamples(const void* from, TsampleType fromType, void* to, TsampleTyp
     return;
   }
   if (fromType == TsampleType::kUint16 && toType == TsampleType::kUint8) {
-    for (size_t i = 0; i < count; ++i) store<uint8_t>(to, i, uint8_t((load<uint16_t>(from, i) * 255u + 32767u) / 65535u));
+    for (size_t i = 0; i < count; ++i)
+      store<uint8_t>(to, i, uint8_t((load<uint16_t>(from, i) * 255u + 32767u) / 65535u));
     return;
   }
   if (TsampleBytes(toType) > TsampleBytes(fromType)) {
@@ -168,7 +169,9 @@ void unpremultiply(void* row, TsampleType type, int channels, size_t pixels) {
   if (channels < 2) return;
   switch (type) {
     case TsampleType::kUint8: unpremultiplyInts<uint8_t, 255>(static_cast<uint8_t*>(row), channels, pixels); return;
-    case TsampleType::kUint16: unpremultiplyInts<uint16_t, 65535>(static_cast<uint16_t*>(row), channels, pixels); return;
+    case TsampleType::kUint16:
+      unpremultiplyInts<uint16_t, 65535>(static_cast<uint16_t*>(row), channels, pixels);
+      return;
     default: break;
   }
   for (size_t x = 0; x < pixels; ++x) {
@@ -193,8 +196,10 @@ void convertPixels(const void* from, TsampleType fromType, Tassociation fromAsso
     row = scratch.data();
   }
   convertSamples(from, fromType, row, work, count);
-  if (toAssociation == Tassociation::kPremultiplied) premultiply(row, work, channels, pixels);
-  else unpremultiply(row, work, channels, pixels);
+  if (toAssociation == Tassociation::kPremultiplied)
+    premultiply(row, work, channels, pixels);
+  else
+    unpremultiply(row, work, channels, pixels);
   if (row != to) convertSamples(row, work, to, toType, count);
 }
 

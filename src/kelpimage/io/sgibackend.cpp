@@ -98,7 +98,8 @@ class SgiWriter : public WriterBackend {
     fSpec = spec;
     fWide = spec.sampleType == TsampleType::kUint16;
     // The option, else as the spec says (a copy keeps its file's), else run-length.
-    bool verbatim = options.get("Compression", spec.compression == "none" || spec.compression == "verbatim" ? 0 : 1) == 0;
+    bool verbatim =
+        options.get("Compression", spec.compression == "none" || spec.compression == "verbatim" ? 0 : 1) == 0;
     unsigned type = (verbatim ? SGI_VERBATIM : SGI_RLE) | (fWide ? 2u : 1u);
     CatchReports reports;
     fImage = iopen(path.c_str(), "w", type, 3, unsigned(spec.width), unsigned(spec.height), unsigned(spec.channels()));

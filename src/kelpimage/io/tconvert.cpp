@@ -25,9 +25,11 @@ class Conversion {
 
   bool run() {
     if (!fReader.open(fInput, fOptions.read)) return fail(fReader.error());
-    if (fOptions.key.empty() ? !TformatCatalogue::forName(fOutput, fFormat) : !TformatCatalogue::find(fOptions.key, fFormat))
-      return fail(fOutput + ": " + (fOptions.key.empty() ? "no format the library writes has this name's extension"
-                                                          : "no format \"" + fOptions.key + "\" is known"));
+    if (fOptions.key.empty() ? !TformatCatalogue::forName(fOutput, fFormat)
+                             : !TformatCatalogue::find(fOptions.key, fFormat))
+      return fail(fOutput + ": " +
+                  (fOptions.key.empty() ? "no format the library writes has this name's extension"
+                                        : "no format \"" + fOptions.key + "\" is known"));
     const int frames = fReader.spec().frames;
     if (fOptions.frame >= frames)
       return fail(fInput + ": has no frame " + std::to_string(fOptions.frame) + " (frames 0 to " +

@@ -6,8 +6,8 @@
 #include <cstring>
 #include <mutex>
 
-#include "kelpimage/plugin/pxf.h"
 #include "kelpimage/plugin/plugins.h"
+#include "kelpimage/plugin/pxf.h"
 
 namespace {
 
@@ -39,10 +39,11 @@ std::vector<TformatInfo> builtIn() {
   iff.readTypes = iff.writeTypes = kIntegers;
   iff.alpha = iff.depth = iff.frames = iff.tiles = iff.resolution = iff.fields = true;
   iff.association = Tassociation::kPremultiplied;  // as renderers write it
-  iff.options = {{"Compression", 0, 3, 1, "0 none, 1 RLE, 2 QRL, 3 QR4 (QRL and QR4 lose data)"},
-                 {"Tile Width", 0, 65535, 0, "pixels a tile, 0 for the size's default"},
-                 {"Tile Height", 0, 65535, 0, "pixels a tile, 0 for the size's default"},
-                 {"Top Down", 0, 1, 1, "1 writes bands of tiles from the top down; 0 from the bottom up, the picture held"}};
+  iff.options = {
+      {"Compression", 0, 3, 1, "0 none, 1 RLE, 2 QRL, 3 QR4 (QRL and QR4 lose data)"},
+      {"Tile Width", 0, 65535, 0, "pixels a tile, 0 for the size's default"},
+      {"Tile Height", 0, 65535, 0, "pixels a tile, 0 for the size's default"},
+      {"Top Down", 0, 1, 1, "1 writes bands of tiles from the top down; 0 from the bottom up, the picture held"}};
   TformatInfo sgi;
   sgi.key = "sgi";
   sgi.name = "SGI";
@@ -165,7 +166,8 @@ TsampleType TformatInfo::nearestWritten(TsampleType t) const {
   if (writes(t)) return t;
   // What keeps the most of `t`, widest first.
   static const TsampleType kOrder[4][4] = {
-      {TsampleType::kUint16, TsampleType::kHalf, TsampleType::kFloat, TsampleType::kUint8},   // from 8 bits: halves hold them
+      {TsampleType::kUint16, TsampleType::kHalf, TsampleType::kFloat,
+       TsampleType::kUint8},  // from 8 bits: halves hold them
       {TsampleType::kFloat, TsampleType::kHalf, TsampleType::kUint8, TsampleType::kUint16},   // from 16 bits
       {TsampleType::kFloat, TsampleType::kUint16, TsampleType::kUint8, TsampleType::kHalf},   // from halves
       {TsampleType::kHalf, TsampleType::kUint16, TsampleType::kUint8, TsampleType::kFloat}};  // from floats

@@ -22,16 +22,16 @@ struct KELP_API TformatOption {
 };
 
 struct KELP_API TformatInfo {
-  std::string key;          // "kelp", "sgi", "psd", "png"...
-  std::string name;         // "IFF", "PNG"...
+  std::string key;   // "kelp", "sgi", "psd", "png"...
+  std::string name;  // "IFF", "PNG"...
   std::string description;
   std::vector<std::string> extensions;  // lower case, without the dot; the first is the usual one
   bool canRead = false, canWrite = false;
-  bool builtIn = false;      // read and written by the library's own code, not a plug-in
-  unsigned readTypes = 0;    // TsampleBit of the samples its files hold
-  unsigned writeTypes = 0;   // TsampleBit of the samples it writes
+  bool builtIn = false;     // read and written by the library's own code, not a plug-in
+  unsigned readTypes = 0;   // TsampleBit of the samples its files hold
+  unsigned writeTypes = 0;  // TsampleBit of the samples it writes
   bool alpha = false, depth = false, grey = true;
-  bool frames = false;       // several pictures in one file
+  bool frames = false;  // several pictures in one file
   // Its frames after the first are the first's layers, not pictures of
   // their own: a conversion takes the first (the flattened image).
   bool layers = false;

@@ -101,7 +101,8 @@ bool TimageReader::start(const TreadOptions& options) {
     int64_t n = fStream->read(head, sizeof head);
     if (n < 0) return fail(fStream->error());
     if (n == 0) return fail("the file is empty");
-    if (!TformatCatalogue::identify(head, size_t(n), fFormat)) return fail("not a picture of a format the library reads");
+    if (!TformatCatalogue::identify(head, size_t(n), fFormat))
+      return fail("not a picture of a format the library reads");
   }
   if (!fFormat.canRead) return fail("the " + fFormat.name + " format is not read");
   if ((!options.layer.empty() || !options.set.empty() || options.alpha >= 0) && !fFormat.layers)
@@ -113,7 +114,8 @@ bool TimageReader::restart() {
   if (!fStream->seek(0)) return fail(fStream->error());
   fBackend = kelpio::makeReader(fFormat);
   std::string why;
-  if (!fBackend || !fBackend->open(*fStream, fOptions, fSpec, why) || (fFrame > 0 && !fBackend->seekFrame(fFrame, fSpec, why))) {
+  if (!fBackend || !fBackend->open(*fStream, fOptions, fSpec, why) ||
+      (fFrame > 0 && !fBackend->seekFrame(fFrame, fSpec, why))) {
     fBackend.reset();
     return fail(why.empty() ? "cannot be read" : why);
   }
@@ -148,8 +150,9 @@ bool TimageReader::skipTo(int32_t y) {
 bool TimageReader::readRows(int32_t y0, int32_t y1, void* pixels, TsampleType type, ptrdiff_t rowStride,
                             Tassociation association, float* depth, ptrdiff_t depthStride) {
   if (!fBackend) return fail("no picture is open");
-  if (y0 < 0 || y1 > fSpec.height || y0 > y1) return fail("rows " + std::to_string(y0) + " to " + std::to_string(y1) +
-                                                        " lie outside a picture of " + std::to_string(fSpec.height));
+  if (y0 < 0 || y1 > fSpec.height || y0 > y1)
+    return fail("rows " + std::to_string(y0) + " to " + std::to_string(y1) + " lie outside a picture of " +
+                std::to_string(fSpec.height));
   if (!pixels && !depth) return true;
   if (!skipTo(y0)) return false;
   const int channels = fSpec.channels();
@@ -179,8 +182,9 @@ bool TimageReader::readRows(int32_t y0, int32_t y1, void* pixels, TsampleType ty
   std::vector<uint8_t> held(fileRow * size_t(std::min(band, y1 - y0))), scratch;
   for (int32_t y = y0; y < y1; y += band) {
     int32_t count = std::min(band, y1 - y);
-    float* depthAt = wantedDepth ? reinterpret_cast<float*>(reinterpret_cast<uint8_t*>(wantedDepth) + size_t(y - y0) * depthRow)
-                                 : nullptr;
+    float* depthAt = wantedDepth
+                         ? reinterpret_cast<float*>(reinterpret_cast<uint8_t*>(wantedDepth) + size_t(y - y0) * depthRow)
+                         : nullptr;
     if (!fBackend->readRows(y, count, held.data(), fileRow, depthAt, depthRow, why)) return fail(why);
     if (pixels)
       for (int32_t i = 0; i < count; ++i)

@@ -47,8 +47,7 @@ class KELP_API TimageReader {
   // A stream: kept by the reader. One that cannot seek is read once, into memory.
   bool open(std::unique_ptr<TinputStream> stream, const TreadOptions& options = {});
   // Bytes the caller keeps alive while the reader reads them.
-  bool openMemory(const void* data, size_t size, const std::string& name = "memory",
-                  const TreadOptions& options = {});
+  bool openMemory(const void* data, size_t size, const std::string& name = "memory", const TreadOptions& options = {});
   void close();
   bool isOpen() const { return fBackend != nullptr; }
 
@@ -64,8 +63,7 @@ class KELP_API TimageReader {
   // after the other), colour in the given association. With `depth`, the
   // depth of a picture that has it, rows `depthStride` bytes apart.
   bool readRows(int32_t y0, int32_t y1, void* pixels, TsampleType type, ptrdiff_t rowStride = 0,
-                Tassociation association = Tassociation::kStraight, float* depth = nullptr,
-                ptrdiff_t depthStride = 0);
+                Tassociation association = Tassociation::kStraight, float* depth = nullptr, ptrdiff_t depthStride = 0);
   // A rectangle, x0 to x1 and y0 to y1, each end left out: a tile.
   bool readRegion(int32_t x0, int32_t y0, int32_t x1, int32_t y1, void* pixels, TsampleType type,
                   ptrdiff_t rowStride = 0, Tassociation association = Tassociation::kStraight, float* depth = nullptr,

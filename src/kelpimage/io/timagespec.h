@@ -31,8 +31,8 @@ struct KELP_API TimageSpec {
   TsampleType sampleType = TsampleType::kUint8;
   int bits = 8;
   int frames = 1;
-  double pixelAspect = 1.0;  // a pixel's width over its height
-  double dpi = 0.0;          // 0: none stored
+  double pixelAspect = 1.0;               // a pixel's width over its height
+  double dpi = 0.0;                       // 0: none stored
   int32_t tileWidth = 0, tileHeight = 0;  // 0: stored in lines
   std::string compression;
   // Named fields, their values as the file keeps their bytes (an IFF

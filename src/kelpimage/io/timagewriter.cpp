@@ -183,16 +183,17 @@ bool TimageWriter::writeRows(int32_t y0, int32_t y1, const void* pixels, Tsample
       if (from == Tassociation::kPremultiplied) kelpio::unpremultiply(narrowed.data(), type, inChannels, width);
       size_t sample = TsampleBytes(type);
       for (size_t x = 0; x < width; ++x)
-        std::memmove(narrowed.data() + x * size_t(outChannels) * sample, narrowed.data() + x * size_t(inChannels) * sample,
-                     size_t(outChannels) * sample);
+        std::memmove(narrowed.data() + x * size_t(outChannels) * sample,
+                     narrowed.data() + x * size_t(inChannels) * sample, size_t(outChannels) * sample);
       kelpio::convertSamples(narrowed.data(), type, fRow.data(), fFileSpec.sampleType, width * size_t(outChannels));
     } else {
       kelpio::convertPixels(in, type, from, fRow.data(), fFileSpec.sampleType, fFileSpec.association, outChannels,
                             fFileSpec.alpha, width, scratch);
     }
-    const float* depthAt = keptDepth ? reinterpret_cast<const float*>(reinterpret_cast<const uint8_t*>(keptDepth) +
-                                                                      size_t(y - y0) * depthRow)
-                                     : nullptr;
+    const float* depthAt =
+        keptDepth
+            ? reinterpret_cast<const float*>(reinterpret_cast<const uint8_t*>(keptDepth) + size_t(y - y0) * depthRow)
+            : nullptr;
     if (!fBackend->writeRows(y, 1, fRow.data(), fileRow, depthAt, depthRow, why)) return fail(why);
   }
   fNext = y1;

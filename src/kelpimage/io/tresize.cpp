@@ -28,8 +28,9 @@ bool TresizePixels(const void* pixels, const TimageSpec& spec, ptrdiff_t rowStri
   const size_t outRow = result.rowBytes(spec.sampleType);
   for (int32_t y = 0; y < height; ++y) {
     if (!zoom.next(row.data(), why)) return false;
-    kelpio::convertPixels(row.data(), work, Tassociation::kPremultiplied, static_cast<uint8_t*>(out) + size_t(y) * outRow,
-                          spec.sampleType, association, channels, spec.alpha, size_t(width), scratch);
+    kelpio::convertPixels(row.data(), work, Tassociation::kPremultiplied,
+                          static_cast<uint8_t*>(out) + size_t(y) * outRow, spec.sampleType, association, channels,
+                          spec.alpha, size_t(width), scratch);
   }
   return true;
 }

@@ -11,7 +11,7 @@
 #include "kelpimage/kelpexport.h"
 
 struct KELP_API TresizeOptions {
-  std::string filter;  // empty: the default for the change of size
+  std::string filter;                // empty: the default for the change of size
   float blurX = 0.0f, blurY = 0.0f;  // in percent
 };
 

@@ -116,12 +116,12 @@ struct Track : TaviWrapper {
 
   // Reading video: the decoder, opened on the first read.
   CodecPtr frameGetter;
-  FramePtr decoded;    // the last frame decoded, at `decodedAt`
+  FramePtr decoded;  // the last frame decoded, at `decodedAt`
   int64_t decodedAt = -1;
-  FramePtr ahead;      // decoded past the frame asked for; the next read's
+  FramePtr ahead;  // decoded past the frame asked for; the next read's
   int64_t aheadAt = -1;
   int64_t frameCount = 0;  // frames decoded since the last seek, for frames without time stamps
-  bool atEnd = false;  // the decoder is drained
+  bool atEnd = false;      // the decoder is drained
 };
 
 // The handle as a movie or a track, or null (with the reason said) if it

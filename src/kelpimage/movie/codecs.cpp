@@ -15,7 +15,7 @@ struct Codec {
 // bottom rows for "DIB ", full-range 4:4:4 for Motion JPEG, 15 bits for
 // Video 1, RGB for Cinepak and FFV1.
 const Codec kCodecs[] = {
-    {"DIB ", AV_CODEC_ID_RAWVIDEO, AV_PIX_FMT_BGR24},  {"MJPG", AV_CODEC_ID_MJPEG, AV_PIX_FMT_YUVJ444P},
+    {"DIB ", AV_CODEC_ID_RAWVIDEO, AV_PIX_FMT_BGR24},    {"MJPG", AV_CODEC_ID_MJPEG, AV_PIX_FMT_YUVJ444P},
     {"MSVC", AV_CODEC_ID_MSVIDEO1, AV_PIX_FMT_RGB555LE}, {"CVID", AV_CODEC_ID_CINEPAK, AV_PIX_FMT_RGB24},
     {"FFV1", AV_CODEC_ID_FFV1, AV_PIX_FMT_BGR0},
 };

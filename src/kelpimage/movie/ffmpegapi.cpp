@@ -36,7 +36,8 @@ bool bindFfmpeg(std::unique_ptr<TdynamicLoad> (&handles)[4], std::string& why) {
     if (handles[i] && handles[i]->isLoaded()) continue;
     // FFmpeg and the codec libraries it brings are not made to be unloaded
     // (their start-up allocations would be lost): they stay once loaded.
-    handles[i] = std::make_unique<TdynamicLoad>(Tstring(libraryName(i).c_str()), TdynamicLoad::kNow | TdynamicLoad::kKeep);
+    handles[i] =
+        std::make_unique<TdynamicLoad>(Tstring(libraryName(i).c_str()), TdynamicLoad::kNow | TdynamicLoad::kKeep);
     if (!handles[i]->isLoaded()) {
       why = "the FFmpeg libraries are not available: " + std::string(handles[i]->error().asChar());
       for (auto& h : handles) h.reset();
@@ -45,7 +46,7 @@ bool bindFfmpeg(std::unique_ptr<TdynamicLoad> (&handles)[4], std::string& why) {
   }
   Ffmpeg bound;
   std::string missing;
-#define KELP_FFMPEG_BIND(lib, name)                                                  \
+#define KELP_FFMPEG_BIND(lib, name)                                              \
   bound.name = reinterpret_cast<decltype(&::name)>(handles[lib]->symbol(#name)); \
   if (!bound.name && missing.empty()) missing = #name;
   KELP_FFMPEG_ENTRIES(KELP_FFMPEG_BIND)
@@ -63,7 +64,8 @@ void unbindFfmpeg() { gEntries = Ffmpeg(); }
 
 std::string errorText(int code) {
   char text[AV_ERROR_MAX_STRING_SIZE] = {};
-  if (!gEntries.av_strerror || gEntries.av_strerror(code, text, sizeof text) < 0) return "error " + std::to_string(code);
+  if (!gEntries.av_strerror || gEntries.av_strerror(code, text, sizeof text) < 0)
+    return "error " + std::to_string(code);
   return text;
 }
 

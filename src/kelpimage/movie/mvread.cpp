@@ -239,8 +239,7 @@ bool copyFrame(Track& track, const AVFrame* frame, uint8_t* out, int width, int 
     if (!whole) track.buffer.resize(size_t(fw) * fh * 4);
     bool converted = whole ? convertFlipped(track, frame, desc, out)
                            : convertRows(track.scale, frame, desc, 0, fh, track.buffer.data(), fw * 4);
-    if (!converted)
-      return refuse(track.movie->finalName + ": its frames (" + desc->name + ") cannot be converted");
+    if (!converted) return refuse(track.movie->finalName + ": its frames (" + desc->name + ") cannot be converted");
     if (!whole)
       for (int y = 0; y < rows; ++y)
         std::memcpy(out + size_t(y) * rowBytes, track.buffer.data() + size_t(fh - 1 - y) * fw * 4, size_t(cols) * 4);
@@ -251,7 +250,8 @@ bool copyFrame(Track& track, const AVFrame* frame, uint8_t* out, int width, int 
   // What the frame does not cover is opaque black.
   static const uint8_t kBlack[4] = {0, 0, 0, 0xFF};
   for (int y = 0; y < height; ++y)
-    for (int x = y < rows ? cols : 0; x < width; ++x) std::memcpy(out + size_t(y) * rowBytes + size_t(x) * 4, kBlack, 4);
+    for (int x = y < rows ? cols : 0; x < width; ++x)
+      std::memcpy(out + size_t(y) * rowBytes + size_t(x) * 4, kBlack, 4);
   return true;
 }
 
@@ -307,8 +307,7 @@ int TmovieLayer::mvGetTrackLength(TaviWrapper* handle) {
   if (track->movie->usesTempFile) return int(std::min<int64_t>(track->nextFrame, INT_MAX));
   AVStream* st = track->stream;
   int64_t length = st->nb_frames;
-  if (length <= 0 && track->medium == kVideo)
-    length = ffmpeg().avformat_index_get_entries_count(st);
+  if (length <= 0 && track->medium == kVideo) length = ffmpeg().avformat_index_get_entries_count(st);
   if (length <= 0 && st->duration > 0) length = st->duration;
   return int(std::clamp<int64_t>(length, 0, INT_MAX));
 }
@@ -334,10 +333,14 @@ int TmovieLayer::mvGetTrackRate(TaviWrapper* handle, double* rate) {
   Track* track = asTrack(handle);
   if (!track || !rate || !track->stream) return 1;
   const AVStream* st = track->stream;
-  if (track->medium == kAudio) *rate = st->codecpar->sample_rate;
-  else if (st->avg_frame_rate.num > 0 && st->avg_frame_rate.den > 0) *rate = av_q2d(st->avg_frame_rate);
-  else if (st->time_base.num > 0 && st->time_base.den > 0) *rate = double(st->time_base.den) / st->time_base.num;
-  else return fail("the track's rate is unknown");
+  if (track->medium == kAudio)
+    *rate = st->codecpar->sample_rate;
+  else if (st->avg_frame_rate.num > 0 && st->avg_frame_rate.den > 0)
+    *rate = av_q2d(st->avg_frame_rate);
+  else if (st->time_base.num > 0 && st->time_base.den > 0)
+    *rate = double(st->time_base.den) / st->time_base.num;
+  else
+    return fail("the track's rate is unknown");
   return 0;
 }
 
@@ -362,7 +365,8 @@ int TmovieLayer::mvGetTrackCodec(TaviWrapper* handle, char* name, int size) {
 int TmovieLayer::mvReadFrames(TaviWrapper* handle, int start, int count, unsigned, void* buffer) {
   Track* track = asTrack(handle);
   if (!track) return 1;
-  if (track->movie->usesTempFile || track->medium != kVideo) return fail("frames are read from the video track of an open movie");
+  if (track->movie->usesTempFile || track->medium != kVideo)
+    return fail("frames are read from the video track of an open movie");
   if (!buffer || start < 0 || count < 1) return fail("frames are read from frame 0 on, at least one");
   int length = mvGetTrackLength(track);
   if (length > 0 && int64_t(start) + count > length)

@@ -23,7 +23,8 @@ constexpr int kMostSide = 32767;
 std::string aviName(const std::string& name) {
   size_t slash = name.rfind('/');
   size_t dot = name.rfind('.');
-  std::string extension = dot != std::string::npos && (slash == std::string::npos || dot > slash) ? name.substr(dot) : "";
+  std::string extension =
+      dot != std::string::npos && (slash == std::string::npos || dot > slash) ? name.substr(dot) : "";
   for (char& c : extension) c = char(std::tolower(static_cast<unsigned char>(c)));
   return extension == ".avi" ? name : name + ".AVI";
 }
@@ -222,8 +223,7 @@ int TmovieLayer::mvCreateFile(const char* name, unsigned char*, unsigned char*, 
   record->tempName = makeTempBeside(record->finalName);
   if (record->tempName.empty()) return 1;
   AVDictionary* options = fileOnly();
-  rc = ffmpeg().avio_open2(&record->file->pb, ("file:" + record->tempName).c_str(), AVIO_FLAG_WRITE, nullptr,
-                           &options);
+  rc = ffmpeg().avio_open2(&record->file->pb, ("file:" + record->tempName).c_str(), AVIO_FLAG_WRITE, nullptr, &options);
   ffmpeg().av_dict_free(&options);
   if (rc < 0) return fail(record->finalName + ": cannot be written: " + errorText(rc));
   *movie = record.release();
@@ -249,8 +249,8 @@ int TmovieLayer::mvAddTrack(TaviWrapper* handle, int medium, unsigned char* para
   if (medium == kVideo) {
     record->format.assign(params, params + kBitmapHeaderSize);
     BitmapHeader h = readBitmapHeader(params);
-    if (h.width < 1 || h.width > kMostSide || h.height == 0 || h.height == INT32_MIN || std::abs(h.height) > kMostSide ||
-        (h.bitCount != 24 && h.bitCount != 8))
+    if (h.width < 1 || h.width > kMostSide || h.height == 0 || h.height == INT32_MIN ||
+        std::abs(h.height) > kMostSide || (h.bitCount != 24 && h.bitCount != 8))
       return fail(movie->finalName + ": a video track needs a size of 1 to 32767 a side and 24 or 8 bits");
   } else {
     record->format.assign(params, params + kWaveFormatSize);
@@ -385,7 +385,7 @@ int TmovieLayer::mvClose(TaviWrapper* handle) {
   Movie* movie = asMovie(handle);
   if (!movie) return 1;
   std::unique_ptr<Movie> record(movie);
-  if (!movie->usesTempFile) return 1;  // read: nothing to move
+  if (!movie->usesTempFile) return 1;    // read: nothing to move
   if (!finishWriting(*movie)) return 1;  // the record's end removes the temporary file
   if (::rename(movie->tempName.c_str(), movie->finalName.c_str()) != 0)
     return fail(movie->finalName + ": cannot be written: " + std::strerror(errno));

@@ -11,7 +11,8 @@ void Tmovie::movieID(TaviWrapper* movie) {
   fTrackCount = TmovieLayer::mvGetNumTracks(movie);
   tagRECT rect;
   if (TmovieLayer::mvGetMovieRect(movie, &rect) == 0)
-    static_cast<TportRect&>(*this) = TportRect(int16_t(rect.left), int16_t(rect.bottom), int16_t(rect.right), int16_t(rect.top));
+    static_cast<TportRect&>(*this) =
+        TportRect(int16_t(rect.left), int16_t(rect.bottom), int16_t(rect.right), int16_t(rect.top));
   for (int i = 0; i < fTrackCount; ++i) {
     TaviWrapper* track = nullptr;
     if (TmovieLayer::mvFindTrackByIndex(movie, i, &track) != 0) continue;
@@ -35,7 +36,8 @@ bool Tmovie::readFrame(int frame, TpixelMap& map) {
   // The frame is decoded before the map is sized for it, so that a file
   // claiming a huge size without frames to match costs nothing.
   int width = 0, height = 0;
-  const AVFrame* decoded = kelpmovie::movieSize(*track, width, height) ? kelpmovie::decodeFrame(*track, frame) : nullptr;
+  const AVFrame* decoded =
+      kelpmovie::movieSize(*track, width, height) ? kelpmovie::decodeFrame(*track, frame) : nullptr;
   if (!decoded) return false;
   // Every pixel is written below: a map already of this size is not
   // cleared first, as reading frame after frame into one map would.

@@ -48,8 +48,10 @@ void putWaveFormat(std::vector<uint8_t>& format, int channels, int rate, int bit
 
 void packOptions(const CompressOptions& o, std::vector<uint8_t>& out) {
   uint8_t fixed[TmovieLayer::kOptionsSize] = {};
-  const uint32_t fields[] = {o.type,  o.handler, o.keyFrameEvery, o.quality, o.bytesPerSecond, o.flags, 0,
-                             uint32_t(o.format.size()), 0, uint32_t(o.parms.size()), o.interleaveEvery};
+  const uint32_t fields[] = {
+      o.type,           o.handler, o.keyFrameEvery,           o.quality, o.bytesPerSecond,
+      o.flags,          0,         uint32_t(o.format.size()), 0,         uint32_t(o.parms.size()),
+      o.interleaveEvery};
   for (size_t i = 0; i < std::size(fields); ++i) kelp::putLE32(fixed + 4 * i, fields[i]);
   out.insert(out.end(), fixed, fixed + sizeof fixed);
   out.insert(out.end(), o.format.begin(), o.format.end());
@@ -135,9 +137,7 @@ bool refuse(std::string why) {
   return false;
 }
 
-bool layerReady() {
-  return ffmpeg().avformat_open_input != nullptr || refuse("the movie layer is not started");
-}
+bool layerReady() { return ffmpeg().avformat_open_input != nullptr || refuse("the movie layer is not started"); }
 
 Movie* asMovie(TaviWrapper* handle) {
   if (!layerReady()) return nullptr;
@@ -222,8 +222,9 @@ int TmovieLayer::mvSetMovieDefaults(unsigned char*, int mode) {
 
 bool TmovieLayer::mvVideoResolutionClamp(int* width, int* height) {
   if (!width || !height || gOptions[0].type != kVids) return false;
-  static const uint32_t kAnySize[] = {fourCC('m', 's', 'v', 'c'), fourCC('c', 'v', 'i', 'd'), fourCC('m', 'r', 'l', 'e'),
-                                      fourCC('i', 'v', '3', '2'), fourCC('D', 'I', 'B', ' ')};
+  static const uint32_t kAnySize[] = {fourCC('m', 's', 'v', 'c'), fourCC('c', 'v', 'i', 'd'),
+                                      fourCC('m', 'r', 'l', 'e'), fourCC('i', 'v', '3', '2'),
+                                      fourCC('D', 'I', 'B', ' ')};
   for (uint32_t code : kAnySize)
     if (gOptions[0].handler == code) return false;
   int w = *width & ~3, h = *height & ~3;

@@ -24,7 +24,8 @@ bool TframePattern::parse(const std::string& name, TframePattern& p) {
   size_t at = percent + 1;
   int width = 0;
   bool zero = at < name.size() && name[at] == '0';
-  while (at < name.size() && std::isdigit(static_cast<unsigned char>(name[at]))) width = width * 10 + (name[at++] - '0');
+  while (at < name.size() && std::isdigit(static_cast<unsigned char>(name[at])))
+    width = width * 10 + (name[at++] - '0');
   if (at >= name.size() || name[at] != 'd' || (width > 0 && !zero) || width > 18) return false;
   p.prefix = name.substr(0, percent);
   p.suffix = name.substr(at + 1);
@@ -84,4 +85,3 @@ bool TframePattern::parseRange(const std::string& text, std::vector<long>& frame
   for (long f = first; f <= last; f += step) frames.push_back(f);
   return true;
 }
-

@@ -7,9 +7,9 @@
 #include <cstring>
 #include <string>
 
+#include "kelpimage/convert/conversions.h"
 #include "kelpimage/naming/tbatchglobals.h"
 #include "kelpimage/naming/tprojectmgr.h"
-#include "kelpimage/convert/conversions.h"
 #include "kelpimage/plugin/plugins.h"
 
 namespace {
@@ -22,17 +22,17 @@ struct TypeInfo {
 
 // By TimageType value.
 constexpr TypeInfo kTypes[] = {
-    {"gif", "gif", true, false, false},   {"si", "pic", true, false, false},   {"rla", "rla", true, true, false},
-    {"tif", "tif", true, false, false},   {"tif", "tif", true, false, true},   {"sgi", "sgi", true, false, false},
-    {"qlx", "qlx", false, false, false},  {"", "iff", true, true, false},      {"jpg", "jpg", true, false, false},
-    {"eps", "eps", false, false, false},  {"", "iff", true, true, true},       {"cin", "cin", true, false, false},
-    {"yuv", "yuv", true, false, false},   {"", "iff", false, false, false},    {"", "iff", false, false, false},
-    {"", "iff", false, false, false},     {"", "iff", false, false, false},    {"", "iff", false, false, false},
-    {"", "iff", false, false, false},     {"tga", "tga", false, false, false}, {"bmp", "bmp", false, false, false},
-    {"sgimv", "mv", false, false, false}, {"qt", "qt", false, false, false},   {"avi", "avi", false, false, false},
-    {"", "iff", false, false, false},     {"", "iff", false, false, false},    {"", "iff", false, false, false},
-    {"", "iff", false, false, false},     {"", "iff", false, false, false},    {"", "iff", false, false, false},
-    {"pntg", "pntg", false, false, false}, {"psd", "psd", false, false, false}, {"png", "png", false, false, false},
+    {"gif", "gif", true, false, false},    {"si", "pic", true, false, false},     {"rla", "rla", true, true, false},
+    {"tif", "tif", true, false, false},    {"tif", "tif", true, false, true},     {"sgi", "sgi", true, false, false},
+    {"qlx", "qlx", false, false, false},   {"", "iff", true, true, false},        {"jpg", "jpg", true, false, false},
+    {"eps", "eps", false, false, false},   {"", "iff", true, true, true},         {"cin", "cin", true, false, false},
+    {"yuv", "yuv", true, false, false},    {"", "iff", false, false, false},      {"", "iff", false, false, false},
+    {"", "iff", false, false, false},      {"", "iff", false, false, false},      {"", "iff", false, false, false},
+    {"", "iff", false, false, false},      {"tga", "tga", false, false, false},   {"bmp", "bmp", false, false, false},
+    {"sgimv", "mv", false, false, false},  {"qt", "qt", false, false, false},     {"avi", "avi", false, false, false},
+    {"", "iff", false, false, false},      {"", "iff", false, false, false},      {"", "iff", false, false, false},
+    {"", "iff", false, false, false},      {"", "iff", false, false, false},      {"", "iff", false, false, false},
+    {"pntg", "pntg", false, false, false}, {"psd", "psd", false, false, false},   {"png", "png", false, false, false},
     {"pict", "pict", false, false, false}, {"qtif", "qtif", false, false, false}, {"dds", "dds", false, false, false},
 };
 constexpr TypeInfo kOther = {"", "iff", false, false, false};

@@ -16,12 +16,42 @@
 // The output formats, named after their plug-in keys; the values without a
 // key stay IFF.
 enum TimageType : int {
-  kGifImage = 0, kSiImage = 1, kRlaImage = 2, kTifImage = 3, kTif16Image = 4, kSgiImage = 5, kQlxImage = 6,
-  kIffImage = 7, kJpgImage = 8, kEpsImage = 9, kIff16BitImage = 10, kCinImage = 11, kYuvImage = 12,
-  kIff13Image = 13, kIff14Image = 14, kIff15Image = 15, kIff16Image = 16, kIff17Image = 17, kIff18Image = 18,
-  kTgaImage = 19, kBmpImage = 20, kSgimvImage = 21, kQtImage = 22, kAviImage = 23,
-  kIff24Image = 24, kIff25Image = 25, kIff26Image = 26, kIff27Image = 27, kIff28Image = 28, kIff29Image = 29,
-  kPntgImage = 30, kPsdImage = 31, kPngImage = 32, kPictImage = 33, kQtifImage = 34, kDdsImage = 35
+  kGifImage = 0,
+  kSiImage = 1,
+  kRlaImage = 2,
+  kTifImage = 3,
+  kTif16Image = 4,
+  kSgiImage = 5,
+  kQlxImage = 6,
+  kIffImage = 7,
+  kJpgImage = 8,
+  kEpsImage = 9,
+  kIff16BitImage = 10,
+  kCinImage = 11,
+  kYuvImage = 12,
+  kIff13Image = 13,
+  kIff14Image = 14,
+  kIff15Image = 15,
+  kIff16Image = 16,
+  kIff17Image = 17,
+  kIff18Image = 18,
+  kTgaImage = 19,
+  kBmpImage = 20,
+  kSgimvImage = 21,
+  kQtImage = 22,
+  kAviImage = 23,
+  kIff24Image = 24,
+  kIff25Image = 25,
+  kIff26Image = 26,
+  kIff27Image = 27,
+  kIff28Image = 28,
+  kIff29Image = 29,
+  kPntgImage = 30,
+  kPsdImage = 31,
+  kPngImage = 32,
+  kPictImage = 33,
+  kQtifImage = 34,
+  kDdsImage = 35
 };
 
 // The channels a frame has: a bit mask.

@@ -43,7 +43,9 @@ std::string formatExtension(const std::string& base) {
   size_t p = base.find('.');
   if (p == std::string::npos) return {};
   size_t q = base.find('.', p + 1);
-  auto word = [&](size_t at, size_t length) { return at + 1 < base.size() && alpha(base[at + 1]) && length >= 3 && length <= 9; };
+  auto word = [&](size_t at, size_t length) {
+    return at + 1 < base.size() && alpha(base[at + 1]) && length >= 3 && length <= 9;
+  };
   if (q == std::string::npos) return word(p, base.size() - p) ? base.substr(p) : std::string();
   if (word(p, q - p)) return base.substr(p, q - p);
   if (base.find('.', q + 1) == std::string::npos && word(q, base.size() - q)) return base.substr(q);
@@ -86,9 +88,12 @@ bool TimageFileSearchPath::nextFieldExt(char* current, char* field) {
   // `field` holds the marker the name carried: only a name without one is
   // tried with the current field's.
   if (field[0] != '\0' || current[0] != '\0') return false;
-  if (fCurrentField == TcameraTypes::kEvenField) copyInto(current, kPartSize, fEvenFieldExt);
-  else if (fCurrentField == TcameraTypes::kOddField) copyInto(current, kPartSize, fOddFieldExt);
-  else return false;
+  if (fCurrentField == TcameraTypes::kEvenField)
+    copyInto(current, kPartSize, fEvenFieldExt);
+  else if (fCurrentField == TcameraTypes::kOddField)
+    copyInto(current, kPartSize, fOddFieldExt);
+  else
+    return false;
   return current[0] != '\0';
 }
 

@@ -80,8 +80,10 @@ Tstring TimageSequence::atFrame(int frame) {
   if (!fValid) return Tstring();
   int f = fOffset + frame;
   char number[32];
-  if (fHashCount > 1) std::snprintf(number, sizeof number, "%0*d", fHashCount, f);
-  else std::snprintf(number, sizeof number, "%d", f);
+  if (fHashCount > 1)
+    std::snprintf(number, sizeof number, "%0*d", fHashCount, f);
+  else
+    std::snprintf(number, sizeof number, "%d", f);
   Tstring base = fFileName.baseName();
   TstringArray parts;
   int count = base.split('.', parts);

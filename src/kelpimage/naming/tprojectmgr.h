@@ -42,8 +42,8 @@ class KELP_API TprojectMgrBase {
 // name itself and then along the image search path that ILopen uses.
 class KELP_API TdiskProjectMgr : public TprojectMgrBase {
  public:
-  bool findFile(const Tstring& name, TfileObjectTypeName::Trule rule, TfileObjectTypeName::Tlocation location,
-                int flag, Tstring& resolved) override;
+  bool findFile(const Tstring& name, TfileObjectTypeName::Trule rule, TfileObjectTypeName::Tlocation location, int flag,
+                Tstring& resolved) override;
 
   // The image folders, searched in order; empty for the search path.
   static void setImageDirectories(const std::vector<std::string>& folders);

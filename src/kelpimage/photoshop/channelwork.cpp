@@ -21,7 +21,8 @@ namespace {
 template <class Work>
 void eachInParallel(const std::vector<Tchannel*>& channels, unsigned threadCount, Work work) {
   std::vector<Tchannel*> jobs(channels);
-  std::sort(jobs.begin(), jobs.end(), [](const Tchannel* a, const Tchannel* b) { return a->rawBytes() > b->rawBytes(); });
+  std::sort(jobs.begin(), jobs.end(),
+            [](const Tchannel* a, const Tchannel* b) { return a->rawBytes() > b->rawBytes(); });
   std::atomic<bool> failed{false};
   // Every channel is tried; a memory failure in any is one bad_alloc at the end.
   TparallelFor(jobs.size(), threadsFor(threadCount), [&](size_t i) {

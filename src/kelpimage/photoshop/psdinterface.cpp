@@ -93,7 +93,8 @@ statusCode createLayerInLayerSet(TphotoshopFile* file, const Tstring& setName, c
   return onDocument(file, [&](TpsdFile& d) { return status(d.addNewLayerToGivenSet(setName, layerName)); });
 }
 statusCode writeLayerImage(TphotoshopFile* file, const Tstring& name, TrgbaData* image, bool insert, int index) {
-  return onDocument(file, [&](TpsdFile& d) { return status(d.addImageToTheGivenLayer(Tstring(name), image, insert, index)); });
+  return onDocument(
+      file, [&](TpsdFile& d) { return status(d.addImageToTheGivenLayer(Tstring(name), image, insert, index)); });
 }
 statusCode addBackgroundImage(TphotoshopFile* file, TrgbaData* image, const char* name) {
   return onDocument(file, [&](TpsdFile& d) { return status(d.addBackGroundLayerInfo(image, name)); });
@@ -124,7 +125,8 @@ statusCode saveDocument(TphotoshopFile* file, const TfilePath& path) {
   return onDocument(file, [&](TpsdFile& d) { return status(d.savePsdFile(path)); });
 }
 statusCode readLayerRecords(TphotoshopFile* file) {
-  return onDocument(file, [&](TpsdFile& d) { return status(d.readAllLayerRecordInformation() || d.lastReason().isEmpty()); });
+  return onDocument(file,
+                    [&](TpsdFile& d) { return status(d.readAllLayerRecordInformation() || d.lastReason().isEmpty()); });
 }
 statusCode readChannelData(TphotoshopFile* file) {
   return onDocument(file, [&](TpsdFile& d) { return status(d.readAllChannelInformation()); });

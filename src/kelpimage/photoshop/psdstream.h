@@ -3,8 +3,8 @@
 // document's public operations turn into a failure.
 #pragma once
 
-#include <cstdint>
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -88,7 +88,6 @@ class TpsdOut {
   std::FILE* fFile;
   bool fOk = true;
 };
-
 
 // Four characters as a big-endian value, as the file's keys are compared.
 constexpr uint32_t fourCC(const char (&s)[5]) {

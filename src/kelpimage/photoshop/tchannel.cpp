@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
-#include <thread>
 #include <cstring>
 #include <new>
+#include <thread>
 
 namespace zkPhotoshop {
 

@@ -40,9 +40,7 @@ struct TlPoint {
 };
 
 // Bytes a sample of `format`: 1, 2, or 0 for a format that is neither.
-inline uint32_t bytesOf(TdataFormat format) {
-  return format == dataFormat8 ? 1 : format == dataFormat16 ? 2 : 0;
-}
+inline uint32_t bytesOf(TdataFormat format) { return format == dataFormat8 ? 1 : format == dataFormat16 ? 2 : 0; }
 
 // Bytes that are not zeroed when allocated: samples are always written
 // (filled or expanded) before they are read.
@@ -137,7 +135,6 @@ class KELP_API Tchannel {
   bool fExpanded = false;  // fRaw holds the expansion of fCompressed
   bool fExpandFailed = false;
 };
-
 
 // PackBits, as the document's run-length rows have it. `packRow` writes at
 // most count + count / 64 + 2 bytes and returns how many it wrote.

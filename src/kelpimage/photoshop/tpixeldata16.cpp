@@ -195,7 +195,9 @@ void TpixelData16::memAND(uint8_t* dst, const uint8_t* src, uint32_t pixelCount)
 }
 
 TrgbaData::TrgbaData(uint32_t width, uint32_t height, TpixelData16* pixels, uint16_t numChannels, bool copy)
-    : fWidth(width), fHeight(height), fPixels(copy && pixels ? new TpixelData16(*pixels) : pixels),
+    : fWidth(width),
+      fHeight(height),
+      fPixels(copy && pixels ? new TpixelData16(*pixels) : pixels),
       fNumChannels(numChannels) {}
 
 TrgbaData::~TrgbaData() { delete fPixels; }

@@ -72,8 +72,7 @@ class KELP_API TpixelData16 {
                    uint32_t srcIndex);
   // Rows rect.top to rect.bottom of every channel from `source`, whose
   // pixel (point.x, point.y) lands at (rect.left, rect.top).
-  bool copyRect(const TlRect& rect, const TlPoint& point, const TpixelData16& source, uint32_t width,
-                uint32_t height);
+  bool copyRect(const TlRect& rect, const TlPoint& point, const TpixelData16& source, uint32_t width, uint32_t height);
   // Scales colour and transparency by opacity / 255; 255 leaves them.
   void applyOpacity(uint8_t opacity);
   // Bitwise AND of `pixelCount` samples.

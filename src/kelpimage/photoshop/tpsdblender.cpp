@@ -10,7 +10,6 @@
 #include <utility>
 #include <vector>
 
-
 namespace zkPhotoshop {
 
 namespace {
@@ -151,8 +150,7 @@ void blendSpan(const Planes& src, const Planes& dst, size_t first, size_t last) 
       double t = double(uint32_t((S::M - sA) * dA)) * (1.0 / S::M);
       double a = sA * (1.0 / S::M);
       double u = t / (sA + t);
-      for (int k = 0; k < 3; ++k)
-        store<T>(dst.c[k], i, colour<T, MODE>(sc[k], load<T>(dst.c[k], i), sA, a, t, u));
+      for (int k = 0; k < 3; ++k) store<T>(dst.c[k], i, colour<T, MODE>(sc[k], load<T>(dst.c[k], i), sA, a, t, u));
       if constexpr (MODE == kNormal) store<T>(dst.c[3], i, T(uint64_t(rnd(sA + t))));
       if constexpr (MODE == kInverseDivide || MODE == kOverlay) store<T>(dst.c[3], i, T(uint64_t(tr(sA + t))));
     }
@@ -264,9 +262,8 @@ void TpsdBlender::blend(TpixelData16& source, TpixelData16& canvas, uint32_t key
   int64_t area = (y1 - y0) * (x1 - x0);
   unsigned threads = area < (1 << 18) ? 1 : fThreads;
   int64_t height = y1 - y0;
-  TparallelFor(threads, threads, [&](size_t t) {
-    band(y0 + height * int64_t(t) / threads, y0 + height * int64_t(t + 1) / threads);
-  });
+  TparallelFor(threads, threads,
+               [&](size_t t) { band(y0 + height * int64_t(t) / threads, y0 + height * int64_t(t + 1) / threads); });
 }
 
 }  // namespace zkPhotoshop

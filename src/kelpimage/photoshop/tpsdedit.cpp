@@ -271,7 +271,8 @@ bool TpsdFile::addNewLayerToGivenSet(const Tstring& setName, const Tstring& laye
 bool TpsdFile::addImageToTheGivenLayer(const Tstring& name, TrgbaData* image, bool insertFlag, int index) {
   ensureRead();
   TpsdLayer* layer = getLayerObjFromName(name);
-  if (!layer || layer->fState == 2) return insertFlag ? insertNewLayer(name, image, index) : addNormalLayer(name, image);
+  if (!layer || layer->fState == 2)
+    return insertFlag ? insertNewLayer(name, image, index) : addNormalLayer(name, image);
   return guarded(
       [&] {
         int32_t before = change(*this, *layer);

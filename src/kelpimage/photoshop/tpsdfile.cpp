@@ -92,8 +92,7 @@ int TpsdFile::open(const TfilePath& path, bool editMode) {
     taken = readPsdHeader(stream);
   } catch (const TpsdDamaged& d) {
     fLastError = Tstring(d.reason);
-  } catch (...) {
-  }
+  } catch (...) {}
   if (taken)
     fPath = path;
   else if (fLastError.isEmpty())
@@ -129,7 +128,8 @@ bool TpsdFile::readPsdHeader(TpsdStream& s) {
   }
   fDepth = depth;
   fColorMode = s.u16();
-  if (fChannelCount < 1 || fChannelCount > 56) damaged("the header gives " + std::to_string(fChannelCount) + " channels");
+  if (fChannelCount < 1 || fChannelCount > 56)
+    damaged("the header gives " + std::to_string(fChannelCount) + " channels");
   if (fImageWidth > kMaxSide || fImageHeight > kMaxSide)
     damaged("the header gives a size past " + std::to_string(kMaxSide) + " pixels a side");
   // The flattened image alone, packed as tightly as run-length rows go,
@@ -172,7 +172,8 @@ void TpsdFile::readImageResources(TpsdStream& s) {
       if (nameLength == 0 || (nameLength + 1) % 2) s.skip(1);  // the name fills whole words
       uint32_t size = s.u32();
       r.size = size + (size & 1);
-      if (r.size > uint64_t(end - s.tell())) damaged("image resource " + std::to_string(r.id) + " runs past its section");
+      if (r.size > uint64_t(end - s.tell()))
+        damaged("image resource " + std::to_string(r.id) + " runs past its section");
       int64_t dataEnd = s.tell() + r.size;
       readResourceData(s, r, dataEnd);
       s.seek(dataEnd);

@@ -311,13 +311,13 @@ class KELP_API TpsdFile : public TphotoshopFile {
   KELP_LOCAL bool readRawPlane(TpsdStream& stream, PHOTOSHOP_CHANNEL id, uint64_t plane);
 
   unsigned fThreads = 0;
-  bool fCreated = false;  // made by create, not read from a file
-  uint32_t fLr16Pad = 0;              // zero bytes behind the "Lr16" block as read
-  std::vector<uint8_t> fSectionTail;  // bytes behind the global blocks, as read
+  bool fCreated = false;                     // made by create, not read from a file
+  uint32_t fLr16Pad = 0;                     // zero bytes behind the "Lr16" block as read
+  std::vector<uint8_t> fSectionTail;         // bytes behind the global blocks, as read
   std::vector<TsampleBuffer> fSpareSamples;  // given back by released layers
-  Tstring fLastError;  // the reason alone
-  Tstring fErrorName;  // the file it concerns
-  int64_t fLayerSectionEnd = 0;  // behind the layer and mask section, once read
+  Tstring fLastError;                        // the reason alone
+  Tstring fErrorName;                        // the file it concerns
+  int64_t fLayerSectionEnd = 0;              // behind the layer and mask section, once read
 };
 
 }  // namespace zkPhotoshop

@@ -4,9 +4,9 @@
 #include <cstring>
 #include <vector>
 
+#include "kelpimage/photoshop/channelwork.h"
 #include "kelpimage/photoshop/tchannel.h"
 #include "kelpimage/photoshop/tpsdfile.h"
-#include "kelpimage/photoshop/channelwork.h"
 
 namespace zkPhotoshop {
 

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cstring>
 
+#include "kelpimage/photoshop/channelwork.h"
 #include "kelpimage/photoshop/psdstream.h"
 #include "kelpimage/photoshop/tpsdwarning.h"
-#include "kelpimage/photoshop/channelwork.h"
 
 namespace zkPhotoshop {
 
@@ -131,7 +131,8 @@ void TpsdLayer::readLayerRecord(TpsdStream& s, uint32_t& runningSize, std::vecto
     c.length = s.u32();
   }
   fSignature = s.u32();
-  if (!isBlockSignature(fSignature)) damaged("a layer record's signature is wrong at offset " + std::to_string(s.tell() - 4));
+  if (!isBlockSignature(fSignature))
+    damaged("a layer record's signature is wrong at offset " + std::to_string(s.tell() - 4));
   fBlendKey = s.u32();
   fOpacity = s.u8();
   fClipping = s.u8();

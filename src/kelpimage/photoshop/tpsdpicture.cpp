@@ -12,8 +12,16 @@ namespace zkPhotoshop {
 
 namespace {
 
-enum ColourMode : uint16_t { kBitmap = 0, kGrey = 1, kIndexed = 2, kRgb = 3, kCmyk = 4, kMultichannel = 7,
-                             kDuotone = 8, kLab = 9 };
+enum ColourMode : uint16_t {
+  kBitmap = 0,
+  kGrey = 1,
+  kIndexed = 2,
+  kRgb = 3,
+  kCmyk = 4,
+  kMultichannel = 7,
+  kDuotone = 8,
+  kLab = 9
+};
 
 // The channels that carry colour in each mode; the first one after them is
 // the transparency of a document that has one.
@@ -47,7 +55,9 @@ double toSrgb(double linear) {
 // CIE L*a*b* (white D65) to sRGB, each from 0 to 1.
 void labToRgb(double l, double a, double b, double rgb[3]) {
   double fy = (l + 16.0) / 116.0, fx = fy + a / 500.0, fz = fy - b / 200.0;
-  auto finv = [](double t) { return t > 6.0 / 29.0 ? t * t * t : 3.0 * (6.0 / 29.0) * (6.0 / 29.0) * (t - 4.0 / 29.0); };
+  auto finv = [](double t) {
+    return t > 6.0 / 29.0 ? t * t * t : 3.0 * (6.0 / 29.0) * (6.0 / 29.0) * (t - 4.0 / 29.0);
+  };
   double x = 0.95047 * finv(fx), y = finv(fy), z = 1.08883 * finv(fz);
   rgb[0] = toSrgb(3.2404542 * x - 1.5371385 * y - 0.4985314 * z);
   rgb[1] = toSrgb(-0.9692660 * x + 1.8760108 * y + 0.0415560 * z);
@@ -95,8 +105,7 @@ bool TpsdFile::readPicture(TrgbaData*& out) {
         try {
           TpsdStream layers;
           walkLayers(layers);
-        } catch (const TpsdDamaged&) {
-        }
+        } catch (const TpsdDamaged&) {}
         fLastError = Tstring();
         std::unique_ptr<TpixelData16> planes = readAllImagePlanes();
         if (!planes) return false;

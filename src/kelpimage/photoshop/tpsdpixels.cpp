@@ -266,8 +266,9 @@ void TpsdFile::readChannelDataForLayer(TpsdStream& s, TpsdLayer& layer) {
     damaged("layer \"" + layer.fName.str() + "\" is larger than its channel data can hold");
   if (w && h) layer.fPixels = std::make_unique<TpixelData16>(fDataFormat, uint32_t(w), uint32_t(h), false);
   for (TpsdChannelInfo& info : layer.fChannels) {
-    if (info.length < 2) damaged("channel " + std::to_string(info.id) + " of layer \"" + layer.fName.str() +
-                                 "\" is shorter than its compression word");
+    if (info.length < 2)
+      damaged("channel " + std::to_string(info.id) + " of layer \"" + layer.fName.str() +
+              "\" is shorter than its compression word");
     int64_t next = s.tell() + info.length;
     int32_t compression = s.u16();
     info.compression = uint32_t(compression);

@@ -17,9 +17,7 @@
 
 namespace zkPhotoshop {
 
-namespace {
-
-}  // namespace
+namespace {}  // namespace
 
 // Bytes in memory, for the parts whose lengths go before them.
 struct Buffer {
@@ -27,7 +25,9 @@ struct Buffer {
   void u8(uint32_t v) { b.push_back(uint8_t(v)); }
   void u16(uint32_t v) { u8(v >> 8), u8(v); }
   void u32(uint32_t v) { u16(v >> 16), u16(v); }
-  void raw(const void* p, size_t n) { b.insert(b.end(), static_cast<const uint8_t*>(p), static_cast<const uint8_t*>(p) + n); }
+  void raw(const void* p, size_t n) {
+    b.insert(b.end(), static_cast<const uint8_t*>(p), static_cast<const uint8_t*>(p) + n);
+  }
   void zeros(size_t n) { b.insert(b.end(), n, 0); }
 };
 

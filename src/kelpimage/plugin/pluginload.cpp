@@ -41,7 +41,7 @@ PluginTable& table() {
 std::vector<std::string> gPluginFileList;
 size_t gPluginFileCursor = 0;
 std::set<std::string> gOffered;  // files offered to the framework already
-std::mutex gScanLock;  // one scan at a time, whoever calls
+std::mutex gScanLock;            // one scan at a time, whoever calls
 
 std::vector<std::string> splitPath(const char* text) {
   std::vector<std::string> dirs;

@@ -313,7 +313,7 @@ PxfChannels* PXF_chan_alloc(const PxfImageData* image, int32_t width, const char
   int n = channelCount(image);
   auto* channels = new (std::nothrow) PxfChannels{n, nullptr};
   if (!channels) return nullptr;
-  channels->buffers = new (std::nothrow) void*[size_t(n > 0 ? n : 1)]{};
+  channels->buffers = new (std::nothrow) void* [size_t(n > 0 ? n : 1)] {};
   bool ok = channels->buffers != nullptr;
   for (int i = 0; ok && i < n; ++i) {
     channels->buffers[i] = std::calloc(size_t(width), size_t(PXF_sample_bytes(channelBits(image, i))));

@@ -157,8 +157,8 @@ struct PxfStream {
 // openRead reads the header only: no pixel is decoded, and nothing the
 // size of the picture is allocated, until the first readRow.
 struct PxfPluginOps {
-  uint32_t version;  // PXF_PLUGIN_VERSION of the header the plug-in was built with
-  uint32_t size;     // sizeof(PxfPluginOps)
+  uint32_t version;       // PXF_PLUGIN_VERSION of the header the plug-in was built with
+  uint32_t size;          // sizeof(PxfPluginOps)
   uint32_t orientations;  // bit 0: writes orientation 1; bit 1: orientation 2
   uint32_t depths;        // bit n - 1: n bits a colour channel
   uint32_t matte;         // 0: no matte channel
@@ -202,12 +202,12 @@ constexpr uint32_t PXF_PLUGIN_VERSION = 2;
 #define PXF_PLUGIN_EXPORT extern "C" __attribute__((visibility("default")))
 
 // Declares the data symbols of an image plug-in.
-#define PXF_IMAGE_PLUGIN(key, extensions, name, description, ops) \
-  PXF_PLUGIN_EXPORT const char* const type = "image";               \
-  PXF_PLUGIN_EXPORT const char* const program = "Thornfell";        \
-  PXF_PLUGIN_EXPORT const char* const imageKey = key;               \
-  PXF_PLUGIN_EXPORT const char* const imageExtension = extensions;  \
-  PXF_PLUGIN_EXPORT const char* const imageName = name;             \
+#define PXF_IMAGE_PLUGIN(key, extensions, name, description, ops)     \
+  PXF_PLUGIN_EXPORT const char* const type = "image";                 \
+  PXF_PLUGIN_EXPORT const char* const program = "Thornfell";          \
+  PXF_PLUGIN_EXPORT const char* const imageKey = key;                 \
+  PXF_PLUGIN_EXPORT const char* const imageExtension = extensions;    \
+  PXF_PLUGIN_EXPORT const char* const imageName = name;               \
   PXF_PLUGIN_EXPORT const char* const imageDescription = description; \
   PXF_PLUGIN_EXPORT const PxfPluginOps imagePlugin = ops
 
@@ -223,7 +223,7 @@ struct PxfFormat {
   uint8_t flags;
   const char* extensions;  // ';' between them
   const char* description;
-  const char* path;        // the plug-in file
+  const char* path;  // the plug-in file
   const PxfPluginOps* ops;
 };
 

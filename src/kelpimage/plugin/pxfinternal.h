@@ -3,7 +3,6 @@
 
 #include <string>
 
-
 // Opens a plug-in's reader or writer on a stream the caller keeps alive:
 // what PXF_open does for a file, for any stream. Null, with PXF_last_error,
 // when the plug-in refuses.
@@ -25,7 +24,6 @@ bool nextPluginFile(void** handle, char** path);
 // The string an image plug-in exports under `name` (a variable holding a
 // pointer to the text), or null.
 const char* pluginString(void* library, const char* name);
-
 
 // `text`, then ": " and the reason the plug-in gave for the last failure.
 std::string withReason(std::string text);

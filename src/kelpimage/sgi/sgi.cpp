@@ -11,9 +11,9 @@
 #include <cstring>
 #include <vector>
 
+#include "kelpimage/base/terrorhandler.h"
 #include "kelpimage/byteorder.h"
 #include "kelpimage/il/il.h"
-#include "kelpimage/base/terrorhandler.h"
 
 namespace {
 constexpr uint16_t kMagic = 474;
@@ -150,8 +150,7 @@ int imgSeek(IMAGE* im, unsigned y, unsigned z) {
   im->z = uint16_t(z);
   size_t row = rowIndex(im, y, z);
   if (storage(im) == SGI_RLE) return seekTo(im, im->rowstart[row]) ? 0 : -1;
-  if (storage(im) == SGI_VERBATIM)
-    return seekTo(im, uint32_t(kRowsAt + row * im->xsize * bpp(im))) ? 0 : -1;
+  if (storage(im) == SGI_VERBATIM) return seekTo(im, uint32_t(kRowsAt + row * im->xsize * bpp(im))) ? 0 : -1;
   report("img_seek: weird image type\n");
   return -1;
 }
@@ -330,8 +329,10 @@ IMAGE* iopen(const char* file, const char* mode, unsigned type, unsigned dim, un
     if (!readBytes(im, header, sizeof header)) return fail("iopen: error on read of image header\n");
     uint16_t magic;
     std::memcpy(&magic, header, 2);
-    if (swap16(magic) == kMagic) im->swapped = 1;
-    else if (magic == kMagic) im->swapped = 0;
+    if (swap16(magic) == kMagic)
+      im->swapped = 1;
+    else if (magic == kMagic)
+      im->swapped = 0;
     else {
       report("iopen: bad magic in image file %x\n", magic);
       return nullptr;
@@ -356,7 +357,8 @@ IMAGE* iopen(const char* file, const char* mode, unsigned type, unsigned dim, un
       std::memset(im->rowstart, 0, bytes);
       std::memset(im->rowsize, 0xFF, bytes);
     } else {
-      if (!seekTo(im, kRowsAt) || !readBytes(im, im->rowstart, bytes)) return fail("iopen: error on read of rowstart\n");
+      if (!seekTo(im, kRowsAt) || !readBytes(im, im->rowstart, bytes))
+        return fail("iopen: error on read of rowstart\n");
       if (im->swapped) swapTable(im->rowstart, bytes / 4);
       if (!readBytes(im, im->rowsize, bytes)) return fail("iopen: error on read of rowsize\n");
       if (im->swapped) swapTable(im->rowsize, bytes / 4);

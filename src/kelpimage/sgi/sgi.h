@@ -40,4 +40,3 @@ KELP_API IMAGE* iopen(const char* file, const char* mode, unsigned type = 0, uns
 KELP_API int iclose(IMAGE* image);
 KELP_API int getrow(IMAGE* image, uint16_t* buffer, unsigned y, unsigned z);
 KELP_API int putrow(IMAGE* image, const uint16_t* buffer, unsigned y, unsigned z);
-

@@ -2,8 +2,8 @@
 
 #include <cctype>
 #include <climits>
-#include <cstdint>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -34,8 +34,10 @@ char* STR_more(char* block, int size) {
   if (size < 0) size = 0;
   auto* p = static_cast<char*>(std::realloc(block, size_t(size) + 1));
   if (!p) return nullptr;
-  if (block) p[size] = 0;
-  else p[0] = 0;
+  if (block)
+    p[size] = 0;
+  else
+    p[0] = 0;
   return p;
 }
 

@@ -5,9 +5,7 @@
 
 void TcachedImageBase::printError(const char* text) const { std::cerr << text << std::endl; }
 
-void TcachedImageBase::printError(const char* text, const char* more) const {
-  std::cerr << text << more << std::endl;
-}
+void TcachedImageBase::printError(const char* text, const char* more) const { std::cerr << text << more << std::endl; }
 
 void TcachedImageBase::printCacheStats(int bytes) const {
   std::ostream& out = std::cout;
@@ -18,8 +16,8 @@ void TcachedImageBase::printCacheStats(int bytes) const {
   out << std::setw(20) << "# chunks = " << fChunkCount << std::endl << std::endl;
   out << std::setw(20) << "chunk size = " << fChunkSize << "x" << fChunkSize << std::endl << std::endl;
   out << std::setw(20) << "# cache entries = " << fCacheEntries << std::endl << std::endl;
-  out << std::setw(20) << "full image size = " << (double(fChunkSamples) * bytes * fChunkCount) / 1048576.0
-      << " MB " << std::endl
+  out << std::setw(20) << "full image size = " << (double(fChunkSamples) * bytes * fChunkCount) / 1048576.0 << " MB "
+      << std::endl
       << std::endl;
   out << std::setw(20) << "pct in memory = " << (double(fCacheEntries) * 100.0 / fChunkCount) << "%" << std::endl;
 }
@@ -29,6 +27,5 @@ void TcachedImageBase::printAccessStats() const {
   out << std::setw(20) << "Destroying TcachedImage....." << std::endl;
   out << std::setw(20) << "Cache Accesses = " << fAccesses << std::endl;
   out << std::setw(20) << "Cache Misses = " << fMisses << std::endl;
-  out << std::setw(20) << "Hit pct = " << (double(fAccesses - fMisses) * 100.0 / double(fAccesses)) << "%"
-      << std::endl;
+  out << std::setw(20) << "Hit pct = " << (double(fAccesses - fMisses) * 100.0 / double(fAccesses)) << "%" << std::endl;
 }

@@ -19,8 +19,8 @@ class KELP_API TcachedImageBase {
 
   int fWidth = 0;
   int fHeight = 0;
-  int fChunkSize = 0;      // a chunk is fChunkSize by fChunkSize samples
-  int fChunkSamples = 0;   // samples of one chunk
+  int fChunkSize = 0;     // a chunk is fChunkSize by fChunkSize samples
+  int fChunkSamples = 0;  // samples of one chunk
   int fChunkCount = 0;
   int fCacheEntries = 0;
   Tstring fTempFileName;

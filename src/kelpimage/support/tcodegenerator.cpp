@@ -121,17 +121,25 @@ char* TcodeGenerator::convolve3x3(unsigned channels, unsigned, unsigned, float s
     lwc1(5, p, a3);
     mul_s(3, 3, 11);
     lwc1(8, m, t5);
-    if (k[0] == 1.0f) add_s(3, 3, 1);
-    else madd_s(3, 3, 1, 10);
+    if (k[0] == 1.0f)
+      add_s(3, 3, 1);
+    else
+      madd_s(3, 3, 1, 10);
     lwc1(6, o, a3);
     // The k[6] term, tested by k[0] as the generator always has.
-    if (k[0] == 1.0f) add_s(2, 2, 9);
-    else madd_s(2, 2, 9, 16);
+    if (k[0] == 1.0f)
+      add_s(2, 2, 9);
+    else
+      madd_s(2, 2, 9, 16);
     lwc1(4, o, t5);
-    if (k[2] == 1.0f) add_s(3, 3, 7);
-    else madd_s(3, 3, 7, 12);
-    if (k[8] == 1.0f) add_s(2, 2, 5);
-    else madd_s(2, 2, 5, 18);
+    if (k[2] == 1.0f)
+      add_s(3, 3, 7);
+    else
+      madd_s(3, 3, 7, 12);
+    if (k[8] == 1.0f)
+      add_s(2, 2, 5);
+    else
+      madd_s(2, 2, 5, 18);
     madd_s(3, 3, 8, 13);
     madd_s(2, 2, 6, 17);
     madd_s(3, 3, 4, 14);

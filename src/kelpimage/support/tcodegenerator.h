@@ -32,9 +32,24 @@ class KELP_API TcodeGenerator {
 
   // Register numbers.
   enum Reg : unsigned {
-    zero = 0, at = 1, v0 = 2, a0 = 4, a1 = 5, a2 = 6, a3 = 7,
-    t0 = 8, t1 = 9, t2 = 10, t3 = 11, t4 = 12, t5 = 13, t6 = 14, t7 = 15,
-    t8 = 24, t9 = 25, ra = 31,
+    zero = 0,
+    at = 1,
+    v0 = 2,
+    a0 = 4,
+    a1 = 5,
+    a2 = 6,
+    a3 = 7,
+    t0 = 8,
+    t1 = 9,
+    t2 = 10,
+    t3 = 11,
+    t4 = 12,
+    t5 = 13,
+    t6 = 14,
+    t7 = 15,
+    t8 = 24,
+    t9 = 25,
+    ra = 31,
   };
 
   static void addu(unsigned rd, unsigned rs, unsigned rt) { special(rs, rt, rd, 0, 33); }

@@ -262,8 +262,8 @@ TEST(ChunkErrors, FlerrnoIsPerThreadAndEveryCodeHasText) {
   });
   other.join();
   EXPECT_EQ(flerrno, 5);
-  for (int code : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 22, 23, 31, 42, 43, 47, 100,
-                   101, 102, 103, 104, 105, 106, 107, 108, 109, 111, 112})
+  for (int code : {0,  1,  2,  3,  4,  5,   6,   7,   8,   9,   10,  11,  12,  13,  14,  15,  16, 22,
+                   23, 31, 42, 43, 47, 100, 101, 102, 103, 104, 105, 106, 107, 108, 109, 111, 112})
     EXPECT_EQ(std::string(FLstrerror(code)).find("Unknown"), std::string::npos) << code;
   EXPECT_STREQ(FLstrerror(9999), "Unknown error 9999");
   EXPECT_EQ(flbitset[0], 0);
@@ -288,10 +288,14 @@ TEST(ChunkLists, NodesByTypeNameAndScanThatFrees) {
   EXPECT_EQ(list.tail, b);
   FLfree(a);
   int seen = 0;
-  EXPECT_EQ(FLscanlist(&list, [](FLnode* n, void* arg) {
-    ++*static_cast<int*>(arg);
-    return FLfree(n);
-  }, &seen), 0);
+  EXPECT_EQ(FLscanlist(
+                &list,
+                [](FLnode* n, void* arg) {
+                  ++*static_cast<int*>(arg);
+                  return FLfree(n);
+                },
+                &seen),
+            0);
   EXPECT_EQ(seen, 2);
   FLinitlist(&list);
 }

@@ -14,8 +14,8 @@
 
 // Builds a tag number from four characters: the first character is the top byte.
 constexpr uint32_t FLmaketag(const char (&s)[5]) {
-  return (uint32_t(uint8_t(s[0])) << 24) | (uint32_t(uint8_t(s[1])) << 16) |
-         (uint32_t(uint8_t(s[2])) << 8) | uint32_t(uint8_t(s[3]));
+  return (uint32_t(uint8_t(s[0])) << 24) | (uint32_t(uint8_t(s[1])) << 16) | (uint32_t(uint8_t(s[2])) << 8) |
+         uint32_t(uint8_t(s[3]));
 }
 
 constexpr uint32_t FL_FOR4 = FLmaketag("FOR4");
@@ -92,12 +92,12 @@ struct FLgroup {
 // The file record. FLsopen allocates it with room for the caller behind it,
 // the whole allocation zeroed, so callers extend it by derivation.
 struct FLfile {
-  char* name;       // the name as given
-  FLgroup* group;   // innermost open group
-  uint32_t flags;   // FL_READ, FL_PIPE, ...
-  FLmkey* mkey;     // memory key: everything under it goes at FLclose
-  FLio* io;         // private stream state
-  uint32_t recsize; // size of the whole record as allocated
+  char* name;        // the name as given
+  FLgroup* group;    // innermost open group
+  uint32_t flags;    // FL_READ, FL_PIPE, ...
+  FLmkey* mkey;      // memory key: everything under it goes at FLclose
+  FLio* io;          // private stream state
+  uint32_t recsize;  // size of the whole record as allocated
 };
 
 struct FLlist;

@@ -9,9 +9,7 @@
 #include "kelpimage/il/chunk/flio.h"
 
 namespace {
-bool startsWith(const char* s, const char* prefix) {
-  return std::strncmp(s, prefix, std::strlen(prefix)) == 0;
-}
+bool startsWith(const char* s, const char* prefix) { return std::strncmp(s, prefix, std::strlen(prefix)) == 0; }
 
 bool exists(const std::string& p) {
   struct stat st;

@@ -7,16 +7,20 @@
 #include "kelpimage/il/chunk/flio.h"
 
 namespace {
-constexpr int kEnd = -1;      // FLbgnget: plain end of the group, flerrno untouched
+constexpr int kEnd = -1;  // FLbgnget: plain end of the group, flerrno untouched
 constexpr int kMaxDepth = 64;
 
 bool isGroupTag(uint32_t t) {
   switch (t) {
-    case FLmaketag("FORM"): case FLmaketag("LIST"): case FLmaketag("CAT "): case FLmaketag("PROP"):
-    case FLmaketag("FOR4"): case FLmaketag("LIS4"): case FLmaketag("CAT4"): case FLmaketag("PRO4"):
-      return true;
-    default:
-      return false;
+    case FLmaketag("FORM"):
+    case FLmaketag("LIST"):
+    case FLmaketag("CAT "):
+    case FLmaketag("PROP"):
+    case FLmaketag("FOR4"):
+    case FLmaketag("LIS4"):
+    case FLmaketag("CAT4"):
+    case FLmaketag("PRO4"): return true;
+    default: return false;
   }
 }
 
@@ -79,9 +83,7 @@ int readAhead(FLfile* f, FLgroup* g) {
   return 0;
 }
 
-uint32_t aheadTag(const FLgroup* g) {
-  return kelp::getBE32(reinterpret_cast<const uint8_t*>(&g->gtag));
-}
+uint32_t aheadTag(const FLgroup* g) { return kelp::getBE32(reinterpret_cast<const uint8_t*>(&g->gtag)); }
 
 // Skips an item that was read ahead but not begun (a group not entered).
 void skipAhead(FLfile* f) {

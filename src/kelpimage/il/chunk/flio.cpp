@@ -166,8 +166,7 @@ int FLstream::reap() {
   int result = 0;
   for (pid_t pid : fChildren) {
     int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {}
     // Only a writer cares how its command ended: a reader may have stopped
     // early on purpose, leaving the command to die of a closed pipe.
     if (fWrite && !(WIFEXITED(status) && WEXITSTATUS(status) == 0)) result = FL_EPIPE;

@@ -18,8 +18,10 @@ void FLheadnode(FLlist* list, FLnode* node) {
   node->owner = list;
   node->prev = nullptr;
   node->next = list->head;
-  if (list->head) list->head->prev = node;
-  else list->tail = node;
+  if (list->head)
+    list->head->prev = node;
+  else
+    list->tail = node;
   list->head = node;
   list->count++;
 }
@@ -28,8 +30,10 @@ void FLtailnode(FLlist* list, FLnode* node) {
   node->owner = list;
   node->next = nullptr;
   node->prev = list->tail;
-  if (list->tail) list->tail->next = node;
-  else list->head = node;
+  if (list->tail)
+    list->tail->next = node;
+  else
+    list->head = node;
   list->tail = node;
   list->count++;
 }
@@ -37,10 +41,14 @@ void FLtailnode(FLlist* list, FLnode* node) {
 void FLdelnode(FLnode* node) {
   FLlist* list = node->owner;
   if (!list) return;
-  if (node->prev) node->prev->next = node->next;
-  else list->head = node->next;
-  if (node->next) node->next->prev = node->prev;
-  else list->tail = node->prev;
+  if (node->prev)
+    node->prev->next = node->next;
+  else
+    list->head = node->next;
+  if (node->next)
+    node->next->prev = node->prev;
+  else
+    list->tail = node->prev;
   list->count--;
   node->next = node->prev = nullptr;
   node->owner = nullptr;

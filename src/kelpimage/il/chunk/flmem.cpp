@@ -33,8 +33,10 @@ static void link(FLblock* b, FLmkey* key) {
 
 static void unlink(FLblock* b) {
   if (!b->key) return;
-  if (b->prev) b->prev->next = b->next;
-  else b->key->head = b->next;
+  if (b->prev)
+    b->prev->next = b->next;
+  else
+    b->key->head = b->next;
   if (b->next) b->next->prev = b->prev;
 }
 

@@ -10,8 +10,8 @@
 class KELP_API TiffTag {
  public:
   constexpr TiffTag(char a, char b, char c, char d)
-      : fValue((uint32_t(uint8_t(a)) << 24) | (uint32_t(uint8_t(b)) << 16) | (uint32_t(uint8_t(c)) << 8) |
-               uint8_t(d)) {}
+      : fValue((uint32_t(uint8_t(a)) << 24) | (uint32_t(uint8_t(b)) << 16) | (uint32_t(uint8_t(c)) << 8) | uint8_t(d)) {
+  }
   constexpr explicit TiffTag(const char (&s)[5]) : TiffTag(s[0], s[1], s[2], s[3]) {}
   constexpr explicit TiffTag(uint32_t value) : fValue(value) {}
   constexpr uint32_t value() const { return fValue; }

@@ -56,8 +56,8 @@ void TmultiSharedObject::unreference() {
   if (--fRefs <= 0) delete this;
 }
 
-Tmetaclass::Tmetaclass(const char* name, size_t size, Creator creator, uint32_t tag, bool abstract,
-                       Tmetaclass* parent, Tmetaclass*, Tmetaclass*, Tmetaclass*)
+Tmetaclass::Tmetaclass(const char* name, size_t size, Creator creator, uint32_t tag, bool abstract, Tmetaclass* parent,
+                       Tmetaclass*, Tmetaclass*, Tmetaclass*)
     : fName(name), fSize(size), fCreator(creator), fTag(tag), fAbstract(abstract), fParent(parent) {
   Registry& r = registry();
   std::lock_guard<std::mutex> guard(r.lock);
