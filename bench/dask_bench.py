@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """Wall times of converting a numbered sequence of 1920 x 1080 RGBA frames
 three ways on the same files: kelpimage.dask.convert on a local cluster of
 two worker processes, the same on one worker, and kimg convert --threads 2.
