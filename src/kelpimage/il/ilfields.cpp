@@ -30,13 +30,14 @@ void swapValue(uint8_t* p, uint32_t n, uint32_t tag) {
   }
 }
 
-ILfield* findField(ILimage* image, uint32_t tag) {
+}  // namespace
+
+ILfield* ILfindfield(ILimage* image, uint32_t tag) {
   return reinterpret_cast<ILfield*>(FLgetnodebytype(&image->fields, tag));
 }
 
-// Replaces the field of `tag`; a null value or zero length just removes it.
-ILfield* storeField(ILimage* image, uint32_t tag, uint32_t length, const void* value) {
-  if (ILfield* old = findField(image, tag)) {
+ILfield* ILstorefield(ILimage* image, uint32_t tag, uint32_t length, const void* value) {
+  if (ILfield* old = ILfindfield(image, tag)) {
     FLdelnode(&old->node);
     FLfree(old);
   }
@@ -50,7 +51,6 @@ ILfield* storeField(ILimage* image, uint32_t tag, uint32_t length, const void* v
   FLheadnode(&image->fields, &field->node);
   return field;
 }
-}  // namespace
 
 void ILinitfields(ILimage* image) {
   for (FLnode* n = image->fields.head; n;) {
@@ -63,15 +63,8 @@ void ILinitfields(ILimage* image) {
 
 int ILsetfield(ILimage* image, uint32_t tag, uint32_t length, const void* value) {
   if (image->ictl & ILC_HEADER) return ILfail(IL_EFIXED);
-  storeField(image, tag, length, value);
+  ILstorefield(image, tag, length, value);
   return 0;
-}
-
-uint32_t ILgetfield(ILimage* image, uint32_t tag, const void** value) {
-  static const char kEmpty[4] = "";
-  ILfield* field = ILgetheader(image) ? findField(image, tag) : nullptr;
-  if (value) *value = field ? static_cast<const void*>(field->value) : kEmpty;
-  return field ? field->length : 0;
 }
 
 int ILreadfields(ILimage* image) {
@@ -86,7 +79,8 @@ int ILreadfields(ILimage* image) {
     uint32_t length = kelp::getBE32(data + at + 4);
     if (ftag == 0 || length == 0) break;
     if (length > size - at - 8) return ILfail(FL_EFIT);
-    if (ILfield* field = storeField(image, ftag, length, data + at + 8)) swapValue(field->value, round4(length), ftag);
+    if (ILfield* field = ILstorefield(image, ftag, length, data + at + 8))
+      swapValue(field->value, round4(length), ftag);
     uint32_t step = round4(length);
     at += 8 + (step <= size - at - 8 ? step : size - at - 8);
   }
@@ -112,14 +106,4 @@ int ILwritefields(ILimage* image) {
   }
   std::memset(p, 0, 8);
   return FLendwbchunk(image, uint32_t(sum + 8));
-}
-
-int ILcopyfields(ILimage* to, ILimage* from) {
-  if (to->ictl & ILC_HEADER) return ILfail(IL_EFIXED);
-  if (!ILgetheader(from)) return flerrno;
-  for (FLnode* n = from->fields.head; n; n = n->next) {
-    auto* field = reinterpret_cast<ILfield*>(n);
-    if (field->node.type & 0x10) storeField(to, field->node.type, field->length, field->value);
-  }
-  return 0;
 }

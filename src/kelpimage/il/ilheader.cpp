@@ -1,5 +1,6 @@
-// The image header: reading and writing the header chunks, and the
-// attribute calls around them.
+// The image header's attribute calls: setting what a written header will
+// hold, getting what a read one holds, and writing it; the fields through
+// the header. Reading the header is ilheaderread.cpp's.
 #include <pwd.h>
 #include <unistd.h>
 
@@ -11,13 +12,10 @@
 #include <mutex>
 #include <string>
 
-#include "kelpimage/base/tlimits.h"
 #include "kelpimage/il/chunk/flio.h"
 #include "kelpimage/il/ilinternal.h"
 
 namespace {
-constexpr uint32_t kTbhdSize = 32;
-
 bool headerFixed(const ILimage* image) { return image->ictl & ILC_HEADER; }
 
 // "user on host", made once for the process.
@@ -37,19 +35,6 @@ const std::string& authorStamp() {
   return stamp;
 }
 
-void decodeHeader(ILimage* image, const uint8_t* b) {
-  image->width = kelp::getBE32(b);
-  image->height = kelp::getBE32(b + 4);
-  image->prnum = kelp::getBE16(b + 8);
-  image->prden = kelp::getBE16(b + 10);
-  image->type = kelp::getBE32(b + 12);
-  image->bytes = uint16_t(kelp::getBE16(b + 16) + 1);
-  image->pages = kelp::getBE16(b + 18);
-  image->compress = kelp::getBE32(b + 20);
-  image->orgx = int32_t(kelp::getBE32(b + 24));
-  image->orgy = int32_t(kelp::getBE32(b + 28));
-}
-
 void encodeHeader(const ILimage* image, uint8_t* b) {
   kelp::putBE32(b, image->width);
   kelp::putBE32(b + 4, image->height);
@@ -63,90 +48,8 @@ void encodeHeader(const ILimage* image, uint8_t* b) {
   kelp::putBE32(b + 28, uint32_t(image->orgy));
 }
 
-// Tile rectangles are 16-bit, and no codec stores fewer than one byte for
-// 512 pixels. A header that asks for more pixels than the limit is not
-// believed, nor a large one (beyond 2^26 pixels, the largest picture the
-// front door reads) that the rest of a regular file cannot hold; smaller
-// headers may stand alone, without pixels, as `kimg create` writes them.
-constexpr uint64_t kPixelsPerByteAtMost = 512;
-constexpr uint64_t kHeaderOnlyPixels = uint64_t(1) << 26;
-
-bool sizeBelievable(const ILimage* image) {
-  if (image->width < 1 || image->height < 1 || image->width > 65536 || image->height > 65536) return false;
-  uint64_t pixels = uint64_t(image->width) * image->height;
-  if (pixels > ILmaxpixels(0)) return false;
-  if (pixels <= kHeaderOnlyPixels) return true;
-  uint64_t left = image->io->stream->remaining();
-  return left == UINT64_MAX || pixels / kPixelsPerByteAtMost <= left;
-}
-
-// Reads the file's header on the first call on a read handle.
-bool readHeader(ILimage* image) {
-  image->version = 0x10000;
-  uint32_t last = 0;
-  uint32_t tag = 0, size = 0;
-  for (;;) {
-    if (FLbgnget(image, &tag, &size) != 0) {
-      if (flerrno == 0) flerrno = (last == IL_TBHD) ? IL_EBADHEADER : IL_ENOHEADER;
-      return false;
-    }
-    last = tag;
-    if (tag == IL_TBHD) break;
-    if (tag == IL_FVER) {
-      uint8_t v[4];
-      if (FLget(image, v, 4) == 4) image->version = kelp::getBE32(v);
-    }
-    FLendget(image);
-  }
-  // A header chunk shorter than its fixed form is damaged; a longer one is
-  // read for its first 32 bytes and the rest skipped.
-  if (size < kTbhdSize) {
-    ILfail(FL_EFIT);
-    return false;
-  }
-  uint8_t b[kTbhdSize];
-  if (FLget(image, b, kTbhdSize) < kTbhdSize) {
-    ILfail(IL_EBADHEADER);
-    return false;
-  }
-  decodeHeader(image, b);
-  if (image->bytes != 1 && image->bytes != 2 && image->bytes != 4) {
-    ILfail(FL_EFIT);  // no such channel size: the header is damaged
-    return false;
-  }
-  if (!sizeBelievable(image)) {
-    // The header's values stay in the handle for a reader to show.
-    image->ictl |= ILC_REFUSED;
-    ILfail(IL_ERANGE);
-    return false;
-  }
-  image->ictl |= ILC_HEADER;
-  if (FLendget(image) != 0) return false;
-  if (ILreadfields(image) != 0) return false;
-
-  const void* dpi = nullptr;
-  uint32_t len = ILgetfield(image, IL_DPI, &dpi);
-  char text[64] = {};
-  std::memcpy(text, dpi, len < sizeof text - 1 ? len : sizeof text - 1);
-  image->dpi = float(std::atof(text));
-  return true;
-}
-
 bool ready(ILimage* image) { return ILgetheader(image) != nullptr; }
 }  // namespace
-
-static ILheader* unguardedGetheader(ILimage* image) {
-  if (!image) {
-    ILfail(FL_EARG);
-    return nullptr;
-  }
-  if (image->ictl & ILC_REFUSED) {
-    ILfail(IL_ERANGE);
-    return nullptr;
-  }
-  if ((image->ictl & ILC_READ) && !(image->ictl & ILC_HEADER) && !readHeader(image)) return nullptr;
-  return image;
-}
 
 int ILputheader(ILimage* image) {
   image->headerpos = FLtell(image);
@@ -156,7 +59,7 @@ int ILputheader(ILimage* image) {
   kelp::putBE32(v, image->version);
   if (FLputchunk(image, IL_FVER, 4, v)) return flerrno;
 
-  auto* b = static_cast<uint8_t*>(FLbgnwbchunk(image, IL_TBHD, kTbhdSize));
+  auto* b = static_cast<uint8_t*>(FLbgnwbchunk(image, IL_TBHD, kILheaderBytes));
   if (!b) return flerrno;
   if (!(image->ictl & ILC_PAGED)) ILchooselayout(image);
   encodeHeader(image, b);
@@ -165,7 +68,7 @@ int ILputheader(ILimage* image) {
     int n = std::snprintf(text, sizeof text, "%f", double(image->dpi));
     ILsetfield(image, IL_DPI, uint32_t(n), text);
   }
-  if (FLendwbchunk(image, kTbhdSize)) return flerrno;
+  if (FLendwbchunk(image, kILheaderBytes)) return flerrno;
   if (ILwritefields(image)) return flerrno;
 
   const std::string& author = authorStamp();
@@ -235,25 +138,8 @@ int ILsetcompress(ILimage* image, uint32_t number) {
   return 0;
 }
 
-uint64_t ILmaxpixels(uint64_t pixels) {
-  // The library's one pixel limit.
-  if (pixels > 0) TpixelLimit::set(pixels);
-  return TpixelLimit::get();
-}
-
 int ILsetlookups(ILimage* image, uint8_t** lookups) {
   image->lookups = lookups;
-  return 0;
-}
-
-int ILgetsize(ILimage* image, int32_t* width, int32_t* height) {
-  if (!ready(image)) return flerrno;
-  if (image->zoom) {
-    ILzoomsize(image->zoom, width, height);
-    return 0;
-  }
-  if (width) *width = int32_t(image->width);
-  if (height) *height = int32_t(image->height);
   return 0;
 }
 
@@ -291,14 +177,27 @@ const char* ILtypename(uint32_t type, char* buffer, size_t size) {
 
 // The entry points: no exception leaves the library; running out of memory
 // is FL_ENOMEM, anything else unexpected FL_EFIT.
-ILheader* ILgetheader(ILimage* image) {
-  return ILguardpointer([&] { return unguardedGetheader(image); });
-}
-
 int ILsetsize(ILimage* image, int32_t width, int32_t height) {
   return ILguard([&] { return unguardedSetsize(image, width, height); });
 }
 
 int ILsetbpp(ILimage* image, int32_t bytes) {
   return ILguard([&] { return unguardedSetbpp(image, bytes); });
+}
+
+uint32_t ILgetfield(ILimage* image, uint32_t tag, const void** value) {
+  static const char kEmpty[4] = "";
+  ILfield* field = ILgetheader(image) ? ILfindfield(image, tag) : nullptr;
+  if (value) *value = field ? static_cast<const void*>(field->value) : kEmpty;
+  return field ? field->length : 0;
+}
+
+int ILcopyfields(ILimage* to, ILimage* from) {
+  if (to->ictl & ILC_HEADER) return ILfail(IL_EFIXED);
+  if (!ILgetheader(from)) return flerrno;
+  for (FLnode* n = from->fields.head; n; n = n->next) {
+    auto* field = reinterpret_cast<ILfield*>(n);
+    if (field->node.type & 0x10) ILstorefield(to, field->node.type, field->length, field->value);
+  }
+  return 0;
 }

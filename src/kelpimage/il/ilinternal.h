@@ -36,6 +36,14 @@ auto ILguardpointer(Body body) noexcept -> decltype(body()) {
   return nullptr;
 }
 
+// The header chunk's size in the file.
+constexpr uint32_t kILheaderBytes = 32;
+
+// The field of `tag`, or null; the header is not read for it.
+ILfield* ILfindfield(ILimage* image, uint32_t tag);
+// Replaces the field of `tag`; a null value or zero length just removes it.
+ILfield* ILstorefield(ILimage* image, uint32_t tag, uint32_t length, const void* value);
+
 // Deletes the attached zoom, if any.
 void ILdropzoom(ILimage* image);
 // Binds the attached zoom again, for a changed channel size.
