@@ -1,12 +1,18 @@
 #!/usr/bin/env python3
-"""Checks that the library's folders include one another only downward.
+"""Checks that the library's folders include and call one another only
+downward.
 
 Each folder of src/kelpimage has a rank; a file may include headers of its
-own folder and of folders of lower rank, never of a higher one. With --dot
-it prints the folder graph (who includes whom) for Graphviz instead.
+own folder and of folders of lower rank, never of a higher one. With
+--objects DIR (the build's object files of the library, a folder of them
+for each source folder) it also reads the symbols each object file needs
+and defines (nm) and fails on a call, or any other use, of a name that only
+a higher folder defines. With --dot it prints the folder graph (who
+includes whom) for Graphviz instead.
 """
 import pathlib
 import re
+import subprocess
 import sys
 
 # Bottom first. The export macro stands at the root, below everything.
@@ -35,9 +41,64 @@ def folder(relative: str) -> str:
     return str(pathlib.PurePosixPath(relative).parent)
 
 
+def symbols(obj: pathlib.Path):
+    """(defined, needed): the global names an object file defines and those it needs."""
+    out = subprocess.run(["nm", "-P", str(obj)], capture_output=True, text=True, check=True).stdout
+    defined, needed = set(), set()
+    for line in out.splitlines():
+        fields = line.split()
+        if len(fields) < 2:
+            continue
+        name, kind = fields[0], fields[1]
+        if kind in ("U", "w", "v"):
+            needed.add(name)
+        elif kind in "TDBRWVGSu":
+            defined.add(name)
+    return defined, needed
+
+
+def check_calls(root: pathlib.Path, objects: pathlib.Path) -> int:
+    """Uses of names across folders, from the object files of the sources
+    under root: only downward."""
+    rank_of = {}  # a name -> the lowest rank of a folder that defines it
+    needs = []
+    for path in sorted(root.rglob("*.cpp")):
+        relative = path.relative_to(root).as_posix()
+        obj = objects / (relative + ".o")
+        source = folder(relative)
+        if not obj.exists():
+            print(f"no object file {obj} for {relative}: build the library first")
+            return 1
+        if source not in RANKS:
+            continue  # told by the include check
+        defined, needed = symbols(obj)
+        for name in defined:
+            rank_of[name] = min(rank_of.get(name, len(RANKS)), RANKS.index(source))
+        needs.append((source, obj.name, needed))
+    bad = {}
+    for source, name, needed in needs:
+        for symbol in needed:
+            if symbol in rank_of and rank_of[symbol] > RANKS.index(source):
+                bad.setdefault((source, RANKS[rank_of[symbol]]), set()).add(f"{name}: {symbol}")
+    for (a, b), uses in sorted(bad.items()):
+        print(f"{a} uses the higher {b}: {', '.join(sorted(uses)[:5])}")
+    if bad:
+        return 1
+    print(f"layers: {len(needs)} object files, every name they need defined in their folder or below")
+    return 0
+
+
 def main() -> int:
-    paths = [a for a in sys.argv[1:] if not a.startswith("--")]
+    args = sys.argv[1:]
+    objects = None
+    if "--objects" in args:
+        at = args.index("--objects")
+        objects = pathlib.Path(args[at + 1])
+        del args[at:at + 2]
+    paths = [a for a in args if not a.startswith("--")]
     root = pathlib.Path(paths[0]) if paths else pathlib.Path(__file__).resolve().parent.parent / "src" / "kelpimage"
+    if objects and check_calls(root, objects):
+        return 1
     edges = {}
     unknown = set()
     for path in sorted(root.rglob("*")):
