@@ -1,7 +1,9 @@
 #include "kelpimage/photoshop/tpsdfile.h"
 
 #include <gtest/gtest.h>
+
 #include <sys/resource.h>
+#include <thread>
 
 #include "kelpimage/photoshop/tpsdwarning.h"
 #include "psdbuilder.h"
@@ -306,6 +308,35 @@ TEST(TpsdFileWarning, TextsAndTheSetEndLayer) {
   o.doc.getAllLayerNames(n);
   EXPECT_EQ(theWarnings().count(), 1);
   EXPECT_EQ(theWarnings().codes()[0], uint32_t(warnCmykMode));
+  EXPECT_EQ(o.doc.warnings().codes(), theWarnings().codes());
+}
+
+TEST(TpsdFileConcurrency, EachDocumentKeepsItsOwnWarnings) {
+  // Two documents read on two threads: the CMYK one has its warning, the
+  // RGB one none, whatever the other thread raised meanwhile.
+  Document cmyk, rgb;
+  cmyk.mode = 4;
+  cmyk.layers = {setLayer("end", 3), setLayer("head", 1)};
+  rgb.layers = {setLayer("end", 3), setLayer("head", 1)};
+  Opened a(cmyk.bytes()), b(rgb.bytes());
+  std::thread first([&] {
+    TstringArray names;
+    for (int i = 0; i < 20; ++i) a.doc.getAllLayerNames(names);
+  });
+  std::thread second([&] {
+    TstringArray names;
+    for (int i = 0; i < 20; ++i) b.doc.getAllLayerNames(names);
+  });
+  first.join();
+  second.join();
+  ASSERT_GE(a.doc.warnings().count(), 1);
+  EXPECT_EQ(a.doc.warnings().codes()[0], uint32_t(warnCmykMode));
+  EXPECT_EQ(b.doc.warnings().count(), 0);
+  const int before = a.doc.warnings().count();
+  a.doc.open(TfilePath(a.dir.file("doc.psd").c_str()), false);
+  // Opened again, it holds what this open raised, not what the last one did.
+  EXPECT_LE(a.doc.warnings().count(), before);
+  EXPECT_EQ(b.doc.warnings().count(), 0);
 }
 
 TEST(TpsdFile, OutOfMemoryIsAWarningAndAFailedRead) {

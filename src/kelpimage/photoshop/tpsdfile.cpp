@@ -73,7 +73,9 @@ Tstring TpsdFile::lastError() const {
 }
 
 void TpsdFile::addWarningMessage(const Tstring& layerName, uint32_t code) {
-  if (layerName != fSetEndName) theWarnings().addWarning(code, fPath.baseName(), layerName);
+  if (layerName == fSetEndName) return;
+  fWarnings.addWarning(code, fPath.baseName(), layerName);
+  theWarnings().addWarning(code, fPath.baseName(), layerName);
 }
 
 int TpsdFile::open(const TfilePath& path, bool editMode) {
@@ -81,6 +83,7 @@ int TpsdFile::open(const TfilePath& path, bool editMode) {
   fEditMode = editMode;
   fPath = TfilePath();
   fLastError = Tstring();
+  fWarnings.clear();
   TpsdStream stream;
   fErrorName = path.fullName();
   if (!stream.open(path.fullName())) {

@@ -14,6 +14,7 @@
 #include "kelpimage/kelpexport.h"
 #include "kelpimage/photoshop/tpixeldata16.h"
 #include "kelpimage/photoshop/tpsdlayer.h"
+#include "kelpimage/photoshop/tpsdwarning.h"
 
 namespace zkPhotoshop {
 
@@ -229,6 +230,10 @@ class KELP_API TpsdFile : public TphotoshopFile {
   // empty after success. lastReason() is the same without the name.
   Tstring lastError() const;
   const Tstring& lastReason() const { return fLastError; }
+  // What this document raised since it was opened, each warning as the
+  // process-wide store (theWarnings()) also has it: a host reading two
+  // documents on two threads asks each for its own.
+  const TpsdFileWarning& warnings() const { return fWarnings; }
 
   int32_t fLayerMaskSize = 0;
   uint32_t fLayerInfoSize = 0;
@@ -261,6 +266,7 @@ class KELP_API TpsdFile : public TphotoshopFile {
   TpsdLayerPtrArray fLayers;
   std::unique_ptr<TrgbaData> fComposite;
   std::unique_ptr<TpixelData16> fCompositePixels;
+  TpsdFileWarning fWarnings;
 
  protected:
   void setChannels(uint16_t channels) { fChannelCount = channels; }
