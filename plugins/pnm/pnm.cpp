@@ -28,7 +28,9 @@ namespace {
 
 constexpr int kMaxWidth = 65535;
 
-thread_local char gMessage[256];
+// libnetpbm's last error text: written by its handler, which runs only
+// inside netpbm() below, under gNetpbm, and copied to the file's state there.
+char gMessage[256];
 
 void onError(const char* text) { std::snprintf(gMessage, sizeof gMessage, "%s", text); }
 void onMessage(const char*) {}
@@ -59,6 +61,7 @@ struct State {
   int32_t outBits = 8;       // of the framework's samples
   int32_t next = 0;          // rows handled, from the top
   jmp_buf* saved = nullptr;  // the jump buffer libnetpbm had before ours
+  char message[256] = {};    // libnetpbm's text of the last failure, or empty
 };
 
 void release(State* s) {
@@ -76,13 +79,15 @@ constexpr int kPamSize = int(offsetof(struct pam, opacity_plane) + sizeof(pam::o
 std::mutex gNetpbm;
 
 // Runs `call` with libnetpbm's errors caught; false after one (its text in
-// gMessage). The caller's jump buffer, if any, is put back either way.
+// the state's message). The caller's jump buffer, if any, is put back either way.
 bool netpbm(State* s, void (*call)(State*)) {
   std::lock_guard<std::mutex> hold(gNetpbm);
   gMessage[0] = '\0';
+  s->message[0] = '\0';
   jmp_buf jump;
   if (setjmp(jump)) {
     pm_setjmpbuf(s->saved);
+    std::memcpy(s->message, gMessage, sizeof s->message);
     return false;
   }
   pm_setjmpbufsave(&jump, &s->saved);
@@ -199,7 +204,7 @@ void* openRead(PxfStream* in, PxfImageData* image, int32_t* frames, char* error,
     return nullptr;
   }
   if (!netpbm(s, readHeader)) {
-    fail(error, size, "%s", gMessage[0] ? gMessage : "not a Netpbm picture");
+    fail(error, size, "%s", s->message[0] ? s->message : "not a Netpbm picture");
     release(s);
     return nullptr;
   }
@@ -232,7 +237,7 @@ void* openRead(PxfStream* in, PxfImageData* image, int32_t* frames, char* error,
 int readRow(void* state, int32_t row, void* const* channels, int64_t stride, char* error, size_t size) {
   auto* s = static_cast<State*>(state);
   if (s->pam.height - 1 - row != s->next) return fail(error, size, "rows are read from the top down only");
-  if (!netpbm(s, readNext)) return fail(error, size, "%s", gMessage[0] ? gMessage : "the file ends early");
+  if (!netpbm(s, readNext)) return fail(error, size, "%s", s->message[0] ? s->message : "the file ends early");
   s->next++;
   // Samples scaled from the file's maxval to the full 8 or 16 bits, rounded.
   sample maxval = s->pam.maxval, full = s->outBits == 16 ? 65535 : 255;
@@ -320,7 +325,7 @@ void* openWrite(PxfStream* out, const PxfImageData* image, PxfCapSetting* const*
   chooseLayout(s, variantOf(image->variant));
   s->row = pnm_allocpamrow(&s->pam);
   if (!netpbm(s, writeHeader)) {
-    fail(error, size, "%s", gMessage[0] ? gMessage : "libnetpbm could not start");
+    fail(error, size, "%s", s->message[0] ? s->message : "libnetpbm could not start");
     release(s);
     return nullptr;
   }
@@ -347,7 +352,7 @@ int writeRow(void* state, int32_t row, const void* const* channels, int64_t stri
     }
     if (s->outMatte) t[s->outColors] = in(s->colors, x);
   }
-  if (!netpbm(s, writeNext)) return fail(error, size, "%s", gMessage[0] ? gMessage : "cannot write");
+  if (!netpbm(s, writeNext)) return fail(error, size, "%s", s->message[0] ? s->message : "cannot write");
   s->next++;
   return 0;
 }
