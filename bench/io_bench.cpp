@@ -29,7 +29,7 @@ std::string scratch(const std::string& name) {
 const std::string& source() {
   static const std::string name = [] {
     std::string path = scratch("source.iff");
-    TimageSpec spec;
+    TimageInfo spec;
     spec.width = spec.height = kSide;
     spec.alpha = true;
     std::vector<uint8_t> row(size_t(kSide) * 4);

@@ -37,7 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (!reader.openMemory(data + 1, size - 1, "fuzz", options)) return 0;
   for (int frame = 0; frame < reader.spec().frames && frame < 3; ++frame) {
     if (frame > 0 && !reader.seekFrame(frame)) break;
-    const TimageSpec& spec = reader.spec();
+    const TimageInfo& spec = reader.spec();
     std::vector<uint8_t> pixels(spec.rowBytes(TsampleType::kFloat) * size_t(spec.height));
     std::vector<float> depth(spec.depth ? size_t(spec.width) * size_t(spec.height) : 0);
     if (!reader.readImage(pixels.data(), spec.sampleType, 0, spec.association, depth.empty() ? nullptr : depth.data()))

@@ -29,7 +29,7 @@ py::array newPicture(int32_t height, int32_t width, int channels, TsampleType ty
   return py::array(dtypeOf(type), std::vector<py::ssize_t>{height, width, channels});
 }
 
-TimageSpec specOf(const py::array& array, bool premultiplied) {
+TimageInfo specOf(const py::array& array, bool premultiplied) {
   if (array.ndim() != 2 && array.ndim() != 3)
     throw py::value_error("a picture is an array of (height, width) or (height, width, channels)");
   const py::ssize_t channels = array.ndim() == 3 ? array.shape(2) : 1;
@@ -37,7 +37,7 @@ TimageSpec specOf(const py::array& array, bool premultiplied) {
     throw py::value_error("a picture has 1 to 4 channels, not " + std::to_string(channels));
   if (array.shape(0) < 1 || array.shape(1) < 1 || array.shape(0) > 65535 || array.shape(1) > 65535)
     throw py::value_error("a picture's sides are from 1 to 65535");
-  TimageSpec spec;
+  TimageInfo spec;
   spec.height = int32_t(array.shape(0));
   spec.width = int32_t(array.shape(1));
   spec.colorChannels = channels >= 3 ? 3 : 1;
@@ -52,7 +52,7 @@ py::array contiguous(const py::array& array) {
   return py::array::ensure(array, py::array::c_style | py::array::forcecast);
 }
 
-py::dict describe(const TimageSpec& s) {
+py::dict describe(const TimageInfo& s) {
   py::dict d;
   d["width"] = s.width;
   d["height"] = s.height;

@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "kelpimage/io/timagespec.h"
+#include "kelpimage/io/timageinfo.h"
 
 namespace kelppy {
 
@@ -26,11 +26,11 @@ TsampleType sampleTypeOf(const py::dtype& dtype);
 py::array newPicture(int32_t height, int32_t width, int channels, TsampleType type);
 // The picture an array describes: (height, width) grey, or (height, width,
 // channels) with 1 to 4 channels; ValueError otherwise.
-TimageSpec specOf(const py::array& array, bool premultiplied);
+TimageInfo specOf(const py::array& array, bool premultiplied);
 // The array as a C-contiguous array of its own sample type.
 py::array contiguous(const py::array& array);
 // A description of a picture as a dict.
-py::dict describe(const TimageSpec& spec);
+py::dict describe(const TimageInfo& spec);
 
 void bindReader(py::module_& m);
 void bindWriter(py::module_& m);

@@ -74,7 +74,7 @@ std::string convert(const std::string& input, const std::string& output, const s
 
 py::array resizeArray(const py::array& array, int32_t width, int32_t height, const std::string& filter, float blurX,
                       float blurY, bool premultiplied) {
-  TimageSpec spec = specOf(array, premultiplied);
+  TimageInfo spec = specOf(array, premultiplied);
   py::array in = contiguous(array);
   py::array out = newPicture(height, width, spec.channels(), spec.sampleType);
   if (array.ndim() == 2) out = out.reshape({height, width});

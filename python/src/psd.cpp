@@ -44,7 +44,7 @@ py::array readPart(const std::string& path, const std::string& layer, const std:
     ok = reader.open(path, options);
   }
   if (!ok) throw Failure(reader.error());
-  const TimageSpec& s = reader.spec();
+  const TimageInfo& s = reader.spec();
   py::array out = newPicture(s.height, s.width, s.channels(), s.sampleType);
   void* at = out.mutable_data();
   {
@@ -104,7 +104,7 @@ class Psd {
   }
 
   void addLayer(const std::string& name, const py::array& array) {
-    TimageSpec spec = specOf(array, false);
+    TimageInfo spec = specOf(array, false);
     const bool wide = fDoc.fDataFormat == dataFormat16;
     const TsampleType type = wide ? TsampleType::kUint16 : TsampleType::kUint8;
     if (spec.sampleType != type)

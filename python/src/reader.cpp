@@ -35,7 +35,7 @@ class Reader {
     if (!ok) throw Failure(fReader.error());
   }
 
-  const TimageSpec& spec() const { return fReader.spec(); }
+  const TimageInfo& spec() const { return fReader.spec(); }
 
   void seek(int frame) {
     bool ok;
@@ -47,7 +47,7 @@ class Reader {
   }
 
   py::array rows(int32_t y0, int32_t y1, bool premultiplied) {
-    const TimageSpec& s = spec();
+    const TimageInfo& s = spec();
     if (y0 < 0 || y1 > s.height || y0 > y1)
       throw py::index_error("rows " + std::to_string(y0) + " to " + std::to_string(y1) + " lie outside the picture");
     py::array out = newPicture(y1 - y0, s.width, s.channels(), s.sampleType);
@@ -63,7 +63,7 @@ class Reader {
   }
 
   py::array region(int32_t x0, int32_t y0, int32_t x1, int32_t y1, bool premultiplied) {
-    const TimageSpec& s = spec();
+    const TimageInfo& s = spec();
     if (x0 < 0 || y0 < 0 || x1 > s.width || y1 > s.height || x0 > x1 || y0 > y1)
       throw py::index_error("the region lies outside the picture");
     py::array out = newPicture(y1 - y0, x1 - x0, s.channels(), s.sampleType);
@@ -79,7 +79,7 @@ class Reader {
   }
 
   py::array depth() {
-    const TimageSpec& s = spec();
+    const TimageInfo& s = spec();
     if (!s.depth) throw Failure(fReader.name() + ": the picture has no depth");
     py::array_t<float> out({s.height, s.width});
     float* z = out.mutable_data();

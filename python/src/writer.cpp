@@ -19,7 +19,7 @@ TwriteOptions optionsOf(const py::dict& options) {
 class Writer {
  public:
   // A null path writes into memory; close() then gives the bytes.
-  Writer(const py::object& path, const TimageSpec& spec, const std::string& format, const py::dict& options)
+  Writer(const py::object& path, const TimageInfo& spec, const std::string& format, const py::dict& options)
       : fSpec(spec), fMemory(path.is_none()) {
     TwriteOptions o = optionsOf(options);
     bool ok;
@@ -36,7 +36,7 @@ class Writer {
   }
 
   void rows(int32_t y0, const py::array& array, const py::object& depth) {
-    TimageSpec given = specOf(array, fSpec.association == Tassociation::kPremultiplied);
+    TimageInfo given = specOf(array, fSpec.association == Tassociation::kPremultiplied);
     if (given.width != fSpec.width || given.channels() != fSpec.channels())
       throw py::value_error("the rows are " + std::to_string(given.width) + " wide with " +
                             std::to_string(given.channels()) + " channels; the picture's " +
@@ -60,7 +60,7 @@ class Writer {
     if (!ok) throw Failure(fWriter.error());
   }
 
-  void nextFrame(const TimageSpec& spec) {
+  void nextFrame(const TimageInfo& spec) {
     fSpec = spec;
     if (!fWriter.nextFrame(spec)) throw Failure(fWriter.error());
   }
@@ -77,17 +77,17 @@ class Writer {
   }
 
   TimageWriter fWriter;
-  TimageSpec fSpec;
+  TimageInfo fSpec;
 
  private:
   bool fMemory;
   std::vector<uint8_t> fBytes;
 };
 
-TimageSpec pictureSpec(int32_t width, int32_t height, int channels, const py::object& dtype, bool premultiplied,
+TimageInfo pictureSpec(int32_t width, int32_t height, int channels, const py::object& dtype, bool premultiplied,
                        bool depth) {
   if (channels < 1 || channels > 4) throw py::value_error("a picture has 1 to 4 channels");
-  TimageSpec spec;
+  TimageInfo spec;
   spec.width = width;
   spec.height = height;
   spec.colorChannels = channels >= 3 ? 3 : 1;
@@ -107,7 +107,7 @@ void bindWriter(py::module_& m) {
                      "not at all, or (path None) into bytes that close() gives.")
       .def(py::init([](const py::object& path, int32_t width, int32_t height, int channels, const py::object& dtype,
                        const std::string& format, bool premultiplied, bool depth, double dpi, const py::dict& options) {
-             TimageSpec spec = pictureSpec(width, height, channels, dtype, premultiplied, depth);
+             TimageInfo spec = pictureSpec(width, height, channels, dtype, premultiplied, depth);
              spec.dpi = dpi;
              return std::make_unique<Writer>(path, spec, format, options);
            }),

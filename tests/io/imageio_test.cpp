@@ -21,8 +21,8 @@ namespace {
 
 constexpr int kW = 37, kH = 23;
 
-TimageSpec specOf(int channels, bool alpha, TsampleType type) {
-  TimageSpec s;
+TimageInfo specOf(int channels, bool alpha, TsampleType type) {
+  TimageInfo s;
   s.width = kW;
   s.height = kH;
   s.colorChannels = channels;
@@ -33,7 +33,7 @@ TimageSpec specOf(int channels, bool alpha, TsampleType type) {
 }
 
 // 16-bit samples with every bit used; alpha opaque unless `seeThrough`.
-std::vector<uint16_t> pattern(const TimageSpec& s, bool seeThrough = false) {
+std::vector<uint16_t> pattern(const TimageInfo& s, bool seeThrough = false) {
   std::vector<uint16_t> px(size_t(s.width) * size_t(s.height) * size_t(s.channels()));
   for (size_t i = 0; i < px.size(); ++i) {
     size_t pixel = i / size_t(s.channels());
@@ -57,7 +57,7 @@ std::vector<uint8_t> readAll(TimageReader& r, TsampleType type, Tassociation a =
   return px;
 }
 
-bool write(const std::string& path, const TimageSpec& spec, const void* px, TsampleType type,
+bool write(const std::string& path, const TimageInfo& spec, const void* px, TsampleType type,
            const TwriteOptions& options = {}, std::string* error = nullptr) {
   TimageWriter w;
   bool ok = w.create(path, spec, options) && w.writeImage(px, type) && w.close();
@@ -84,7 +84,7 @@ TEST_P(EveryFormat, EightBitsComeBack) {
   TempDir dir;
   TformatInfo info;
   ASSERT_TRUE(TformatCatalogue::find(c.key, info));
-  TimageSpec spec = specOf(3, info.alpha, TsampleType::kUint8);
+  TimageInfo spec = specOf(3, info.alpha, TsampleType::kUint8);
   std::vector<uint8_t> px = to8(pattern(spec));
   std::string path = dir.file(std::string("p.") + c.extension), error;
   ASSERT_TRUE(write(path, spec, px.data(), TsampleType::kUint8, {}, &error)) << error;
@@ -117,7 +117,7 @@ TEST_P(EveryFormat, WrittenToMemoryAsToAFile) {
   const Case& c = GetParam();
   TformatInfo info;
   ASSERT_TRUE(TformatCatalogue::find(c.key, info));
-  TimageSpec spec = specOf(3, false, TsampleType::kUint8);
+  TimageInfo spec = specOf(3, false, TsampleType::kUint8);
   std::vector<uint8_t> px = to8(pattern(spec));
   std::vector<uint8_t> bytes;
   TimageWriter w;
@@ -157,7 +157,7 @@ TEST_P(WideFormats, SamplesComeBackExactly) {
   TempDir dir;
   TformatInfo info;
   ASSERT_TRUE(TformatCatalogue::find(c.key, info));
-  TimageSpec spec = specOf(c.colorChannels, info.alpha, c.type);
+  TimageInfo spec = specOf(c.colorChannels, info.alpha, c.type);
   std::vector<uint16_t> wide = pattern(spec);
   std::vector<uint8_t> px(spec.rowBytes(c.type) * kH);
   std::vector<float> f(wide.size());
@@ -196,7 +196,7 @@ std::vector<float> floats(const std::vector<uint16_t>& px) {
 // Halves: the writer rounds the caller's floats, and the file says it holds halves.
 TEST(ImageIO, HalvesThroughOpenExr) {
   TempDir dir;
-  TimageSpec spec = specOf(3, true, TsampleType::kHalf);
+  TimageInfo spec = specOf(3, true, TsampleType::kHalf);
   std::vector<float> px = floats(pattern(spec, true));
   px[0] = 3.5f;  // past 1, as renderers write light
   TimageWriter w;
@@ -216,7 +216,7 @@ TEST(ImageIO, HalvesThroughOpenExr) {
 // premultiplied, PNG straight; each reads back as it was handed in.
 TEST(ImageIO, AssociationFollowsTheFile) {
   TempDir dir;
-  TimageSpec spec = specOf(3, true, TsampleType::kUint16);
+  TimageInfo spec = specOf(3, true, TsampleType::kUint16);
   std::vector<uint16_t> straight = pattern(spec, true);
   std::vector<uint16_t> premultiplied = straight;
   for (size_t i = 0; i < premultiplied.size(); i += 4)
@@ -247,7 +247,7 @@ TEST(ImageIO, AssociationFollowsTheFile) {
 // Depth goes to the formats that hold it, as IFF keeps it.
 TEST(ImageIO, DepthThroughIffAndOpenExr) {
   TempDir dir;
-  TimageSpec spec = specOf(3, true, TsampleType::kUint8);
+  TimageInfo spec = specOf(3, true, TsampleType::kUint8);
   spec.depth = true;
   std::vector<uint8_t> px = to8(pattern(spec));
   std::vector<float> z(size_t(kW) * kH);
@@ -277,7 +277,7 @@ TEST(ImageIO, DepthThroughIffAndOpenExr) {
 // Regions and rows in any order are the whole picture's.
 TEST(ImageIO, RegionsAndRowsInAnyOrder) {
   TempDir dir;
-  TimageSpec spec = specOf(3, true, TsampleType::kUint8);
+  TimageInfo spec = specOf(3, true, TsampleType::kUint8);
   std::vector<uint8_t> px = to8(pattern(spec));
   for (const char* name : {"r.iff", "r.png", "r.psd", "r.sgi"}) {
     SCOPED_TRACE(name);
@@ -305,7 +305,7 @@ TEST(ImageIO, FramesComeBackInTurn) {
   TempDir dir;
   for (const char* name : {"f.tif", "f.psd", "f.gif"}) {
     SCOPED_TRACE(name);
-    TimageSpec first = specOf(3, false, TsampleType::kUint8), second = first;
+    TimageInfo first = specOf(3, false, TsampleType::kUint8), second = first;
     second.width = 11;
     second.height = 9;
     if (std::string(name) != "f.tif") second = first;  // layers and GIF frames take the first's size
@@ -333,7 +333,7 @@ TEST(ImageIO, FramesComeBackInTurn) {
 // Options are the format's own, within their ranges; a refusal writes nothing.
 TEST(ImageIO, OptionsAreCheckedBeforeAnythingIsWritten) {
   TempDir dir;
-  TimageSpec spec = specOf(3, false, TsampleType::kUint8);
+  TimageInfo spec = specOf(3, false, TsampleType::kUint8);
   std::vector<uint8_t> px = to8(pattern(spec));
   TwriteOptions quality;
   quality.set("Quality", 101);
@@ -356,7 +356,7 @@ TEST(ImageIO, OptionsAreCheckedBeforeAnythingIsWritten) {
 // close, or short of rows leaves what was at its target.
 TEST(ImageIO, AFileIsWholeOrAsItWas) {
   TempDir dir;
-  TimageSpec spec = specOf(3, true, TsampleType::kUint8);
+  TimageInfo spec = specOf(3, true, TsampleType::kUint8);
   std::vector<uint8_t> px = to8(pattern(spec));
   std::string path = dir.file("k.png");
   writeBytes(path, {'o', 'l', 'd'});
@@ -377,7 +377,7 @@ TEST(ImageIO, AFileIsWholeOrAsItWas) {
 // Bytes cut short, or changed, are an error naming the bytes: never a
 // crash, never a picture made up.
 TEST(ImageIO, DamagedBytesAreRefusedByName) {
-  TimageSpec spec = specOf(3, true, TsampleType::kUint8);
+  TimageInfo spec = specOf(3, true, TsampleType::kUint8);
   std::vector<uint8_t> px = to8(pattern(spec));
   for (const TformatInfo& f : TformatCatalogue::formats()) {
     if (!f.canWrite) continue;
@@ -411,7 +411,7 @@ namespace {
 // Samples change kind by one rule: integers scale, rounded; floats are 0 to 1.
 TEST(ImageIO, SamplesConvertByOneRule) {
   TempDir dir;
-  TimageSpec spec = specOf(3, false, TsampleType::kUint16);
+  TimageInfo spec = specOf(3, false, TsampleType::kUint16);
   std::vector<uint16_t> wide = pattern(spec);
   ASSERT_TRUE(write(dir.file("c.png"), spec, wide.data(), TsampleType::kUint16));
   TimageReader r;
@@ -422,7 +422,7 @@ TEST(ImageIO, SamplesConvertByOneRule) {
   std::vector<float> expected = floats(wide);
   for (size_t i = 0; i < f.size(); ++i) ASSERT_NEAR(f[i], expected[i], 1e-7f) << i;
   // Floats past 1 or below 0 clamp on their way to integers.
-  TimageSpec bright = specOf(1, false, TsampleType::kFloat);
+  TimageInfo bright = specOf(1, false, TsampleType::kFloat);
   std::vector<float> light(size_t(kW) * kH, 2.5f);
   light[1] = -1.0f;
   light[2] = 0.5f;
@@ -443,7 +443,7 @@ namespace {
 // bytes are those of one thread reading and writing in turn.
 TEST(ImageIO, ConversionBytesAreTheSameAtAnyThreadCount) {
   TempDir dir;
-  TimageSpec spec = specOf(3, true, TsampleType::kUint16);
+  TimageInfo spec = specOf(3, true, TsampleType::kUint16);
   spec.width = 700;
   spec.height = 1700;  // several bands
   std::vector<uint16_t> px(size_t(spec.width) * size_t(spec.height) * 4);

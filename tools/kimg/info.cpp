@@ -28,7 +28,7 @@ std::string valueText(const std::string& v) {
   return (v.size() > 32 ? hex + "..." : hex) + " (" + std::to_string(v.size()) + " bytes)";
 }
 
-std::string samplesText(const TimageSpec& s) {
+std::string samplesText(const TimageInfo& s) {
   const char* kind =
       TsampleIsFloat(s.sampleType) ? (s.sampleType == TsampleType::kHalf ? "halves" : "floats") : "integers";
   size_t bytes = TsampleBytes(s.sampleType);
@@ -36,7 +36,7 @@ std::string samplesText(const TimageSpec& s) {
          " a channel";
 }
 
-std::string channelsText(const TimageSpec& s) {
+std::string channelsText(const TimageInfo& s) {
   std::string text = s.colorChannels == 3 ? "RGB" : "Y";
   if (s.alpha) text += "A";
   if (s.depth) text += ", depth";
@@ -45,7 +45,7 @@ std::string channelsText(const TimageSpec& s) {
 
 // The first frame's description whole; later frames by their size and kind.
 void printSpec(const TimageReader& r, int frame) {
-  const TimageSpec& s = r.spec();
+  const TimageInfo& s = r.spec();
   if (frame > 0) {
     std::printf("  frame %-6d %d x %d, %s, %s\n", frame, s.width, s.height, channelsText(s).c_str(),
                 samplesText(s).c_str());
@@ -84,7 +84,7 @@ struct Stat {
 // Minimum, maximum and mean of each channel, in the file's own samples
 // (integers as they are stored, halves and floats as numbers).
 int printStats(TimageReader& r, const std::string& name, const std::string& path) {
-  const TimageSpec& s = r.spec();
+  const TimageInfo& s = r.spec();
   const bool floats = TsampleIsFloat(s.sampleType);
   const TsampleType type = floats ? TsampleType::kFloat : s.sampleType;
   const int channels = s.channels();

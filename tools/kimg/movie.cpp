@@ -32,7 +32,7 @@ int readPicture(const std::string& name, Picture& picture) {
   if (!input.error().empty()) return fail(name, input.error());
   TimageReader reader;
   if (!reader.open(input.path())) return failFrom(name, input.path(), reader.error());
-  const TimageSpec& spec = reader.spec();
+  const TimageInfo& spec = reader.spec();
   std::vector<uint8_t> rgb(spec.rowBytes(TsampleType::kUint8) * size_t(spec.height));
   if (!reader.readImage(rgb.data(), TsampleType::kUint8)) return failFrom(name, input.path(), reader.error());
   picture.width = spec.width;
@@ -151,7 +151,7 @@ int writeFrame(const TpixelMap& map, const std::string& name) {
   if (!outputFormat(name, "", format, why)) return fail(name, why);
   Output out(name, Output::kLibrary);  // the library writes the file whole itself
   if (!out.error().empty()) return fail(name, out.error());
-  TimageSpec spec;
+  TimageInfo spec;
   spec.width = map.width();
   spec.height = map.height();
   std::vector<uint8_t> rgb(spec.rowBytes(TsampleType::kUint8) * size_t(spec.height));

@@ -39,7 +39,7 @@ std::unique_ptr<TrgbaData> pictureOf(const std::string& name, TdataFormat format
     why = input.error().empty() ? reader.error() : input.error();
     return nullptr;
   }
-  const TimageSpec& spec = reader.spec();
+  const TimageInfo& spec = reader.spec();
   const bool wide = format == dataFormat16;
   const TsampleType type = wide ? TsampleType::kUint16 : TsampleType::kUint8;
   std::vector<uint8_t> rows(spec.rowBytes(type) * size_t(spec.height));

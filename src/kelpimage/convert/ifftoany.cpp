@@ -319,7 +319,7 @@ int throughWriter(const char* input, const char* output, const char* key) {
     return -1;
   }
   ConversionOutput& record = conversionOutput(output);
-  TimageSpec spec = in.spec();
+  TimageInfo spec = in.spec();
   spec.depth = false;
   bool adding = record.writer != nullptr;
   if (!adding) record.writer = std::make_unique<TimageWriter>();
@@ -329,7 +329,7 @@ int throughWriter(const char* input, const char* output, const char* key) {
     abandonOutput(record);
     return -1;
   }
-  const TimageSpec& file = out.spec();
+  const TimageInfo& file = out.spec();
   const Tassociation asIs = file.alpha ? file.association : Tassociation::kStraight;
   std::vector<uint8_t> rows(in.spec().rowBytes(file.sampleType) * size_t(in.spec().height));
   if (!in.readImage(rows.data(), file.sampleType, 0, asIs)) {

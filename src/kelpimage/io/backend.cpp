@@ -2,13 +2,13 @@
 
 namespace kelpio {
 
-bool ReaderBackend::seekFrame(int frame, TimageSpec&, std::string& why) {
+bool ReaderBackend::seekFrame(int frame, TimageInfo&, std::string& why) {
   if (frame == 0) return true;
   why = "holds one picture";
   return false;
 }
 
-bool WriterBackend::nextFrame(const TimageSpec&, std::string& why) {
+bool WriterBackend::nextFrame(const TimageInfo&, std::string& why) {
   why = "the format holds one picture";
   return false;
 }

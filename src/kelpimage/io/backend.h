@@ -7,8 +7,8 @@
 
 #include "kelpimage/base/tstream.h"
 #include "kelpimage/io/tformatcatalogue.h"
+#include "kelpimage/io/timageinfo.h"
 #include "kelpimage/io/timagereader.h"
-#include "kelpimage/io/timagespec.h"
 #include "kelpimage/io/timagewriter.h"
 
 namespace kelpio {
@@ -20,8 +20,8 @@ class ReaderBackend {
  public:
   virtual ~ReaderBackend() = default;
   // Reads the header: nothing the size of the picture is decoded or made.
-  virtual bool open(TinputStream& in, const TreadOptions& options, TimageSpec& spec, std::string& why) = 0;
-  virtual bool seekFrame(int frame, TimageSpec& spec, std::string& why);
+  virtual bool open(TinputStream& in, const TreadOptions& options, TimageInfo& spec, std::string& why) = 0;
+  virtual bool seekFrame(int frame, TimageInfo& spec, std::string& why);
   // Rows y0 to y0 + count - 1, each `rowBytes` apart.
   virtual bool readRows(int32_t y0, int32_t count, uint8_t* pixels, size_t rowBytes, float* depth, size_t depthStride,
                         std::string& why) = 0;
@@ -31,14 +31,14 @@ class ReaderBackend {
 };
 
 // Writes one file: rows from the top down, interleaved colour then alpha in
-// the spec's sample type and association; depth as floats.
+// the description's sample type and association; depth as floats.
 class WriterBackend {
  public:
   virtual ~WriterBackend() = default;
-  virtual bool open(ToutputStream& out, const TimageSpec& spec, const TwriteOptions& options, std::string& why) = 0;
+  virtual bool open(ToutputStream& out, const TimageInfo& spec, const TwriteOptions& options, std::string& why) = 0;
   virtual bool writeRows(int32_t y0, int32_t count, const uint8_t* pixels, size_t rowBytes, const float* depth,
                          size_t depthStride, std::string& why) = 0;
-  virtual bool nextFrame(const TimageSpec& spec, std::string& why);
+  virtual bool nextFrame(const TimageInfo& spec, std::string& why);
   // Ends the file; the stream is finished by the caller.
   virtual bool close(std::string& why) = 0;
 };

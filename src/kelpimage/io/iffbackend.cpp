@@ -46,7 +46,7 @@ class IffReader : public ReaderBackend {
  public:
   ~IffReader() override { shut(); }
 
-  bool open(TinputStream& in, const TreadOptions&, TimageSpec& spec, std::string& why) override {
+  bool open(TinputStream& in, const TreadOptions&, TimageInfo& spec, std::string& why) override {
     fPath = in.path();
     if (fPath.empty()) return why = in.error(), false;
     int frames = 0;
@@ -60,7 +60,7 @@ class IffReader : public ReaderBackend {
     return true;
   }
 
-  bool seekFrame(int frame, TimageSpec& spec, std::string& why) override {
+  bool seekFrame(int frame, TimageInfo& spec, std::string& why) override {
     if (!openImage(frame, spec, why)) return false;
     spec.frames = fFrames;
     return true;
@@ -85,7 +85,7 @@ class IffReader : public ReaderBackend {
     fImage = nullptr;
   }
 
-  bool openImage(int frame, TimageSpec& spec, std::string& why) {
+  bool openImage(int frame, TimageInfo& spec, std::string& why) {
     shut();
     fImage = ILopen(fPath.c_str(), "r");
     if (!fImage) return why = FLstrerror(flerrno), false;
@@ -102,7 +102,7 @@ class IffReader : public ReaderBackend {
     fBytes = fImage->bytes == 2 ? 2 : 1;
     if (fBytes == 2 && ILsetbpp(fImage, 2) != 0) return why = FLstrerror(flerrno), false;
     ILctrl(fImage, ILC_TOPDOWN, 1);
-    spec = TimageSpec();
+    spec = TimageInfo();
     spec.width = int32_t(fImage->width);
     spec.height = int32_t(fImage->height);
     fColour = fImage->type & ILT_COLOR;
@@ -173,7 +173,7 @@ class IffReader : public ReaderBackend {
 
   std::string fPath;
   ILimage* fImage = nullptr;
-  TimageSpec fSpec;
+  TimageInfo fSpec;
   int fBytes = 1, fFrames = 1;
   bool fColour = true, fDepth = false;
   std::vector<uint8_t> fLine;
@@ -186,7 +186,7 @@ class IffWriter : public WriterBackend {
     if (fImage) ILclose(fImage);
   }
 
-  bool open(ToutputStream& out, const TimageSpec& spec, const TwriteOptions& options, std::string& why) override {
+  bool open(ToutputStream& out, const TimageInfo& spec, const TwriteOptions& options, std::string& why) override {
     const std::string& path = out.path();
     if (path.empty()) return why = out.error(), false;
     fImage = ILopen(path.c_str(), "w");
@@ -215,7 +215,7 @@ class IffWriter : public WriterBackend {
     return true;
   }
 
-  bool nextFrame(const TimageSpec& spec, std::string& why) override {
+  bool nextFrame(const TimageInfo& spec, std::string& why) override {
     if (!flushHeld(why)) return false;
     if (int rc = ILnext(fImage)) return why = FLstrerror(rc), false;
     return start(spec, why);
@@ -230,7 +230,7 @@ class IffWriter : public WriterBackend {
   }
 
  private:
-  bool start(const TimageSpec& spec, std::string& why) {
+  bool start(const TimageInfo& spec, std::string& why) {
     fSpec = spec;
     fBytes = spec.sampleType == TsampleType::kUint16 ? 2 : 1;
     fTopDown = fOptions.get("Top Down", 1) != 0;
@@ -264,8 +264,8 @@ class IffWriter : public WriterBackend {
     return true;
   }
 
-  // The option's, else the one the spec names (a copy keeps its file's), else RLE.
-  uint32_t compressionFor(const TimageSpec& spec) const {
+  // The option's, else the one the description names (a copy keeps its file's), else RLE.
+  uint32_t compressionFor(const TimageInfo& spec) const {
     static const char* const kNames[] = {"none", "rle", "qrl", "qr4"};
     uint32_t chosen = 1;
     for (uint32_t n = 0; n < 4; ++n)
@@ -307,7 +307,7 @@ class IffWriter : public WriterBackend {
 
   ILimage* fImage = nullptr;
   TwriteOptions fOptions;
-  TimageSpec fSpec;
+  TimageInfo fSpec;
   int fBytes = 1;
   bool fTopDown = false;
   std::vector<uint8_t> fLine, fHeld;

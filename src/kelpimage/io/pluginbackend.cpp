@@ -34,7 +34,7 @@ class PluginReader : public ReaderBackend {
     if (fHandle) PXF_close(fHandle);
   }
 
-  bool open(TinputStream& in, const TreadOptions& options, TimageSpec& spec, std::string& why) override {
+  bool open(TinputStream& in, const TreadOptions& options, TimageInfo& spec, std::string& why) override {
     if (!fFormat) return why = "its plug-in is not loaded", false;
     fStream = pxfReading(in);
     PxfImageData wanted;
@@ -45,7 +45,7 @@ class PluginReader : public ReaderBackend {
     return describe(spec, why);
   }
 
-  bool seekFrame(int frame, TimageSpec& spec, std::string& why) override {
+  bool seekFrame(int frame, TimageInfo& spec, std::string& why) override {
     if (PXF_set_frame(fHandle, frame) != frame) return why = lastError("has no such frame"), false;
     fHeld.clear();
     fNext = 0;
@@ -63,9 +63,9 @@ class PluginReader : public ReaderBackend {
   }
 
  private:
-  bool describe(TimageSpec& spec, std::string& why) {
+  bool describe(TimageInfo& spec, std::string& why) {
     const PxfImageData& im = *fHandle->image;
-    spec = TimageSpec();
+    spec = TimageInfo();
     spec.width = im.width();
     spec.height = im.height();
     spec.colorChannels = im.colorChannels >= 3 ? 3 : 1;
@@ -166,7 +166,7 @@ class PluginReader : public ReaderBackend {
   PxfFormat* fFormat;
   PxfStream fStream{};
   PxfHandle* fHandle = nullptr;
-  TimageSpec fSpec;
+  TimageInfo fSpec;
   TsampleType fType = TsampleType::kUint8;
   int fSampleBytes = 1;
   bool fFromTop = true;
@@ -186,7 +186,7 @@ class PluginWriter : public WriterBackend {
     if (fLut) PXF_lut_free(fLut);
   }
 
-  bool open(ToutputStream& out, const TimageSpec& spec, const TwriteOptions& options, std::string& why) override {
+  bool open(ToutputStream& out, const TimageInfo& spec, const TwriteOptions& options, std::string& why) override {
     if (!fFormat) return why = "its plug-in is not loaded", false;
     fStream = pxfWriting(out);
     // A format of several kinds of file (PPM, PGM, PAM) writes the one its name asks for.
@@ -246,7 +246,7 @@ class PluginWriter : public WriterBackend {
     return true;
   }
 
-  bool nextFrame(const TimageSpec& spec, std::string& why) override {
+  bool nextFrame(const TimageInfo& spec, std::string& why) override {
     if (!flush(why)) return false;
     *fHandle->image = recordFor(spec);
     const int32_t next = fHandle->frame + 1;
@@ -264,7 +264,7 @@ class PluginWriter : public WriterBackend {
   }
 
  private:
-  PxfImageData recordFor(const TimageSpec& spec) const {
+  PxfImageData recordFor(const TimageInfo& spec) const {
     PxfImageData image;
     image.windowRight = image.window2[1] = spec.width - 1;
     image.windowTop = image.window2[3] = spec.height - 1;
@@ -298,7 +298,7 @@ class PluginWriter : public WriterBackend {
     return image;
   }
 
-  bool start(const TimageSpec& spec) {
+  bool start(const TimageInfo& spec) {
     fSpec = spec;
     // Halves go to the plug-in as floats.
     fSendType = spec.sampleType == TsampleType::kHalf ? TsampleType::kFloat : spec.sampleType;
@@ -417,7 +417,7 @@ class PluginWriter : public WriterBackend {
   std::vector<PxfCapSetting*> fSettings;
   PxfLut* fLut = nullptr;
   std::string fVariant;
-  TimageSpec fSpec;
+  TimageInfo fSpec;
   TsampleType fSendType = TsampleType::kUint8;
   size_t fRowBytes = 0;
   bool fFromTop = true;

@@ -26,7 +26,7 @@ std::vector<TpsdLayer*> ordinaryLayers(TpsdFile& doc) {
 
 class PsdReader : public ReaderBackend {
  public:
-  bool open(TinputStream& in, const TreadOptions& options, TimageSpec& spec, std::string& why) override {
+  bool open(TinputStream& in, const TreadOptions& options, TimageInfo& spec, std::string& why) override {
     const std::string& path = in.path();
     if (path.empty()) return why = in.error(), false;
     fOptions = options;
@@ -38,12 +38,12 @@ class PsdReader : public ReaderBackend {
     return seekFrame(0, spec, why);
   }
 
-  bool seekFrame(int frame, TimageSpec& spec, std::string& why) override {
+  bool seekFrame(int frame, TimageInfo& spec, std::string& why) override {
     fPixels = nullptr;
     fOwned.reset();
     fGrey = -1;
     if (!choose(frame, why)) return false;
-    spec = TimageSpec();
+    spec = TimageInfo();
     spec.width = fWidth;
     spec.height = fHeight;
     spec.colorChannels = fGrey >= 0 ? 1 : 3;
@@ -134,7 +134,7 @@ class PsdReader : public ReaderBackend {
 
   TpsdFile fDoc;
   TreadOptions fOptions;
-  TimageSpec fSpec;
+  TimageInfo fSpec;
   int fFrames = 1;
   TpixelData16* fPixels = nullptr;
   std::unique_ptr<TrgbaData> fOwned;
@@ -144,7 +144,7 @@ class PsdReader : public ReaderBackend {
 
 class PsdWriter : public WriterBackend {
  public:
-  bool open(ToutputStream& out, const TimageSpec& spec, const TwriteOptions&, std::string& why) override {
+  bool open(ToutputStream& out, const TimageInfo& spec, const TwriteOptions&, std::string& why) override {
     fPath = out.path();
     if (fPath.empty()) return why = out.error(), false;
     return nextFrame(spec, why);
@@ -170,7 +170,7 @@ class PsdWriter : public WriterBackend {
     return true;
   }
 
-  bool nextFrame(const TimageSpec& spec, std::string&) override {
+  bool nextFrame(const TimageInfo& spec, std::string&) override {
     Frame f;
     f.spec = spec;
     TdataFormat format = spec.sampleType == TsampleType::kUint16 ? dataFormat16 : dataFormat8;
@@ -183,7 +183,7 @@ class PsdWriter : public WriterBackend {
   }
 
   bool close(std::string& why) override {
-    const TimageSpec& first = fFrames.front().spec;
+    const TimageInfo& first = fFrames.front().spec;
     TpsdFile doc;
     doc.fDepth = first.sampleType == TsampleType::kUint16 ? 16 : 8;
     unsigned short w = uint16_t(first.width), h = uint16_t(first.height);
@@ -208,7 +208,7 @@ class PsdWriter : public WriterBackend {
 
  private:
   struct Frame {
-    TimageSpec spec;
+    TimageInfo spec;
     TpixelData16* pixels = nullptr;  // owned by `image`
     std::unique_ptr<TrgbaData> image;
   };

@@ -114,7 +114,7 @@ bool Resampler::start(TimageReader& reader, int32_t width, int32_t height, const
   return start(reader.spec(), rows, width, height, filter, blurX, blurY, why);
 }
 
-bool Resampler::start(const TimageSpec& source, Rows rows, int32_t width, int32_t height, const std::string& filter,
+bool Resampler::start(const TimageInfo& source, Rows rows, int32_t width, int32_t height, const std::string& filter,
                       float blurX, float blurY, std::string& why) {
   fSpec = source;
   fRows = std::move(rows);

@@ -29,7 +29,7 @@ class Resampler {
 
   // Binds a source; false, with the reason, when the filter is unknown or
   // the sizes cannot be zoomed.
-  bool start(const TimageSpec& source, Rows rows, int32_t width, int32_t height, const std::string& filter, float blurX,
+  bool start(const TimageInfo& source, Rows rows, int32_t width, int32_t height, const std::string& filter, float blurX,
              float blurY, std::string& why);
   // The current frame of `reader`, decoded a band ahead on a thread of its
   // own when `ahead`.
@@ -43,7 +43,7 @@ class Resampler {
  private:
   static int feed(void* self, uint8_t** color, float** depth);
 
-  TimageSpec fSpec;
+  TimageInfo fSpec;
   Rows fRows;
   std::shared_ptr<RowPrefetch> fPrefetch;  // a reader's rows, decoded ahead
   ILzoom* fZoom = nullptr;

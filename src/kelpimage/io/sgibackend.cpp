@@ -30,13 +30,13 @@ class SgiReader : public ReaderBackend {
     if (fImage) iclose(fImage);
   }
 
-  bool open(TinputStream& in, const TreadOptions&, TimageSpec& spec, std::string& why) override {
+  bool open(TinputStream& in, const TreadOptions&, TimageInfo& spec, std::string& why) override {
     const std::string& path = in.path();
     if (path.empty()) return why = in.error(), false;
     CatchReports reports;
     fImage = iopen(path.c_str(), "r");
     if (!fImage) return why = reports.first("not an SGI picture this library reads"), false;
-    spec = TimageSpec();
+    spec = TimageInfo();
     spec.width = int32_t(fImage->xsize);
     spec.height = int32_t(fImage->ysize);
     unsigned z = fImage->zsize;
@@ -81,7 +81,7 @@ class SgiReader : public ReaderBackend {
 
  private:
   IMAGE* fImage = nullptr;
-  TimageSpec fSpec;
+  TimageInfo fSpec;
   bool fWide = false;
   std::vector<uint16_t> fRow;
 };
@@ -92,12 +92,12 @@ class SgiWriter : public WriterBackend {
     if (fImage) iclose(fImage);
   }
 
-  bool open(ToutputStream& out, const TimageSpec& spec, const TwriteOptions& options, std::string& why) override {
+  bool open(ToutputStream& out, const TimageInfo& spec, const TwriteOptions& options, std::string& why) override {
     const std::string& path = out.path();
     if (path.empty()) return why = out.error(), false;
     fSpec = spec;
     fWide = spec.sampleType == TsampleType::kUint16;
-    // The option, else as the spec says (a copy keeps its file's), else run-length.
+    // The option, else as the description says (a copy keeps its file's), else run-length.
     bool verbatim =
         options.get("Compression", spec.compression == "none" || spec.compression == "verbatim" ? 0 : 1) == 0;
     unsigned type = (verbatim ? SGI_VERBATIM : SGI_RLE) | (fWide ? 2u : 1u);
@@ -136,7 +136,7 @@ class SgiWriter : public WriterBackend {
 
  private:
   IMAGE* fImage = nullptr;
-  TimageSpec fSpec;
+  TimageInfo fSpec;
   bool fWide = false;
   std::vector<uint16_t> fRow;
 };

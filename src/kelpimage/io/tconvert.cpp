@@ -62,8 +62,8 @@ class Conversion {
   }
 
   // What the output is told it is handed.
-  TimageSpec outputSpec() const {
-    TimageSpec spec = fReader.spec();
+  TimageInfo outputSpec() const {
+    TimageInfo spec = fReader.spec();
     // A file's compression carries over only within its own format.
     if (fReader.format().key != fFormat.key) spec.compression.clear();
     if (resizing()) {
@@ -78,7 +78,7 @@ class Conversion {
 
   bool convertFrame(int frame, bool first) {
     if ((frame > 0 || fReader.frame() != frame) && !fReader.seekFrame(frame)) return fail(fReader.error());
-    TimageSpec spec = outputSpec();
+    TimageInfo spec = outputSpec();
     bool started = first ? fWriter.create(fOutput, spec, fOptions.write, fFormat.key) : fWriter.nextFrame(spec);
     if (!started) return fail(fWriter.error());
     note(fWarnings, fWriter.warnings());
@@ -89,8 +89,8 @@ class Conversion {
   // one conversion, in the reader. The next band is read while the last is
   // written, unless the caller asked for one thread.
   bool pump() {
-    const TimageSpec& file = fWriter.spec();
-    const TimageSpec& in = fReader.spec();
+    const TimageInfo& file = fWriter.spec();
+    const TimageInfo& in = fReader.spec();
     const TsampleType type = file.sampleType;
     const Tassociation association = file.alpha ? file.association : Tassociation::kStraight;
     const size_t rowBytes = in.rowBytes(type);
@@ -123,7 +123,7 @@ class Conversion {
     if (!zoom.start(fReader, fOptions.width, fOptions.height, fOptions.filter, fOptions.blurX, fOptions.blurY,
                     fOptions.threads != 1, why))
       return fail(fInput + ": cannot be resized: " + why);
-    TimageSpec spec = outputSpec();
+    TimageInfo spec = outputSpec();
     std::vector<uint8_t> row(spec.rowBytes(zoom.type()));
     for (int32_t y = 0; y < spec.height; ++y) {
       if (!zoom.next(row.data(), why)) return fail(why.rfind(fInput, 0) == 0 ? why : fInput + ": " + why);

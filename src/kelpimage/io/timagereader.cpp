@@ -57,7 +57,7 @@ void TimageReader::close() {
   fBackend.reset();
   fOwned.reset();
   fStream = nullptr;
-  fSpec = TimageSpec();
+  fSpec = TimageInfo();
   fFrame = 0;
   fNext = 0;
 }

@@ -12,7 +12,7 @@
 
 #include "kelpimage/base/tstream.h"
 #include "kelpimage/io/tformatcatalogue.h"
-#include "kelpimage/io/timagespec.h"
+#include "kelpimage/io/timageinfo.h"
 #include "kelpimage/kelpexport.h"
 
 namespace kelpio {
@@ -52,7 +52,7 @@ class KELP_API TimageReader {
   bool isOpen() const { return fBackend != nullptr; }
 
   // What the current frame is.
-  const TimageSpec& spec() const { return fSpec; }
+  const TimageInfo& spec() const { return fSpec; }
   const TformatInfo& format() const { return fFormat; }
   const std::string& name() const { return fName; }
   int frame() const { return fFrame; }
@@ -87,7 +87,7 @@ class KELP_API TimageReader {
   std::unique_ptr<kelpio::ReaderBackend> fBackend;
   TreadOptions fOptions;
   TformatInfo fFormat;
-  TimageSpec fSpec;
+  TimageInfo fSpec;
   std::string fName, fError, fWarnings;
   int fFrame = 0;
   int32_t fNext = 0;  // the row a backend that reads in order gives next

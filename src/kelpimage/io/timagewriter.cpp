@@ -75,7 +75,7 @@ void TimageWriter::abandon() {
   fStream.reset();
 }
 
-bool TimageWriter::create(const std::string& path, const TimageSpec& spec, const TwriteOptions& options,
+bool TimageWriter::create(const std::string& path, const TimageInfo& spec, const TwriteOptions& options,
                           const std::string& key) {
   abandon();
   fName = path;
@@ -89,7 +89,7 @@ bool TimageWriter::create(const std::string& path, const TimageSpec& spec, const
   return start(spec, options);
 }
 
-bool TimageWriter::create(std::unique_ptr<ToutputStream> stream, const std::string& key, const TimageSpec& spec,
+bool TimageWriter::create(std::unique_ptr<ToutputStream> stream, const std::string& key, const TimageInfo& spec,
                           const TwriteOptions& options) {
   abandon();
   fName = stream ? stream->name() : std::string("(no stream)");
@@ -99,7 +99,7 @@ bool TimageWriter::create(std::unique_ptr<ToutputStream> stream, const std::stri
   return start(spec, options);
 }
 
-bool TimageWriter::createMemory(std::vector<uint8_t>& bytes, const std::string& key, const TimageSpec& spec,
+bool TimageWriter::createMemory(std::vector<uint8_t>& bytes, const std::string& key, const TimageInfo& spec,
                                 const TwriteOptions& options) {
   return create(std::make_unique<IntoVector>(bytes), key, spec, options);
 }
@@ -108,8 +108,8 @@ void TimageWriter::warn(const std::string& text) {
   if (fWarnings.find(text) == std::string::npos) fWarnings += (fWarnings.empty() ? "" : "; ") + text;
 }
 
-TimageSpec TimageWriter::fileSpecFor(const TimageSpec& spec) {
-  TimageSpec file = spec;
+TimageInfo TimageWriter::fileSpecFor(const TimageInfo& spec) {
+  TimageInfo file = spec;
   file.sampleType = fFormat.nearestWritten(spec.sampleType);
   if (file.sampleType != spec.sampleType)
     warn(std::string(TsampleName(spec.sampleType)) + " samples are written as " + TsampleName(file.sampleType));
@@ -127,7 +127,7 @@ TimageSpec TimageWriter::fileSpecFor(const TimageSpec& spec) {
   return file;
 }
 
-bool TimageWriter::start(const TimageSpec& spec, const TwriteOptions& options) {
+bool TimageWriter::start(const TimageInfo& spec, const TwriteOptions& options) {
   fError.clear();
   fWarnings.clear();
   if (!fFormat.canWrite) return fail("the " + fFormat.name + " format is not written");
@@ -205,7 +205,7 @@ bool TimageWriter::writeImage(const void* pixels, TsampleType type, ptrdiff_t ro
   return writeRows(0, fSpec.height, pixels, type, rowStride, association, depth);
 }
 
-bool TimageWriter::nextFrame(const TimageSpec& spec) {
+bool TimageWriter::nextFrame(const TimageInfo& spec) {
   if (!fBackend) return fail("no picture is open for writing");
   if (fNext != fSpec.height) return fail("the frame before is not whole");
   if (!fFormat.frames) return fail("the " + fFormat.name + " format holds one picture");

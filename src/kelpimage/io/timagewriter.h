@@ -14,7 +14,7 @@
 
 #include "kelpimage/base/tstream.h"
 #include "kelpimage/io/tformatcatalogue.h"
-#include "kelpimage/io/timagespec.h"
+#include "kelpimage/io/timageinfo.h"
 #include "kelpimage/kelpexport.h"
 
 namespace kelpio {
@@ -42,31 +42,31 @@ class KELP_API TimageWriter {
   // the one the name's extension says. False, with the reason, when the
   // format cannot be written or an option is not one of its own or is out
   // of its range: then nothing is written.
-  bool create(const std::string& path, const TimageSpec& spec, const TwriteOptions& options = {},
+  bool create(const std::string& path, const TimageInfo& spec, const TwriteOptions& options = {},
               const std::string& key = {});
   // To a stream, which the writer keeps and finishes at close().
-  bool create(std::unique_ptr<ToutputStream> stream, const std::string& key, const TimageSpec& spec,
+  bool create(std::unique_ptr<ToutputStream> stream, const std::string& key, const TimageInfo& spec,
               const TwriteOptions& options = {});
   // Into memory: at a close() that succeeds, `bytes` gets the file.
-  bool createMemory(std::vector<uint8_t>& bytes, const std::string& key, const TimageSpec& spec,
+  bool createMemory(std::vector<uint8_t>& bytes, const std::string& key, const TimageInfo& spec,
                     const TwriteOptions& options = {});
   bool isOpen() const { return fBackend != nullptr; }
 
   // What the file gets: the format's nearest sample type, its association,
   // and what it cannot hold left out.
-  const TimageSpec& spec() const { return fFileSpec; }
+  const TimageInfo& spec() const { return fFileSpec; }
   const TformatInfo& format() const { return fFormat; }
 
   // Rows y0 up to y1, from the top down and in order: colour then alpha
-  // interleaved as the create's spec says, samples of `type`, colour in the
-  // given association; depth as floats when the spec has it.
+  // interleaved as the description given to create() says, samples of `type`, colour in the
+  // given association; depth as floats when the description has it.
   bool writeRows(int32_t y0, int32_t y1, const void* pixels, TsampleType type, ptrdiff_t rowStride = 0,
                  Tassociation association = Tassociation::kStraight, const float* depth = nullptr,
                  ptrdiff_t depthStride = 0);
   bool writeImage(const void* pixels, TsampleType type, ptrdiff_t rowStride = 0,
                   Tassociation association = Tassociation::kStraight, const float* depth = nullptr);
   // Ends the frame written, and starts another of this description.
-  bool nextFrame(const TimageSpec& spec);
+  bool nextFrame(const TimageInfo& spec);
   // Writes the file to its end and puts it in place. False, with the
   // reason, when any of it failed: then nothing is left at the target.
   bool close();
@@ -78,15 +78,15 @@ class KELP_API TimageWriter {
   const std::string& warnings() const { return fWarnings; }
 
  private:
-  bool start(const TimageSpec& spec, const TwriteOptions& options);
-  TimageSpec fileSpecFor(const TimageSpec& spec);
+  bool start(const TimageInfo& spec, const TwriteOptions& options);
+  TimageInfo fileSpecFor(const TimageInfo& spec);
   void warn(const std::string& text);
   bool fail(const std::string& why);
 
   std::unique_ptr<ToutputStream> fStream;
   std::unique_ptr<kelpio::WriterBackend> fBackend;
   TformatInfo fFormat;
-  TimageSpec fSpec, fFileSpec;
+  TimageInfo fSpec, fFileSpec;
   std::string fName, fError, fWarnings;
   int32_t fNext = 0;
   std::vector<uint8_t> fRow;

@@ -5,7 +5,7 @@
 #include "kelpimage/io/resample.h"
 #include "kelpimage/io/samples.h"
 
-bool TresizePixels(const void* pixels, const TimageSpec& spec, ptrdiff_t rowStride, void* out, int32_t width,
+bool TresizePixels(const void* pixels, const TimageInfo& spec, ptrdiff_t rowStride, void* out, int32_t width,
                    int32_t height, const TresizeOptions& options, std::string& why) {
   if (spec.width < 1 || spec.height < 1 || width < 1 || height < 1 || width > 65535 || height > 65535)
     return why = "sizes are from 1 to 65535", false;
@@ -21,7 +21,7 @@ bool TresizePixels(const void* pixels, const TimageSpec& spec, ptrdiff_t rowStri
     return true;
   };
   if (!zoom.start(spec, rows, width, height, options.filter, options.blurX, options.blurY, why)) return false;
-  TimageSpec result = spec;
+  TimageInfo result = spec;
   result.width = width;
   result.height = height;
   std::vector<uint8_t> row(result.rowBytes(work));

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "kelpimage/io/timagespec.h"
+#include "kelpimage/io/timageinfo.h"
 #include "kelpimage/kelpexport.h"
 
 struct KELP_API TresizeOptions {
@@ -20,5 +20,5 @@ struct KELP_API TresizeOptions {
 // height, packed, in the same channels, sample type and association. The
 // zoom works at 8 or 16 bits: halves and floats go through 16 bits, clamped
 // to 0 to 1. False, with why, for an unknown filter or a size out of range.
-KELP_API bool TresizePixels(const void* pixels, const TimageSpec& spec, ptrdiff_t rowStride, void* out, int32_t width,
+KELP_API bool TresizePixels(const void* pixels, const TimageInfo& spec, ptrdiff_t rowStride, void* out, int32_t width,
                             int32_t height, const TresizeOptions& options, std::string& why);

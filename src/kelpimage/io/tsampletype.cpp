@@ -1,6 +1,6 @@
 #include "kelpimage/io/tsampletype.h"
 
-#include "kelpimage/io/timagespec.h"
+#include "kelpimage/io/timageinfo.h"
 
 size_t TsampleBytes(TsampleType type) {
   switch (type) {
@@ -24,12 +24,12 @@ const char* TsampleName(TsampleType type) {
 
 bool TsampleIsFloat(TsampleType type) { return type == TsampleType::kHalf || type == TsampleType::kFloat; }
 
-const char* TimageSpec::channelName(int i) const {
+const char* TimageInfo::channelName(int i) const {
   static const char* const colour[] = {"R", "G", "B"};
   if (i < colorChannels) return colorChannels == 1 ? "Y" : colour[i];
   return alpha && i == colorChannels ? "A" : "";
 }
 
-size_t TimageSpec::rowBytes(TsampleType type) const {
+size_t TimageInfo::rowBytes(TsampleType type) const {
   return size_t(width > 0 ? width : 0) * size_t(channels()) * TsampleBytes(type);
 }

@@ -11,7 +11,7 @@
 #include "kelpimage/io/tsampletype.h"
 #include "kelpimage/kelpexport.h"
 
-struct KELP_API TimageSpec {
+struct KELP_API TimageInfo {
   int32_t width = 0, height = 0;
   // Where the pixels lie in the full picture, from its top left; a full
   // size of 0 is the picture's own.
