@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <set>
 #include <stdexcept>
@@ -51,4 +52,25 @@ TEST(TparallelFor, AnExceptionComesHomeOnce) {
       EXPECT_EQ(ran.load(), 6);  // the pieces after it are not started
     }
   }
+}
+
+// The pool's threads come to a loop only as far as its caller asks, and a
+// loop inside a piece finishes though every helper is busy with the outer one.
+TEST(TparallelFor, AtMostTheThreadsAskedAndNoWaitForBusyHelpers) {
+  TparallelFor(8, 4, [](size_t) {});  // the pool has more threads than the loops below ask for
+  for (unsigned threads : {1u, 2u}) {
+    std::set<std::thread::id> seen;
+    std::mutex lock;
+    TparallelFor(2000, threads, [&](size_t) {
+      std::lock_guard<std::mutex> hold(lock);
+      seen.insert(std::this_thread::get_id());
+    });
+    EXPECT_LE(seen.size(), threads);
+  }
+  std::atomic<int> inner{0};
+  TparallelFor(2, 2, [&](size_t piece) {
+    if (piece == 0) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    TparallelFor(100, 2, [&](size_t) { ++inner; });
+  });
+  EXPECT_EQ(inner.load(), 200);
 }
