@@ -302,3 +302,104 @@ TEST(ILzoom, FilterProgramsInTheWorkArea) {
   EXPECT_EQ(resampleRow("broken", {0, 100, 200, 40}, 2), (std::vector<int>{50, 120}));
   unsetenv("KELP_WORK");
 }
+
+namespace {
+// Every line of a zoom of `src` (a fresh copy each time), on `threads`;
+// colour and depth as asked. Stops at the first failure and gives its code.
+struct Zoomed {
+  std::vector<uint8_t> color;
+  std::vector<float> depth;
+  int code = 0;
+  int lines = 0;
+};
+Zoomed zoomAll(const char* filter, Source src, int mode, int rw, int rh, uint32_t threads, bool color, bool depth,
+               float blur = 0.0f) {
+  Zoomed z;
+  ILzoom* zoom = ILnewzoom(filter);
+  ILsetzoomblur(zoom, blur, blur);
+  ILsetzoomthreads(zoom, threads);
+  int binds = 2;  // a second bind with the same sizes rewinds, and must give the same again
+  for (int bind = 0; bind < binds; ++bind) {
+    src.row = 0;
+    z = Zoomed();
+    ILbindzoom(zoom, &src, sourceLine, mode, rw, rh, src.width, src.rows);
+    size_t lineBytes = size_t(rw) * ((mode & 2) ? 8 : 4);
+    z.color.assign(color ? lineBytes * size_t(rh) : 0, 0);
+    z.depth.assign(depth ? size_t(rw) * size_t(rh) : 0, 0.0f);
+    for (int y = 0; y < rh; ++y) {
+      z.code = ILreadzoom(zoom, color ? &z.color[size_t(y) * lineBytes] : nullptr,
+                          depth ? &z.depth[size_t(y) * size_t(rw)] : nullptr);
+      if (z.code) break;
+      z.lines++;
+    }
+  }
+  ILdelzoom(zoom);
+  return z;
+}
+}  // namespace
+
+// A zoom made a batch of lines at a time on several threads gives the bytes
+// of the one made a line at a time, for every filter, size change and mode.
+TEST(ILzoom, SeveralThreadsGiveTheSameLines) {
+  const int sw = 173, sh = 131;
+  std::vector<uint8_t> px(size_t(sw) * sh * 8);
+  for (size_t i = 0; i < px.size(); ++i) px[i] = uint8_t((i * 2654435761u) >> 13 ^ (i / 700));
+  std::vector<float> z(size_t(sw) * sh);
+  for (size_t i = 0; i < z.size(); ++i) z[i] = -1.0f / float(1 + (i * 7) % 501);
+  struct Case {
+    int rw, rh, mode;
+    float blur;
+  };
+  const Case cases[] = {{61, 37, 0, 0.0f},  {400, 290, 0, 0.0f}, {173, 50, 0, 0.0f}, {61, 300, 3, 0.0f},
+                        {90, 70, 1, 30.0f}, {88, 66, 2, 0.0f},   {17, 5, 0, 300.0f}, {1, 1, 0, 0.0f}};
+  for (int f = 0; const char* filter = ILbuiltinfilter(f); ++f)
+    for (const Case& c : cases) {
+      SCOPED_TRACE(testing::Message() << filter << " to " << c.rw << "x" << c.rh << " mode " << c.mode);
+      Source src{px.data(), z.data(), sw, (c.mode & 1) ? 8 : 4, 0, sh};
+      Zoomed one = zoomAll(filter, src, c.mode, c.rw, c.rh, 1, true, true, c.blur);
+      ASSERT_EQ(one.code, 0);
+      for (uint32_t threads : {2u, 3u}) {
+        Zoomed more = zoomAll(filter, src, c.mode, c.rw, c.rh, threads, true, true, c.blur);
+        EXPECT_EQ(more.code, 0);
+        EXPECT_EQ(more.color, one.color);
+        EXPECT_EQ(more.depth, one.depth);
+      }
+      // Colour alone reads no depth, and gives the same colour.
+      EXPECT_EQ(zoomAll(filter, src, c.mode, c.rw, c.rh, 2, true, false, c.blur).color, one.color);
+    }
+}
+
+TEST(ILzoom, SeveralThreadsFailWhereOneDoes) {
+  const int sw = 120, sh = 200;
+  std::vector<uint8_t> px(size_t(sw) * sh * 4, 99);
+  // The source runs out after 150 of its 200 lines: the lines made before are
+  // the same, and then both fail with the source's code.
+  Source cut{px.data(), nullptr, sw, 4, 0, 150};
+  auto run = [&](uint32_t threads) {
+    ILzoom* zoom = ILnewzoom("gauss");
+    ILsetzoomthreads(zoom, threads);
+    ILbindzoom(zoom, &cut, sourceLine, 0, 50, 90, sw, sh);
+    cut.row = 0;
+    Zoomed z;
+    z.color.assign(50 * 4, 0);
+    while ((z.code = ILreadzoom(zoom, z.color.data(), nullptr)) == 0) z.lines++;
+    ILdelzoom(zoom);
+    return z;
+  };
+  Zoomed one = run(1), two = run(2);
+  EXPECT_EQ(one.code, IL_EDONE);
+  EXPECT_EQ(two.code, one.code);
+  EXPECT_EQ(two.lines, one.lines);
+  EXPECT_GT(one.lines, 0);
+
+  // A batch holds what its first line asked for: depth asked later is refused.
+  Source src{px.data(), nullptr, sw, 4, 0, sh};
+  ILzoom* zoom = ILnewzoom("gauss");
+  ILsetzoomthreads(zoom, 2);
+  ILbindzoom(zoom, &src, sourceLine, 0, 50, 90, sw, sh);
+  std::vector<uint8_t> line(50 * 4);
+  std::vector<float> depth(50);
+  ASSERT_EQ(ILreadzoom(zoom, line.data(), nullptr), 0);
+  EXPECT_EQ(ILreadzoom(zoom, line.data(), depth.data()), FL_EARG);
+  ILdelzoom(zoom);
+}

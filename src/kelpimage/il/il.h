@@ -112,6 +112,7 @@ struct ILimage : FLfile, ILheader {
   ILzoom* zoom;
   FLlist fields;
   uint64_t headerpos;
+  uint32_t threads;  // threads reading a whole image (ILsetthreads); 0: one
 };
 
 // A field in the handle's list: the node's type word is the tag.
@@ -137,6 +138,11 @@ KELP_API int ILnext(ILimage* image);
 KELP_API void ILinitio(ILimage* image);
 KELP_API void ILconfig(uint32_t bits, int on);
 KELP_API uint32_t ILctrl(ILimage* image, uint32_t bits, int on);
+// Threads that read a whole image at once (ILloadbm, and ILload without
+// ILC_TOPDOWN): 1 (the default) decodes each tile in the caller's thread as
+// it is read; more read the next batch of tiles while the last is decoded
+// on them; 0 is one a core. The pixels are the same either way.
+KELP_API void ILsetthreads(ILimage* image, uint32_t threads);
 // The most pixels (width x height) a file's header may declare: larger
 // images are refused with IL_ERANGE before anything is allocated for them,
 // and so are images too large for the bytes the file holds. It is the
@@ -183,6 +189,12 @@ using ILlinefn = int (*)(void* arg, uint8_t** color, float** depth);
 KELP_API ILzoom* ILnewzoom(const char* filter);
 KELP_API void ILdelzoom(ILzoom* zoom);
 KELP_API void ILsetzoomblur(ILzoom* zoom, float x, float y);
+// Threads a filtered zoom works on: 1 (the default) makes each line as it is
+// asked for, in the caller's thread; any other count makes a batch of lines
+// at a time on that many threads (0: one a core), reading the source lines
+// the batch needs ahead. The lines are the same either way; set before the
+// first line is read.
+KELP_API void ILsetzoomthreads(ILzoom* zoom, uint32_t threads);
 KELP_API void ILsetzoomoffset(ILzoom* zoom, float x, float y);
 KELP_API void ILsetzoommargin(ILzoom* zoom, float xlow, float ylow, float xhigh, float yhigh);
 // Mode bit 0: source lines of 8 bytes a pixel (else 4); bit 1: result lines

@@ -150,6 +150,10 @@ void ILdelzoom(ILzoom* z) {
   delete z;
 }
 
+void ILsetzoomthreads(ILzoom* z, uint32_t threads) {
+  if (z) z->threads = threads;
+}
+
 void ILsetzoomblur(ILzoom* z, float x, float y) {
   if (!z || (z->blurX == x && z->blurY == y)) return;
   z->blurX = x;
@@ -186,6 +190,7 @@ static int unguardedBindzoom(ILzoom* z, void* arg, ILlinefn callback, int mode, 
   z->colorBytes = rw * ((mode & 2) ? 8 : 4);
   z->row = 0;
   z->taken = 0;
+  z->batch = ILzoomBatch();
   z->lastLine = -1;
   z->target = int(std::trunc(double(z->offsetY) / rh * sh));
 

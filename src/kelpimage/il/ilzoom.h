@@ -15,6 +15,23 @@ struct ILtaps {
   int64_t absSum = 0;  // of the weights: bounds what a sum of samples can reach
 };
 
+// The state of the reader that makes result lines a batch at a time, its
+// source lines filtered across and its rows summed on several threads.
+struct ILzoomBatch {
+  bool color = false, depth = false;  // what the batch was made of
+  int firstRow = 0, endRow = 0;       // the result rows it holds
+  std::vector<uint8_t> colorRows;
+  std::vector<float> depthRows;
+  // Filtered source lines from `windowFirst` on, `windowLines` of them.
+  int windowFirst = 0, windowLines = 0;
+  std::vector<int32_t> windowColor;
+  std::vector<float> windowDepth;
+  // Source lines as fetched, before filtering.
+  std::vector<uint8_t> rawColor;
+  std::vector<float> rawDepth;
+  std::vector<uint8_t> rawPresent;  // per line: 1 colour came, 2 depth came
+};
+
 struct ILzoom {
   std::string name;
   bool bound = false;
@@ -50,7 +67,22 @@ struct ILzoom {
 
   void* arg = nullptr;
   ILlinefn callback = nullptr;
+
+  // 1: lines are made one at a time in the caller's thread; otherwise a
+  // batch at a time on this many threads (0: one a core).
+  uint32_t threads = 1;
+  ILzoomBatch batch;
 };
+
+// The line arithmetic, the same for either reader: a source line filtered
+// across into 4 values a result pixel, a depth line likewise, and the sums of
+// a result line packed into its pixels.
+void ILfilteracross(const ILzoom* z, const uint8_t* line, int32_t* out);
+void ILfilterdepthacross(const ILzoom* z, const float* line, float* out);
+void ILpackzoomcolor(const ILzoom* z, const int64_t* sums, uint8_t* out);
+
+// The next result line of a filtered zoom, from a batch made on z->threads threads.
+int ILreadzoombatch(ILzoom* z, void* color, float* depth);
 
 // Builds the taps of one axis; returns the support (largest tap count).
 int ILbuildtaps(std::vector<ILtaps>& taps, const ILfilterdef* filter, int n, int m, float blur, float offset, float low,
