@@ -371,15 +371,22 @@ TEST(ILpixels, BadFilesGiveCodes) {
   ILclose(im);
   auto good = readBytes(name);
 
-  auto load = [&](const std::vector<uint8_t>& bytes, bool byLines) {
+  // Tiles decoded one by one or several at once fail alike.
+  auto loadOn = [&](const std::vector<uint8_t>& bytes, bool byLines, uint32_t threads) {
     writeBytes(dir.file("bad.iff"), bytes);
     ILimage* r = ILopen(dir.file("bad.iff").c_str(), "r");
     if (!r) return -flerrno;
+    ILsetthreads(r, threads);
     std::vector<uint8_t> back(70 * 70 * 4);
     if (byLines) ILctrl(r, ILC_TOPDOWN, 1);
     int rc = ILload(r, back.data(), nullptr);
     ILclose(r);
     return rc;
+  };
+  auto load = [&](const std::vector<uint8_t>& bytes, bool byLines) {
+    int one = loadOn(bytes, byLines, 1);
+    EXPECT_EQ(loadOn(bytes, byLines, 2), one);
+    return one;
   };
   // Truncated inside the last tile: that tile is damaged, its lines missing.
   auto cut = good;
@@ -445,12 +452,15 @@ TEST(ILpixels, BadFilesGiveCodes) {
 
   // The line server shows a damaged tile as missing lines with flerrno 0.
   writeBytes(dir.file("bad.iff"), damaged);
-  ILimage* r = ILopen(dir.file("bad.iff").c_str(), "r");
-  uint8_t* line = reinterpret_cast<uint8_t*>(1);
-  ASSERT_EQ(ILgetline(r, &line, nullptr), 0);
-  EXPECT_EQ(line, nullptr);
-  EXPECT_EQ(flerrno, 0);
-  ILclose(r);
+  for (uint32_t threads : {1u, 2u}) {
+    ILimage* r = ILopen(dir.file("bad.iff").c_str(), "r");
+    ILsetthreads(r, threads);
+    uint8_t* line = reinterpret_cast<uint8_t*>(1);
+    ASSERT_EQ(ILgetline(r, &line, nullptr), 0);
+    EXPECT_EQ(line, nullptr);
+    EXPECT_EQ(flerrno, 0);
+    ILclose(r);
+  }
 
   // Writing with a compressor that does not exist.
   im = ILopen(dir.file("w.iff").c_str(), "w");
@@ -459,4 +469,97 @@ TEST(ILpixels, BadFilesGiveCodes) {
   uint8_t px[16] = {};
   EXPECT_EQ(ILwritetile(im, px, nullptr, rect, 2), IL_ENOCODEC);
   ILclose(im);
+}
+
+namespace {
+// Every line of `name` as the line server gives it, or the whole image as
+// ILload does, decoded on `threads` threads.
+std::vector<uint8_t> readOn(const std::string& name, uint32_t threads, bool byLines, int bytes, bool topdown,
+                            std::vector<float>& depth) {
+  ILimage* im = ILopen(name.c_str(), "r");
+  EXPECT_NE(im, nullptr);
+  if (!im) return {};
+  ILsetthreads(im, threads);
+  if (bytes == 2) ILsetbpp(im, 2);
+  ILctrl(im, ILC_TOPDOWN, topdown);
+  int32_t w = 0, h = 0;
+  ILgetsize(im, &w, &h);
+  std::vector<uint8_t> pixels(size_t(w) * size_t(h) * 4 * size_t(bytes), 0xCD);
+  depth.assign(size_t(w) * size_t(h), 9.0f);
+  if (!byLines) {
+    EXPECT_EQ(ILload(im, pixels.data(), depth.data()), 0);
+  } else {
+    for (int32_t y = 0; y < h; ++y)
+      EXPECT_EQ(ILreadline(im, &pixels[size_t(y) * size_t(w) * 4 * size_t(bytes)], &depth[size_t(y) * size_t(w)]), 0);
+  }
+  ILclose(im);
+  return pixels;
+}
+}  // namespace
+
+// The tiles of a band, or of the whole image, decoded on several threads
+// give the lines that one thread gives, in every layout and compression.
+TEST(ILpixels, SeveralThreadsDecodeTheSameLines) {
+  TempDir dir;
+  const int w = 203, h = 150;
+  for (uint32_t type : {7u, 3u, 4u})
+    for (int bytes : {1, 2})
+      for (uint32_t compress : {0u, 1u, 2u, 3u}) {
+        std::string name = dir.file("t.iff");
+        auto src = picture(w, h, bytes);
+        auto z = depthRamp(w, h);
+        ILimage* im = ILopen(name.c_str(), "w");
+        ILsetsize(im, w, h);
+        ILsettype(im, int32_t(type));
+        ILsetbpp(im, bytes);
+        ILsetcompress(im, compress);
+        ILsetpagesize(im, 32, 24);  // many tiles a band, the last ones narrower
+        ASSERT_EQ(ILsave(im, src.data(), z.data(), 0), 0);
+        ASSERT_EQ(ILclose(im), 0);
+        for (bool byLines : {false, true})
+          for (bool topdown : {false, true}) {
+            SCOPED_TRACE(testing::Message() << "type " << type << " bytes " << bytes << " compress " << compress
+                                            << " lines " << byLines << " topdown " << topdown);
+            std::vector<float> zOne, zMore;
+            auto one = readOn(name, 1, byLines, bytes, topdown, zOne);
+            for (uint32_t threads : {2u, 3u}) {
+              EXPECT_EQ(readOn(name, threads, byLines, bytes, topdown, zMore), one);
+              EXPECT_EQ(zMore, zOne);
+            }
+          }
+      }
+}
+
+// Tiles that overlap land in file order, the later over the earlier, however
+// many threads decode them: two that cover the image's area between them,
+// so that the whole-image reader takes them.
+TEST(ILpixels, OverlappingTilesLandInFileOrderOnAnyThreads) {
+  TempDir dir;
+  const int w = 96, h = 64;
+  auto src = picture(w, h, 1);
+  std::string name = dir.file("overlap.iff");
+  ILimage* im = ILopen(name.c_str(), "w");
+  ILsetsize(im, w, h);
+  ILsettype(im, 3);
+  ILsetpages(im, 2);
+  std::vector<std::array<int32_t, 4>> rects = {{0, 0, 63, 47}, {32, 16, 95, 63}};
+  for (size_t i = 0; i < rects.size(); ++i) {
+    auto work = src;
+    for (uint8_t& b : work) b = uint8_t(b + 37 * i);  // each tile tells its own pixels apart
+    auto& r = rects[i];
+    ASSERT_EQ(ILwritetile(im, &work[(size_t(r[1]) * w + r[0]) * 4], nullptr, r.data(), w), 0);
+  }
+  ASSERT_EQ(ILendtile(im), 0);
+  ASSERT_EQ(ILclose(im), 0);
+  auto load = [&](uint32_t threads) {
+    ILimage* r = ILopen(name.c_str(), "r");
+    ILsetthreads(r, threads);
+    std::vector<uint8_t> back(size_t(w) * h * 4, 0xCD);
+    EXPECT_EQ(ILloadbm(r, back.data(), nullptr), 0);
+    ILclose(r);
+    return back;
+  };
+  auto one = load(1);
+  EXPECT_EQ(one[(size_t(20) * w + 40) * 4], uint8_t(src[(size_t(20) * w + 40) * 4] + 37));  // the second tile's
+  EXPECT_EQ(load(2), one);
 }

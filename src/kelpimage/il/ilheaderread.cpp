@@ -36,7 +36,7 @@ bool sizeBelievable(const ILimage* image) {
   uint64_t pixels = uint64_t(image->width) * image->height;
   if (pixels > ILmaxpixels(0)) return false;
   if (pixels <= kHeaderOnlyPixels) return true;
-  uint64_t left = image->io->stream->remaining();
+  uint64_t left = image->io->stream->remaining(true);
   return left == UINT64_MAX || pixels / kPixelsPerByteAtMost <= left;
 }
 

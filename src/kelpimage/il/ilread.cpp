@@ -1,5 +1,5 @@
-// Reading pixels: the line server that assembles bands of tiles, and the
-// whole-image reads.
+// Reading pixels a line at a time: the line server that assembles bands of
+// tiles.
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -369,93 +369,6 @@ static int unguardedReadline(ILimage* im, void* color, float* z) {
   return 0;
 }
 
-static int unguardedLoadbm(ILimage* im, void* color, float* z) {
-  if (!(im->ictl & ILC_BITMAP)) {
-    if (im->ictl & ILC_DONE) return ILfail(IL_EDONE);
-    if (!ILgetheader(im)) return flerrno;
-    if (int rc = ILenterbitmap(im)) return rc;
-    ILinitio(im);
-    im->ictl |= ILC_BITMAP | ILC_LINES;
-  }
-  // Depth tiles exist only in images with depth; their absence is no loss.
-  bool depth = z && (im->type & ILT_DEPTH);
-  int n = (color ? im->pages : 0) + (depth ? im->pages : 0);
-  // Every pixel must come from a tile: the rectangles seen so far, per kind,
-  // and the area they cover, so that a repeated tile cannot stand in for a
-  // missing one.
-  std::set<std::array<uint16_t, 5>> seen;
-  uint64_t covered[2] = {0, 0};
-  while (n > 0) {
-    uint32_t tag = 0, size = 0;
-    // The group ending before every tile arrived leaves pixels unread.
-    if (FLbgnget(im, &tag, &size) != 0) return ILfail(flerrno ? flerrno : IL_EDONE);
-    if ((tag == IL_RGBA && color) || (tag == IL_ZBUF && depth)) {
-      uint16_t r[4];
-      if (size < 8 || !ILreadrect(im, r)) return ILfail(FL_EFIT);
-      int kind = tag == IL_RGBA ? 0 : 1;
-      if (!seen.insert({uint16_t(kind), r[0], r[1], r[2], r[3]}).second) return ILfail(FL_EFIT);
-      covered[kind] += uint64_t(r[2] - r[0] + 1) * uint64_t(r[3] - r[1] + 1);
-      size -= 8;
-      const uint8_t* payload = FLbgnread(im, size);
-      if (!payload) return ILfail(FL_EFIT);
-      im->group->gdone += size;
-      ILpackinfo info{};
-      info.width = uint32_t(r[2] - r[0] + 1);
-      info.height = uint32_t(r[3] - r[1] + 1);
-      info.linewidth = im->width;
-      info.size = size;
-      void* src = const_cast<uint8_t*>(payload);
-      size_t at = size_t(r[1]) * im->width + r[0];
-      if (tag == IL_RGBA) {
-        ILcodecfn unpack = nullptr;
-        ILfindcompressor(im->compress, nullptr, nullptr, &unpack);
-        if (!unpack) return ILfail(IL_ENOCODEC);
-        info.bytes = im->bytes;
-        info.bitmask = im->bitmask;
-        info.channels = im->channels;
-        info.reduce = (im->ictl & ILC_DEEP) ? 0 : 1;
-        info.lookups = im->lookups;
-        if (!unpack(static_cast<uint8_t*>(color) + at * im->pwidth, src, &info)) return flerrno;
-      } else {
-        info.bytes = 4;
-        info.bitmask = 1;
-        info.channels = 1;
-        if (!ILunpackrle(z + at, src, &info)) return flerrno;
-      }
-      --n;
-    }
-    if (FLendget(im) != 0) return flerrno;
-  }
-  uint64_t area = uint64_t(im->width) * im->height;
-  if ((color && covered[0] != area) || (depth && covered[1] != area)) return ILfail(FL_EFIT);
-  im->ictl &= ~ILC_BITMAP;
-  im->ictl |= ILC_DONE;
-  return 0;
-}
-
-static int unguardedLoad(ILimage* im, void* color, float* z) {
-  int32_t w = 0, h = 0;
-  if (ILgetsize(im, &w, &h) != 0) return flerrno;
-  if (!im->zoom && !(im->ictl & (ILC_TOPDOWN | ILC_WIDEN))) {
-    if (int rc = ILloadbm(im, color, z)) return rc;
-    if (color && !(im->ictl & ILC_RAWCHANNELS)) {
-      uint32_t mask = im->type | ((im->ictl & ILC_OWNALPHA) ? uint32_t(ILT_ALPHA) : 0u);
-      ILfill(color, w, h, (im->ictl & ILC_DEEP) ? int32_t(im->bytes) : 1, w, mask);
-    }
-    if (z && !(im->type & ILT_DEPTH)) std::memset(z, 0, size_t(w) * size_t(h) * 4);
-    return 0;
-  }
-  size_t step = size_t(w) * ((im->ictl & ILC_RAWCHANNELS) ? im->channels : 4);
-  if (im->ictl & ILC_DEEP) step *= im->bytes;
-  if (im->ictl & ILC_WIDEN) step *= 2;
-  for (int32_t y = 0; y < h; ++y) {
-    void* row = color ? static_cast<uint8_t*>(color) + step * size_t(y) : nullptr;
-    float* zrow = z ? z + size_t(w) * size_t(y) : nullptr;
-    if (int rc = ILreadline(im, row, zrow)) return rc;
-  }
-  return 0;
-}
-
 // The entry points: no exception leaves the library; running out of memory
 // is FL_ENOMEM, anything else unexpected FL_EFIT.
 int ILgetline(ILimage* im, uint8_t** line, float** zline) {
@@ -464,12 +377,4 @@ int ILgetline(ILimage* im, uint8_t** line, float** zline) {
 
 int ILreadline(ILimage* im, void* color, float* z) {
   return ILguard([&] { return unguardedReadline(im, color, z); });
-}
-
-int ILloadbm(ILimage* im, void* color, float* z) {
-  return ILguard([&] { return unguardedLoadbm(im, color, z); });
-}
-
-int ILload(ILimage* im, void* color, float* z) {
-  return ILguard([&] { return unguardedLoad(im, color, z); });
 }

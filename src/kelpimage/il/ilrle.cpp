@@ -116,8 +116,21 @@ class PlaneEncoder {
   bool fInRun = false;
 };
 
-// Decodes one plane of `n` bytes into `plane`; false if a packet runs past
-// the plane or the payload.
+// Bytes a decoded plane may be written past its end: runs and literals are
+// stored 16 bytes at a time, the excess overwritten by what comes next.
+constexpr size_t kPlaneSlack = 128;
+
+using Bytes16 = uint8_t __attribute__((vector_size(16)));
+
+inline Bytes16 load16(const uint8_t* p) {
+  Bytes16 v;
+  std::memcpy(&v, p, 16);
+  return v;
+}
+inline void store16(uint8_t* p, Bytes16 v) { std::memcpy(p, &v, 16); }
+
+// Decodes one plane of `n` bytes into `plane`, which has kPlaneSlack bytes to
+// spare past it; false if a packet runs past the plane or the payload.
 bool decodePlane(const uint8_t*& in, const uint8_t* end, uint8_t* plane, size_t n) {
   size_t done = 0;
   while (done < n) {
@@ -125,12 +138,19 @@ bool decodePlane(const uint8_t*& in, const uint8_t* end, uint8_t* plane, size_t 
     uint8_t c = *in++;
     size_t count = size_t(c & 127) + 1;
     if (count > n - done) return false;
+    uint8_t* out = plane + done;
     if (c & 0x80) {
       if (in >= end) return false;
-      std::memset(plane + done, *in++, count);
+      Bytes16 v = Bytes16{} + *in++;
+      for (size_t k = 0; k < count; k += 16) store16(out + k, v);
     } else {
-      if (size_t(end - in) < count) return false;
-      std::memcpy(plane + done, in, count);
+      size_t left = size_t(end - in);
+      if (left < count) return false;
+      if (left >= (count + 15) / 16 * 16) {
+        for (size_t k = 0; k < count; k += 16) store16(out + k, load16(in + k));
+      } else {
+        std::memcpy(out, in, count);
+      }
       in += count;
     }
     done += count;
@@ -153,7 +173,8 @@ void scatter(const Tile& t, uint8_t* base, const uint8_t* plane, int n, uint32_t
   }
 }
 
-// The common shape, four 1-byte channels all present, as whole words.
+// The common shape, four 1-byte channels all present: bytes blue, green,
+// red, alpha from the planes alpha, blue, green, red, 16 pixels at a time.
 void interleave4(const Tile& t, uint8_t* base, const uint8_t* planes) {
   size_t area = t.pixels();
   const uint8_t* a = planes;             // working channel 0: alpha
@@ -163,11 +184,25 @@ void interleave4(const Tile& t, uint8_t* base, const uint8_t* planes) {
   for (uint32_t y = 0; y < t.h; ++y) {
     auto* row = base + size_t(y) * t.stride * 4;
     size_t o = size_t(y) * t.w;
-    for (uint32_t x = 0; x < t.w; ++x) {
-      uint32_t word =
-          uint32_t(b[o + x]) | uint32_t(g[o + x]) << 8 | uint32_t(r[o + x]) << 16 | uint32_t(a[o + x]) << 24;
-      if constexpr (std::endian::native == std::endian::big) word = kelp::swap32(word);
-      std::memcpy(row + size_t(x) * 4, &word, 4);
+    uint32_t x = 0;
+    for (; x + 16 <= t.w; x += 16) {
+      Bytes16 vb = load16(b + o + x), vg = load16(g + o + x), vr = load16(r + o + x), va = load16(a + o + x);
+      Bytes16 bgLow = __builtin_shufflevector(vb, vg, 0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6, 22, 7, 23);
+      Bytes16 bgHigh = __builtin_shufflevector(vb, vg, 8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13, 29, 14, 30, 15, 31);
+      Bytes16 raLow = __builtin_shufflevector(vr, va, 0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6, 22, 7, 23);
+      Bytes16 raHigh = __builtin_shufflevector(vr, va, 8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13, 29, 14, 30, 15, 31);
+      uint8_t* out = row + size_t(x) * 4;
+      store16(out, __builtin_shufflevector(bgLow, raLow, 0, 1, 16, 17, 2, 3, 18, 19, 4, 5, 20, 21, 6, 7, 22, 23));
+      store16(out + 16,
+              __builtin_shufflevector(bgLow, raLow, 8, 9, 24, 25, 10, 11, 26, 27, 12, 13, 28, 29, 14, 15, 30, 31));
+      store16(out + 32,
+              __builtin_shufflevector(bgHigh, raHigh, 0, 1, 16, 17, 2, 3, 18, 19, 4, 5, 20, 21, 6, 7, 22, 23));
+      store16(out + 48,
+              __builtin_shufflevector(bgHigh, raHigh, 8, 9, 24, 25, 10, 11, 26, 27, 12, 13, 28, 29, 14, 15, 30, 31));
+    }
+    for (; x < t.w; ++x) {
+      uint8_t* p = row + size_t(x) * 4;
+      p[0] = b[o + x], p[1] = g[o + x], p[2] = r[o + x], p[3] = a[o + x];
     }
   }
 }
@@ -224,7 +259,7 @@ int ILunpackrle(void* dest, void* src, ILpackinfo* info) {
   // With `reduce` only the most significant plane of each channel is needed.
   int planes = reduce ? t.count : t.count * int(t.bytes);
   size_t area = t.pixels();
-  uint8_t* scratchPlanes = scratch(area * size_t(planes));
+  uint8_t* scratchPlanes = scratch(area * size_t(planes) + kPlaneSlack);
   const auto* in = static_cast<const uint8_t*>(src);
   const uint8_t* end = in + info->size;
   for (int k = 0; k < planes; ++k)

@@ -28,6 +28,7 @@ const uint8_t* FLbgnread(FLfile* f, size_t count) {
   FLstream& s = *f->io->stream;
   // A regular file tells at once whether the bytes exist, before any memory is asked for.
   uint64_t left = s.remaining();
+  if (left != UINT64_MAX && count > left + s.available()) left = s.remaining(true);
   if (left != UINT64_MAX && count > left + s.available()) {
     FLfail(FL_EEOF);
     return nullptr;

@@ -58,6 +58,7 @@ void FLstream::adopt(int fd, bool write) {
   fFd = fd;
   fWrite = write;
   fSeekable = isSeekableFd(fd);
+  fKnownSize = 0;
 }
 
 int FLstream::openFile(const std::string& path, bool write) {
@@ -196,12 +197,17 @@ int FLstream::close() {
   return result;
 }
 
-uint64_t FLstream::remaining() const {
+uint64_t FLstream::remaining(bool fresh) const {
   if (!fSeekable || fWrite) return UINT64_MAX;
-  struct stat st;
-  if (fstat(fFd, &st) != 0) return UINT64_MAX;
+  // The size seen last, asked again when it no longer covers the position or
+  // the caller wants it fresh: a file cut short meanwhile fails its read.
   uint64_t pos = tell();
-  return uint64_t(st.st_size) > pos ? uint64_t(st.st_size) - pos : 0;
+  if (fresh || fKnownSize <= pos) {
+    struct stat st;
+    if (fstat(fFd, &st) != 0) return UINT64_MAX;
+    fKnownSize = uint64_t(st.st_size);
+  }
+  return fKnownSize > pos ? fKnownSize - pos : 0;
 }
 
 size_t FLstream::fill(size_t n) {

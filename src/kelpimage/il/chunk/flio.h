@@ -44,8 +44,9 @@ class FLstream {
   void consume(size_t n) { fRpos += n; }
   size_t read(void* dst, size_t n);
   void unread(const void* bytes, size_t n);
-  // Bytes left in a regular file behind the position, or UINT64_MAX if unknown.
-  uint64_t remaining() const;
+  // Bytes left in a regular file behind the position, or UINT64_MAX if
+  // unknown; from the size last seen unless `fresh`.
+  uint64_t remaining(bool fresh = false) const;
 
   // Writing.
   int write(const void* src, size_t n);
@@ -74,6 +75,7 @@ class FLstream {
   size_t fRpos = 0, fRlen = 0;
   uint64_t fRbase = 0;
   bool fEof = false;
+  mutable uint64_t fKnownSize = 0;  // of a regular file, as last seen
 
   std::vector<uint8_t> fWbuf;
   uint64_t fWbase = 0;

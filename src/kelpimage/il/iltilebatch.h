@@ -1,0 +1,50 @@
+// Tiles whose payloads are copied aside as they are met in the file, to be
+// decoded together on several threads. Tiles of one kind that overlap are
+// never decoded at once: a tile that overlaps one held before it starts a
+// new generation, decoded after the one before, so that it lands last, as
+// it does when a file is read in order.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+class ILtilebatch {
+ public:
+  struct Tile {
+    int kind;  // 0 colour, 1 depth
+    uint16_t r[4];
+    size_t at;  // of the payload in the batch's bytes
+    uint32_t size;
+    void* owner;  // the caller's record of the tile
+  };
+  using Decode = std::function<int(const Tile& tile, const uint8_t* payload)>;
+
+  // `threads` as the caller asks for them (0: one a core).
+  explicit ILtilebatch(unsigned threads);
+  ~ILtilebatch();
+  ILtilebatch(const ILtilebatch&) = delete;
+  ILtilebatch& operator=(const ILtilebatch&) = delete;
+
+  // Whether more than one thread would decode: otherwise there is no point
+  // in holding tiles.
+  bool parallel() const { return fThreads > 1; }
+  unsigned threads() const { return fThreads; }
+  bool empty() const { return fTiles.empty(); }
+  size_t bytes() const { return fBytes.size(); }
+  void reserve(size_t bytes) { fBytes.reserve(bytes); }
+  void hold(int kind, const uint16_t r[4], const uint8_t* payload, uint32_t size, void* owner = nullptr);
+  // Decodes every tile held, generation after generation, `decode` returning
+  // 0 or a code for each, and empties the batch. The tiles that failed, with
+  // their codes, in file order.
+  std::vector<std::pair<Tile, int>> decode(const Decode& decode);
+
+ private:
+  bool overlapsGeneration(int kind, const uint16_t r[4]) const;
+
+  unsigned fThreads;
+  std::vector<Tile> fTiles;
+  std::vector<size_t> fGenerations;  // the index of each generation's first tile
+  std::vector<uint8_t> fBytes;
+};
