@@ -53,7 +53,9 @@ void BM_ReadIff(benchmark::State& state) {
   for (auto _ : state) {
     TimageReader in;
     const auto association = state.range(0) ? Tassociation::kPremultiplied : Tassociation::kStraight;
-    if (!in.open(source()) || !in.readImage(pixels.data(), TsampleType::kUint8, 0, association))
+    TreadOptions options;
+    options.threads = int(state.range(1));
+    if (!in.open(source(), options) || !in.readImage(pixels.data(), TsampleType::kUint8, 0, association))
       return state.SkipWithError(in.error().c_str());
     benchmark::DoNotOptimize(pixels.data());
   }
@@ -81,6 +83,10 @@ void BM_ResizeIffToHD(benchmark::State& state) { convert(state, "out.iff", 1920,
 
 }  // namespace
 
-BENCHMARK(BM_ReadIff)->Arg(0)->Arg(1)->ArgName("premultiplied")->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_ReadIff)
+    ->ArgsProduct({{0, 1}, {1, 2}})
+    ->ArgNames({"premultiplied", "threads"})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 BENCHMARK(BM_IffToPam)->Arg(1)->Arg(2)->ArgName("threads")->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_ResizeIffToHD)->Arg(1)->Arg(2)->ArgName("threads")->Unit(benchmark::kMillisecond)->UseRealTime();

@@ -478,3 +478,37 @@ TEST(ImageIO, ConversionBytesAreTheSameAtAnyThreadCount) {
 }
 
 }  // namespace
+
+namespace {
+
+// A reader converts the rows of a band on several threads: the pixels are
+// those of one thread, in every sample type and association.
+TEST(ImageIO, ReadingOnSeveralThreadsGivesTheSamePixels) {
+  TempDir dir;
+  TimageInfo spec = specOf(3, true, TsampleType::kUint16);
+  spec.width = 333;
+  spec.height = 600;  // bands of many rows, pieces of uneven length
+  std::vector<uint16_t> px(size_t(spec.width) * size_t(spec.height) * 4);
+  for (size_t i = 0; i < px.size(); ++i) px[i] = uint16_t((i * 2654435761u) >> 9);
+  spec.association = Tassociation::kPremultiplied;
+  for (size_t i = 0; i < px.size(); i += 4)
+    for (int c = 0; c < 3; ++c) px[i + size_t(c)] = uint16_t(uint32_t(px[i + size_t(c)]) * px[i + 3] / 65535);
+  ASSERT_TRUE(write(dir.file("in.iff"), spec, px.data(), TsampleType::kUint16));
+  for (TsampleType type : {TsampleType::kUint8, TsampleType::kUint16, TsampleType::kFloat})
+    for (Tassociation association : {Tassociation::kStraight, Tassociation::kPremultiplied}) {
+      auto read = [&](int threads) {
+        TreadOptions options;
+        options.threads = threads;
+        TimageReader r;
+        EXPECT_TRUE(r.open(dir.file("in.iff"), options)) << r.error();
+        std::vector<uint8_t> out(spec.rowBytes(type) * size_t(spec.height));
+        EXPECT_TRUE(r.readImage(out.data(), type, 0, association)) << r.error();
+        return out;
+      };
+      auto one = read(1);
+      EXPECT_EQ(read(2), one) << int(type) << " " << int(association);
+      EXPECT_EQ(read(3), one) << int(type) << " " << int(association);
+    }
+}
+
+}  // namespace

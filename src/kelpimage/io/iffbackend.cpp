@@ -14,6 +14,7 @@
 
 #include "kelpimage/il/il.h"
 #include "kelpimage/io/backend.h"
+#include "kelpimage/io/samples.h"
 
 namespace kelpio {
 namespace {
@@ -69,11 +70,19 @@ class IffReader : public ReaderBackend {
   bool readRows(int32_t y0, int32_t count, uint8_t* pixels, size_t rowBytes, float* depth, size_t depthStride,
                 std::string& why) override {
     for (int32_t i = 0; i < count; ++i) {
-      float* z = fDepth ? (depth ? reinterpret_cast<float*>(reinterpret_cast<uint8_t*>(depth) + size_t(i) * depthStride)
-                                 : fScratchDepth.data())
-                        : nullptr;
-      if (int rc = ILreadline(fImage, fLine.data(), z)) return why = FLstrerror(rc), false;
-      if (pixels) toCaller(pixels + size_t(i) * rowBytes);
+      // Each line straight from the band the library assembled, not copied first.
+      uint8_t* line = nullptr;
+      float* zline = nullptr;
+      if (int rc = ILgetline(fImage, pixels ? &line : nullptr, depth ? &zline : nullptr))
+        return why = FLstrerror(rc), false;
+      // A line that no tile of the file covered (missing or damaged tiles) is an error.
+      if ((pixels && !line && fImage->bitmask != 0) || (depth && !zline && fDepth))
+        return why = FLstrerror(FL_EFIT), false;
+      if (pixels) toCaller(line ? line : zeros(), pixels + size_t(i) * rowBytes);
+      if (depth && fDepth) {
+        auto* z = reinterpret_cast<float*>(reinterpret_cast<uint8_t*>(depth) + size_t(i) * depthStride);
+        std::memcpy(z, zline, size_t(fSpec.width) * sizeof(float));
+      }
     }
     (void)y0;
     return true;
@@ -142,14 +151,19 @@ class IffReader : public ReaderBackend {
     return true;
   }
 
+  // A line of nothing, for a picture without colour.
+  const uint8_t* zeros() {
+    fLine.assign(fLine.size(), 0);
+    return fLine.data();
+  }
+
   // One line of blue, green, red, alpha into the caller's colour and alpha.
-  void toCaller(uint8_t* out) const {
+  void toCaller(const uint8_t* p, uint8_t* out) const {
     const int channels = fSpec.channels();
     const size_t width = size_t(fSpec.width);
     if (fBytes == 1) {
-      const uint8_t* p = fLine.data();
       if (fColour && channels == 4) {
-        for (size_t x = 0; x < width; ++x, p += 4, out += 4) out[0] = p[2], out[1] = p[1], out[2] = p[0], out[3] = p[3];
+        kelpio::swapRedBlue(p, out, width);
       } else if (fColour) {
         for (size_t x = 0; x < width; ++x, p += 4, out += 3) out[0] = p[2], out[1] = p[1], out[2] = p[0];
       } else {
@@ -160,14 +174,14 @@ class IffReader : public ReaderBackend {
       }
       return;
     }
-    const auto* p = reinterpret_cast<const uint16_t*>(fLine.data());
+    const auto* w = reinterpret_cast<const uint16_t*>(p);
     auto* o = reinterpret_cast<uint16_t*>(out);
-    for (size_t x = 0; x < width; ++x, p += 4) {
+    for (size_t x = 0; x < width; ++x, w += 4) {
       if (fColour)
-        *o++ = p[2], *o++ = p[1], *o++ = p[0];
+        *o++ = w[2], *o++ = w[1], *o++ = w[0];
       else
-        *o++ = p[1];
-      if (fSpec.alpha) *o++ = p[3];
+        *o++ = w[1];
+      if (fSpec.alpha) *o++ = w[3];
     }
   }
 
@@ -288,6 +302,7 @@ class IffWriter : public WriterBackend {
   void toLine(const uint8_t* in, uint8_t* line) const {
     const size_t width = size_t(fSpec.width);
     const bool colour = fSpec.colorChannels == 3;
+    if (fBytes == 1 && colour && fSpec.alpha) return kelpio::swapRedBlue(in, line, width);
     if (fBytes == 1) {
       for (size_t x = 0; x < width; ++x, line += 4) {
         uint8_t r = *in++, g = colour ? *in++ : r, b = colour ? *in++ : r;

@@ -84,9 +84,9 @@ int Resampler::feed(void* arg, uint8_t** color, float** depth) {
 }
 
 bool Resampler::start(TimageReader& reader, int32_t width, int32_t height, const std::string& filter, float blurX,
-                      float blurY, bool ahead, std::string& why) {
+                      float blurY, int threads, std::string& why) {
   TsampleType type = reader.spec().sampleType == TsampleType::kUint8 ? TsampleType::kUint8 : TsampleType::kUint16;
-  if (!ahead) {
+  if (threads == 1) {
     auto rows = [&reader, type](int32_t y, uint8_t* row, std::string& failed) {
       if (reader.readRows(y, y + 1, row, type, 0, Tassociation::kPremultiplied)) return true;
       failed = reader.error();
@@ -111,11 +111,11 @@ bool Resampler::start(TimageReader& reader, int32_t width, int32_t height, const
     std::memcpy(row, from, rowBytes);
     return true;
   };
-  return start(reader.spec(), rows, width, height, filter, blurX, blurY, why);
+  return start(reader.spec(), rows, width, height, filter, blurX, blurY, why, threads);
 }
 
 bool Resampler::start(const TimageInfo& source, Rows rows, int32_t width, int32_t height, const std::string& filter,
-                      float blurX, float blurY, std::string& why) {
+                      float blurX, float blurY, std::string& why, int threads) {
   fSpec = source;
   fRows = std::move(rows);
   fType = source.sampleType == TsampleType::kUint8 ? TsampleType::kUint8 : TsampleType::kUint16;
@@ -132,6 +132,7 @@ bool Resampler::start(const TimageInfo& source, Rows rows, int32_t width, int32_
   if (!filter.empty() && flerrno == IL_ENOFILTER) return why = "there is no zoom filter \"" + filter + "\"", false;
   if (!fZoom) return why = FLstrerror(flerrno), false;
   ILsetzoomblur(fZoom, blurX, blurY);
+  ILsetzoomthreads(fZoom, uint32_t(std::max(threads, 0)));
   int mode = bytes == 2 ? 3 : 0;
   if (ILbindzoom(fZoom, this, feed, mode, width, height, source.width, source.height) > 1)
     return why = FLstrerror(flerrno), false;

@@ -30,11 +30,12 @@ class Resampler {
   // Binds a source; false, with the reason, when the filter is unknown or
   // the sizes cannot be zoomed.
   bool start(const TimageInfo& source, Rows rows, int32_t width, int32_t height, const std::string& filter, float blurX,
-             float blurY, std::string& why);
-  // The current frame of `reader`, decoded a band ahead on a thread of its
-  // own when `ahead`.
+             float blurY, std::string& why, int threads = 1);
+  // The current frame of `reader`; with `threads` other than 1, decoded a
+  // band ahead on a thread of its own, and zoomed on that many threads (0:
+  // one a core).
   bool start(TimageReader& reader, int32_t width, int32_t height, const std::string& filter, float blurX, float blurY,
-             bool ahead, std::string& why);
+             int threads, std::string& why);
   // 16 bits for pictures wider than 8, else 8.
   TsampleType type() const { return fType; }
   // The next row from the top: the source's channels, interleaved, premultiplied.

@@ -1,6 +1,7 @@
 #include "kelpimage/io/samples.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstring>
 #include <vector>
@@ -201,6 +202,26 @@ void convertPixels(const void* from, TsampleType fromType, Tassociation fromAsso
   else
     unpremultiply(row, work, channels, pixels);
   if (row != to) convertSamples(row, work, to, toType, count);
+}
+
+void swapRedBlue(const uint8_t* from, uint8_t* to, size_t pixels) {
+  size_t x = 0;
+  if constexpr (std::endian::native == std::endian::little) {
+    // Four pixels at a time, each a little-endian word: bytes 0 and 2 trade places.
+    using Words4 = uint32_t __attribute__((vector_size(16)));
+    for (; x + 4 <= pixels; x += 4) {
+      Words4 v;
+      std::memcpy(&v, from + x * 4, 16);
+      v = (v & 0xFF00FF00u) | ((v >> 16) & 0xFFu) | ((v & 0xFFu) << 16);
+      std::memcpy(to + x * 4, &v, 16);
+    }
+  }
+  for (; x < pixels; ++x) {
+    const uint8_t* p = from + x * 4;
+    uint8_t* o = to + x * 4;
+    uint8_t red = p[2];
+    o[2] = p[0], o[1] = p[1], o[0] = red, o[3] = p[3];
+  }
 }
 
 }  // namespace kelpio

@@ -27,6 +27,10 @@ void convertSamples(const void* from, TsampleType fromType, void* to, TsampleTyp
 void premultiply(void* row, TsampleType type, int channels, size_t pixels);
 void unpremultiply(void* row, TsampleType type, int channels, size_t pixels);
 
+// `pixels` pixels of four 8-bit samples with the first and third swapped:
+// blue, green, red, alpha to red, green, blue, alpha, and back.
+void swapRedBlue(const uint8_t* from, uint8_t* to, size_t pixels);
+
 // The wider of two kinds: the one the other fits into without loss.
 TsampleType widerType(TsampleType a, TsampleType b);
 

@@ -24,7 +24,9 @@ class Conversion {
       : fInput(input), fOutput(output), fOptions(options), fError(error), fWarnings(warnings) {}
 
   bool run() {
-    if (!fReader.open(fInput, fOptions.read)) return fail(fReader.error());
+    TreadOptions read = fOptions.read;
+    read.threads = fOptions.threads;
+    if (!fReader.open(fInput, read)) return fail(fReader.error());
     if (fOptions.key.empty() ? !TformatCatalogue::forName(fOutput, fFormat)
                              : !TformatCatalogue::find(fOptions.key, fFormat))
       return fail(fOutput + ": " +
@@ -121,7 +123,7 @@ class Conversion {
     kelpio::Resampler zoom;
     std::string why;
     if (!zoom.start(fReader, fOptions.width, fOptions.height, fOptions.filter, fOptions.blurX, fOptions.blurY,
-                    fOptions.threads != 1, why))
+                    fOptions.threads, why))
       return fail(fInput + ": cannot be resized: " + why);
     TimageInfo spec = outputSpec();
     std::vector<uint8_t> row(spec.rowBytes(zoom.type()));

@@ -27,9 +27,10 @@ struct KELP_API TconvertOptions {
   int32_t width = 0, height = 0;
   std::string filter;
   float blurX = 0.0f, blurY = 0.0f;
-  // 1: one thread reads and writes in turn; otherwise the next band is read
-  // on a second thread while the last is written. The file's bytes are the
-  // same either way.
+  // 1: one thread reads, resizes and writes in turn; otherwise the next band
+  // is read on a second thread while the last is written, and the reader
+  // and the zoom work on this many threads (0: one a core). It stands for
+  // read.threads. The file's bytes are the same at any count.
   int threads = 0;
 };
 

@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "kelpimage/base/tparallel.h"
 #include "kelpimage/io/backend.h"
 #include "kelpimage/io/samples.h"
 
@@ -23,6 +24,7 @@ class HeldInput : private HeldBytes, public TmemoryInput {
 
 // Rows at most this many bytes at once pass through a scratch buffer.
 constexpr size_t kBandBytes = size_t(4) << 20;
+constexpr int32_t kRowsAPiece = 16;  // rows converted on one thread at the least
 
 }  // namespace
 
@@ -179,18 +181,24 @@ bool TimageReader::readRows(int32_t y0, int32_t y1, void* pixels, TsampleType ty
   // Through a band of rows as the file holds them.
   const size_t fileRow = fSpec.rowBytes(fSpec.sampleType);
   const int32_t band = int32_t(std::max<size_t>(1, kBandBytes / std::max<size_t>(1, fileRow)));
-  std::vector<uint8_t> held(fileRow * size_t(std::min(band, y1 - y0))), scratch;
+  std::vector<uint8_t> held(fileRow * size_t(std::min(band, y1 - y0)));
   for (int32_t y = y0; y < y1; y += band) {
     int32_t count = std::min(band, y1 - y);
     float* depthAt = wantedDepth
                          ? reinterpret_cast<float*>(reinterpret_cast<uint8_t*>(wantedDepth) + size_t(y - y0) * depthRow)
                          : nullptr;
     if (!fBackend->readRows(y, count, held.data(), fileRow, depthAt, depthRow, why)) return fail(why);
+    // The band's rows converted in pieces, on the threads the caller allows.
+    const int32_t pieces = std::min<int32_t>(int32_t(TthreadsFor(unsigned(std::max(fOptions.threads, 0)), 64)),
+                                             std::max<int32_t>(1, count / kRowsAPiece));
     if (pixels)
-      for (int32_t i = 0; i < count; ++i)
-        kelpio::convertPixels(held.data() + size_t(i) * fileRow, fSpec.sampleType, fileAssociation,
-                              static_cast<uint8_t*>(pixels) + size_t(y - y0 + i) * outRow, type, association, channels,
-                              fSpec.alpha, width, scratch);
+      TparallelFor(size_t(pieces), unsigned(pieces), [&](size_t piece) {
+        std::vector<uint8_t> scratch;
+        for (int32_t i = int32_t(piece) * count / pieces; i < int32_t(piece + 1) * count / pieces; ++i)
+          kelpio::convertPixels(held.data() + size_t(i) * fileRow, fSpec.sampleType, fileAssociation,
+                                static_cast<uint8_t*>(pixels) + size_t(y - y0 + i) * outRow, type, association,
+                                channels, fSpec.alpha, width, scratch);
+      });
     fNext = y + count;
   }
   if (!why.empty() && fWarnings.empty()) fWarnings = why;

@@ -31,6 +31,10 @@ struct KELP_API TreadOptions {
   // flattened image.
   std::string layer, set;
   int alpha = -1;
+  // Threads a reader may convert rows on, to the caller's sample type and
+  // association: 0 one a core, 1 the caller's alone. The pixels are the
+  // same at any count.
+  int threads = 0;
 };
 
 class KELP_API TimageReader {
