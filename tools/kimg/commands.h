@@ -75,7 +75,8 @@ int convert(const ConvertOptions& options);
 // 0 with `run` set to convert one frame's files, or the status of the check
 // that failed.
 using FrameConverter = std::function<int(const std::string& in, const std::string& out)>;
-int prepareConvert(const ConvertOptions& options, FrameConverter& run);
+// `threads` is what each frame's conversion may use (0: one a core).
+int prepareConvert(const ConvertOptions& options, int threads, FrameConverter& run);
 int filters();
 int formats();
 int depth(const std::string& in, const std::string& out);

@@ -127,9 +127,10 @@ int convert(const ConvertOptions& o) {
   return convertPlanned(o, plan);
 }
 
-int prepareConvert(const ConvertOptions& o, FrameConverter& run) {
+int prepareConvert(const ConvertOptions& o, int threads, FrameConverter& run) {
   TconvertOptions plan;
   if (int status = makePlan(o, plan)) return status;
+  plan.threads = threads;
   run = [o, plan](const std::string& in, const std::string& out) {
     ConvertOptions one = o;
     one.in = in;

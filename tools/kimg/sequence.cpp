@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -75,15 +76,19 @@ int convertSequence(const ConvertOptions& o, const SequenceOptions& s) {
   if (int status = framesOf(in, o.in, s.frames, frames)) return status;
   // Everything the frames share is checked and made ready once, before the
   // threads start.
+  // The threads go to frames first: several frames at once keep every
+  // thread busy with a whole conversion, so each frame then has one.
+  const unsigned threads = TthreadsFor(unsigned(std::max(s.threads, 0)), SIZE_MAX);
+  const size_t atOnce = std::max<size_t>(1, std::min<size_t>(frames.size(), threads));
   FrameConverter run;
-  if (int status = prepareConvert(o, run)) return status;
+  if (int status = prepareConvert(o, int(std::max<size_t>(1, threads / atOnce)), run)) return status;
   TformatCatalogue::formats();  // the plug-ins found once, before the threads
   Progress progress(frames.size(), !s.quiet);
   std::atomic<bool> stop{false};
   std::mutex badLock;
   std::vector<long> bad;
   // A frame a piece of the library's parallel loop, on --threads threads (0: a core each).
-  TparallelFor(frames.size(), unsigned(std::max(s.threads, 0)), [&](size_t i) {
+  TparallelFor(frames.size(), threads, [&](size_t i) {
     if (stop) return;
     std::string from = in.name(frames[i]), to = out.name(frames[i]);
     takeReport("");  // what earlier frames of this thread left unsaid is not this frame's
