@@ -50,7 +50,7 @@ class TileGroup {
   // The next tile wanted: 0 with its kind, rectangle and payload, which
   // stays valid until the next call, or a code.
   int next(int& kind, uint16_t r[4], const uint8_t*& payload, uint32_t& size) {
-    if (int rc = close()) return rc;
+    if (int rc = endChunk()) return rc;
     while (fLeft > 0) {
       uint32_t tag = 0;
       // The group ending before every tile arrived leaves pixels unread.
@@ -74,7 +74,7 @@ class TileGroup {
   }
 
   // Leaves the last tile's chunk; 0 or a code.
-  int close() {
+  int endChunk() {
     if (!fOpen) return 0;
     fOpen = false;
     return FLendget(fImage) != 0 ? flerrno : 0;
@@ -103,7 +103,7 @@ int loadInTurn(ILimage* im, TileGroup& group, ILcodecfn unpack, void* color, flo
     uint32_t size = 0;
     if (int rc = group.next(kind, r, payload, size)) return rc;
     if (int rc = decodeTile(im, unpack, color, z, kind, payload, size, r)) return rc;
-    if (int rc = group.close()) return rc;
+    if (int rc = group.endChunk()) return rc;
   }
   return 0;
 }
@@ -124,7 +124,7 @@ void readAhead(TileGroup& group, ReadAhead& ahead) {
     uint32_t size = 0;
     if ((ahead.code = group.next(kind, r, payload, size)) != 0) return;
     ahead.batch.hold(kind, r, payload, size);
-    if ((ahead.code = group.close()) != 0) return;
+    if ((ahead.code = group.endChunk()) != 0) return;
   }
 }
 
