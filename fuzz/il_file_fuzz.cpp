@@ -1,5 +1,5 @@
 // Opens bytes as an IFF file and reads everything in it: header, fields,
-// pixels by tiles and by lines, every image of the file.
+// pixels by tiles and by lines, on one thread or two, every image of the file.
 #include <unistd.h>
 
 #include <cstdio>
@@ -15,9 +15,12 @@ std::string scratchFile() {
   return name;
 }
 
-void readAll(const char* name, bool byLines, bool deep, bool zoom) {
+void readAll(const char* name, bool byLines, bool deep, bool zoom, bool threads) {
   ILimage* im = ILopen(name, "r");
   if (!im) return;
+  // Whole images with the next tiles read while the last decode, and a zoom
+  // that reads its lines a batch ahead.
+  if (threads) ILsetthreads(im, 2);
   for (int image = 0; image < 4; ++image) {
     if (!ILgetheader(im)) break;
     const void* value;
@@ -26,6 +29,7 @@ void readAll(const char* name, bool byLines, bool deep, bool zoom) {
       if (deep) ILsetbpp(im, 2);
       if (byLines) ILctrl(im, ILC_TOPDOWN, 1);
       if (zoom) ILsetsize(im, int32_t(1 + im->width / 3), int32_t(1 + im->height * 2 % 100));
+      if (zoom && threads && im->zoom) ILsetzoomthreads(im->zoom, 2);
       // Deep reading keeps the file's channel size, up to four bytes; a
       // zoom gives its own size.
       int32_t w = 0, h = 0;
@@ -53,6 +57,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::fwrite(data, 1, size, f);
   std::fclose(f);
   uint8_t mode = data[size - 1];
-  readAll(name.c_str(), mode & 1, mode & 2, mode & 4);
+  readAll(name.c_str(), mode & 1, mode & 2, mode & 4, mode & 8);
   return 0;
 }

@@ -414,5 +414,10 @@ TEST(ILzoom, SeveralThreadsFailWhereOneDoes) {
   std::vector<float> depth(50);
   ASSERT_EQ(ILreadzoom(zoom, line.data(), nullptr), 0);
   EXPECT_EQ(ILreadzoom(zoom, line.data(), depth.data()), FL_EARG);
+  // Asking for less than the first line did is served throughout.
+  ILbindzoom(zoom, &src, sourceLine, 0, 50, 90, sw, sh);
+  src.row = 0;
+  ASSERT_EQ(ILreadzoom(zoom, line.data(), depth.data()), 0);
+  for (int y = 1; y < 90; ++y) ASSERT_EQ(ILreadzoom(zoom, line.data(), nullptr), 0) << y;
   ILdelzoom(zoom);
 }

@@ -3,7 +3,9 @@
 // is free. The other threads come from one pool the process shares, started
 // as loops first ask for them, so that a loop costs no thread's start. Nested
 // and concurrent loops are safe: a loop whose helpers are all busy elsewhere
-// runs on its caller alone.
+// runs on its caller alone. A caller waiting for its helpers runs pieces of
+// other loops meanwhile, so a piece must not hold a lock across a loop of its
+// own that other loops' pieces take too.
 #pragma once
 
 #include <cstddef>

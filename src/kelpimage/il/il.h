@@ -193,7 +193,8 @@ KELP_API void ILsetzoomblur(ILzoom* zoom, float x, float y);
 // asked for, in the caller's thread; any other count makes a batch of lines
 // at a time on that many threads (0: one a core), reading the source lines
 // the batch needs ahead. The lines are the same either way; set before the
-// first line is read.
+// first line is read. A batch makes what its first line asks for, colour,
+// depth or both; a later line that asks for more fails with FL_EARG.
 KELP_API void ILsetzoomthreads(ILzoom* zoom, uint32_t threads);
 KELP_API void ILsetzoomoffset(ILzoom* zoom, float x, float y);
 KELP_API void ILsetzoommargin(ILzoom* zoom, float xlow, float ylow, float xhigh, float yhigh);

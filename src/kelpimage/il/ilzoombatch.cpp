@@ -133,8 +133,13 @@ void sumRow(ILzoom* z, int row, int taken) {
 // Makes the batch of result lines from z->row on; 0 or a code.
 int makeBatch(ILzoom* z, bool color, bool depth) {
   ILzoomBatch& b = z->batch;
-  // The lines read so far were filtered for what the first batch was asked.
-  if (z->taken > 0 && (b.color != color || b.depth != depth)) return ILfail(FL_EARG);
+  // The lines read so far were filtered for what the first batch was asked:
+  // later batches make the same, whatever less a line asks for.
+  if (z->taken > 0) {
+    if ((color && !b.color) || (depth && !b.depth)) return ILfail(FL_EARG);
+    color = b.color;
+    depth = b.depth;
+  }
   b.color = color;
   b.depth = depth;
   const int first = z->row;
