@@ -110,7 +110,7 @@ int loadInTurn(ILimage* im, TileGroup& group, ILcodecfn unpack, void* color, flo
 
 // A batch of tiles read ahead, and how the reading ended.
 struct ReadAhead {
-  explicit ReadAhead(unsigned threads) : batch(threads) { batch.reserve(2 * kHeldBytes); }
+  explicit ReadAhead(unsigned threads) : batch(threads, 2 * kHeldBytes) {}
   ILtilebatch batch;
   int code = 0;  // the reading's failure, after the tiles held
 };
@@ -140,10 +140,9 @@ int loadAhead(ILimage* im, TileGroup& group, ILcodecfn unpack, void* color, floa
     int decoded = 0;
     TparallelFor(more ? 2 : 1, 2, [&](size_t piece) {
       if (more && piece == 0) return readAhead(group, next);
-      auto failed = now.batch.decode([&](const ILtilebatch::Tile& t, const uint8_t* payload) {
+      decoded = now.batch.decode([&](const ILtilebatch::Tile& t, const uint8_t* payload) {
         return decodeTile(im, unpack, color, z, t.kind, payload, t.size, t.r);
       });
-      if (!failed.empty()) decoded = failed.front().second;
     });
     if (decoded) return decoded;
     if (now.code) return now.code;

@@ -1,9 +1,7 @@
 // Reading pixels a line at a time: the line server that assembles bands of
 // tiles.
 #include <algorithm>
-#include <array>
 #include <cstring>
-#include <set>
 
 #include "kelpimage/il/iltile.h"
 

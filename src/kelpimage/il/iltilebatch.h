@@ -17,28 +17,18 @@ class ILtilebatch {
     uint16_t r[4];
     size_t at;  // of the payload in the batch's bytes
     uint32_t size;
-    void* owner;  // the caller's record of the tile
   };
   using Decode = std::function<int(const Tile& tile, const uint8_t* payload)>;
 
-  // `threads` as the caller asks for them (0: one a core).
-  explicit ILtilebatch(unsigned threads);
-  ~ILtilebatch();
-  ILtilebatch(const ILtilebatch&) = delete;
-  ILtilebatch& operator=(const ILtilebatch&) = delete;
+  // Decoded on `threads` threads (0: one a core), with room for `bytes` of payloads.
+  ILtilebatch(unsigned threads, size_t bytes) : fThreads(threads) { fBytes.reserve(bytes); }
 
-  // Whether more than one thread would decode: otherwise there is no point
-  // in holding tiles.
-  bool parallel() const { return fThreads > 1; }
-  unsigned threads() const { return fThreads; }
-  bool empty() const { return fTiles.empty(); }
   size_t bytes() const { return fBytes.size(); }
-  void reserve(size_t bytes) { fBytes.reserve(bytes); }
-  void hold(int kind, const uint16_t r[4], const uint8_t* payload, uint32_t size, void* owner = nullptr);
+  void hold(int kind, const uint16_t r[4], const uint8_t* payload, uint32_t size);
   // Decodes every tile held, generation after generation, `decode` returning
-  // 0 or a code for each, and empties the batch. The tiles that failed, with
-  // their codes, in file order.
-  std::vector<std::pair<Tile, int>> decode(const Decode& decode);
+  // 0 or a code for each, and empties the batch. The code of the first tile
+  // in file order that failed, or 0.
+  int decode(const Decode& decode);
 
  private:
   bool overlapsGeneration(int kind, const uint16_t r[4]) const;

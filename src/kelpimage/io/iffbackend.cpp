@@ -78,7 +78,7 @@ class IffReader : public ReaderBackend {
       // A line that no tile of the file covered (missing or damaged tiles) is an error.
       if ((pixels && !line && fImage->bitmask != 0) || (depth && !zline && fDepth))
         return why = FLstrerror(FL_EFIT), false;
-      if (pixels) toCaller(line ? line : zeros(), pixels + size_t(i) * rowBytes);
+      if (pixels) toCaller(line ? line : fZeros.data(), pixels + size_t(i) * rowBytes);
       if (depth && fDepth) {
         auto* z = reinterpret_cast<float*>(reinterpret_cast<uint8_t*>(depth) + size_t(i) * depthStride);
         std::memcpy(z, zline, size_t(fSpec.width) * sizeof(float));
@@ -146,15 +146,8 @@ class IffReader : public ReaderBackend {
       spec.fields.emplace_back(tagText(n->type), std::string(reinterpret_cast<const char*>(f->value), f->length));
     }
     fSpec = spec;
-    fLine.resize(size_t(spec.width) * 4 * size_t(fBytes));
-    fScratchDepth.resize(fDepth ? size_t(spec.width) : 0);
+    fZeros.assign(size_t(spec.width) * 4 * size_t(fBytes), 0);
     return true;
-  }
-
-  // A line of nothing, for a picture without colour.
-  const uint8_t* zeros() {
-    fLine.assign(fLine.size(), 0);
-    return fLine.data();
   }
 
   // One line of blue, green, red, alpha into the caller's colour and alpha.
@@ -190,8 +183,7 @@ class IffReader : public ReaderBackend {
   TimageInfo fSpec;
   int fBytes = 1, fFrames = 1;
   bool fColour = true, fDepth = false;
-  std::vector<uint8_t> fLine;
-  std::vector<float> fScratchDepth;
+  std::vector<uint8_t> fZeros;  // the colour of a picture that has none
 };
 
 class IffWriter : public WriterBackend {
