@@ -126,4 +126,11 @@ TEST(TimageDiskIO, WritesIffAndOtherFormats) {
   w.writeImage(image);
   EXPECT_EQ(w.close(), -1);
   EXPECT_NE(reports.text.find(Tstring(TstringIdNumber(622)).str()), std::string::npos) << reports.text;
+  // The picture is not lost: its temporary IFF stays, the caller's to remove.
+  std::vector<std::filesystem::path> kept;
+  for (const auto& e : std::filesystem::directory_iterator(std::filesystem::temp_directory_path()))
+    if (e.path().filename().string().rfind("kelp" + std::to_string(getpid()), 0) == 0) kept.push_back(e.path());
+  ASSERT_EQ(kept.size(), 1u);
+  EXPECT_EQ(std::filesystem::file_size(kept[0]), std::filesystem::file_size(dir.file("out.iff")));
+  std::filesystem::remove(kept[0]);
 }
