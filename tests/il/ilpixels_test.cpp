@@ -530,6 +530,30 @@ TEST(ILpixels, SeveralThreadsDecodeTheSameLines) {
       }
 }
 
+// A raster larger than the caches is stored past them: whole, at one thread
+// or two, it holds what the lines read one by one hold. Its rows start on
+// every other 8 bytes, and its last tiles are two pixels wide.
+TEST(ILpixels, LargeRastersLoadAsTheirLinesRead) {
+  TempDir dir;
+  const int w = 2050, h = 2048;
+  std::string name = dir.file("large.iff");
+  auto src = picture(w, h, 1);
+  auto z = depthRamp(w, h);
+  ILimage* im = ILopen(name.c_str(), "w");
+  ILsetsize(im, w, h);
+  ILsettype(im, 7);
+  ILsetcompress(im, 1);
+  ASSERT_EQ(ILsave(im, src.data(), z.data(), 0), 0);
+  ASSERT_EQ(ILclose(im), 0);
+  std::vector<float> zLines, zWhole;
+  auto lines = readOn(name, 1, true, 1, false, zLines);
+  for (uint32_t threads : {1u, 2u}) {
+    SCOPED_TRACE(threads);
+    EXPECT_TRUE(readOn(name, threads, false, 1, false, zWhole) == lines);
+    EXPECT_TRUE(zWhole == zLines);
+  }
+}
+
 // Tiles that overlap land in file order, the later over the earlier, however
 // many threads decode them: two that cover the image's area between them,
 // so that the whole-image reader takes them.

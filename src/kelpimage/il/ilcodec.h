@@ -35,6 +35,10 @@ struct Tile {
   const uint8_t* table(int i) const { return lookups && lookups[i] ? lookups[i] : nullptr; }
 };
 
+// The run length decoder; with `streaming` the pixels are stored past the
+// caches, for a raster larger than they are that is not read back at once.
+int unpackRle(void* dest, const void* src, ILpackinfo* info, bool streaming);
+
 // Scratch space of the calling thread, grown as needed.
 uint8_t* scratch(size_t bytes);
 

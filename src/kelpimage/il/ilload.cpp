@@ -6,11 +6,19 @@
 #include <set>
 
 #include "kelpimage/base/tparallel.h"
+#include "kelpimage/il/ilcodec.h"
 #include "kelpimage/il/iltile.h"
 #include "kelpimage/il/iltilebatch.h"
 
 namespace {
 constexpr size_t kHeldBytes = size_t(2) << 20;  // payloads read ahead at a time
+// Rasters from this size on are larger than the caches: run length tiles
+// are stored into them past the caches.
+constexpr uint64_t kStreamingBytes = uint64_t(16) << 20;
+
+bool streams(const ILimage* im, uint32_t pixelBytes) {
+  return uint64_t(im->width) * im->height * pixelBytes >= kStreamingBytes;
+}
 
 // Decodes one tile of `kind` (0 colour, 1 depth) into its place in the raster; 0 or a code.
 int decodeTile(ILimage* im, ILcodecfn unpack, void* color, float* z, int kind, const uint8_t* payload, uint32_t size,
@@ -28,12 +36,14 @@ int decodeTile(ILimage* im, ILcodecfn unpack, void* color, float* z, int kind, c
     info.channels = im->channels;
     info.reduce = (im->ictl & ILC_DEEP) ? 0 : 1;
     info.lookups = im->lookups;
-    return unpack(static_cast<uint8_t*>(color) + at * im->pwidth, src, &info) ? 0 : flerrno;
+    void* dest = static_cast<uint8_t*>(color) + at * im->pwidth;
+    if (unpack == ILunpackrle) return ilcodec::unpackRle(dest, src, &info, streams(im, im->pwidth)) ? 0 : flerrno;
+    return unpack(dest, src, &info) ? 0 : flerrno;
   }
   info.bytes = 4;
   info.bitmask = 1;
   info.channels = 1;
-  return ILunpackrle(z + at, src, &info) ? 0 : flerrno;
+  return ilcodec::unpackRle(z + at, src, &info, streams(im, 4)) ? 0 : flerrno;
 }
 
 // The tiles of an image's tile group in file order. Every pixel must come

@@ -8,6 +8,10 @@
 
 #include "kelpimage/il/ilcodec.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 using namespace ilcodec;
 
 namespace {
@@ -129,6 +133,24 @@ inline Bytes16 load16(const uint8_t* p) {
 }
 inline void store16(uint8_t* p, Bytes16 v) { std::memcpy(p, &v, 16); }
 
+// A store past the caches where the machine has one: a raster larger than
+// they are is written once, and reading its lines in for writing would
+// double the memory traffic. endStreaming orders them before what follows.
+inline void streamStore16(uint8_t* p, Bytes16 v) {
+#if defined(__SSE2__)
+  if ((reinterpret_cast<uintptr_t>(p) & 15) == 0) {
+    _mm_stream_si128(reinterpret_cast<__m128i*>(p), reinterpret_cast<__m128i>(v));
+    return;
+  }
+#endif
+  store16(p, v);
+}
+inline void endStreaming() {
+#if defined(__SSE2__)
+  _mm_sfence();
+#endif
+}
+
 // Decodes one plane of `n` bytes into `plane`, which has kPlaneSlack bytes to
 // spare past it; false if a packet runs past the plane or the payload.
 bool decodePlane(const uint8_t*& in, const uint8_t* end, uint8_t* plane, size_t n) {
@@ -173,46 +195,50 @@ void scatter(const Tile& t, uint8_t* base, const uint8_t* plane, int n, uint32_t
   }
 }
 
+// Writes `n` groups of four bytes, byte k of each group from `from[k]`, 16
+// groups at a time.
+void interleaveBytes(uint8_t* out, const uint8_t* const from[4], size_t n, bool streaming) {
+  auto put = [streaming](uint8_t* p, Bytes16 v) { streaming ? streamStore16(p, v) : store16(p, v); };
+  size_t x = 0;
+  for (; x + 16 <= n; x += 16) {
+    Bytes16 v0 = load16(from[0] + x), v1 = load16(from[1] + x), v2 = load16(from[2] + x), v3 = load16(from[3] + x);
+    Bytes16 low01 = __builtin_shufflevector(v0, v1, 0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6, 22, 7, 23);
+    Bytes16 high01 = __builtin_shufflevector(v0, v1, 8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13, 29, 14, 30, 15, 31);
+    Bytes16 low23 = __builtin_shufflevector(v2, v3, 0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6, 22, 7, 23);
+    Bytes16 high23 = __builtin_shufflevector(v2, v3, 8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13, 29, 14, 30, 15, 31);
+    uint8_t* o = out + x * 4;
+    put(o, __builtin_shufflevector(low01, low23, 0, 1, 16, 17, 2, 3, 18, 19, 4, 5, 20, 21, 6, 7, 22, 23));
+    put(o + 16, __builtin_shufflevector(low01, low23, 8, 9, 24, 25, 10, 11, 26, 27, 12, 13, 28, 29, 14, 15, 30, 31));
+    put(o + 32, __builtin_shufflevector(high01, high23, 0, 1, 16, 17, 2, 3, 18, 19, 4, 5, 20, 21, 6, 7, 22, 23));
+    put(o + 48, __builtin_shufflevector(high01, high23, 8, 9, 24, 25, 10, 11, 26, 27, 12, 13, 28, 29, 14, 15, 30, 31));
+  }
+  for (; x < n; ++x)
+    for (int k = 0; k < 4; ++k) out[x * 4 + size_t(k)] = from[k][x];
+}
+
 // The common shape, four 1-byte channels all present: bytes blue, green,
-// red, alpha from the planes alpha, blue, green, red, 16 pixels at a time.
-void interleave4(const Tile& t, uint8_t* base, const uint8_t* planes) {
+// red, alpha from the planes alpha, blue, green, red.
+void interleave4(const Tile& t, uint8_t* base, const uint8_t* planes, bool streaming) {
   size_t area = t.pixels();
-  const uint8_t* a = planes;             // working channel 0: alpha
-  const uint8_t* b = planes + area;      // 1: blue
-  const uint8_t* g = planes + 2 * area;  // 2: green
-  const uint8_t* r = planes + 3 * area;  // 3: red
   for (uint32_t y = 0; y < t.h; ++y) {
-    auto* row = base + size_t(y) * t.stride * 4;
     size_t o = size_t(y) * t.w;
-    uint32_t x = 0;
-    for (; x + 16 <= t.w; x += 16) {
-      Bytes16 vb = load16(b + o + x), vg = load16(g + o + x), vr = load16(r + o + x), va = load16(a + o + x);
-      Bytes16 bgLow = __builtin_shufflevector(vb, vg, 0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6, 22, 7, 23);
-      Bytes16 bgHigh = __builtin_shufflevector(vb, vg, 8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13, 29, 14, 30, 15, 31);
-      Bytes16 raLow = __builtin_shufflevector(vr, va, 0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6, 22, 7, 23);
-      Bytes16 raHigh = __builtin_shufflevector(vr, va, 8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13, 29, 14, 30, 15, 31);
-      uint8_t* out = row + size_t(x) * 4;
-      store16(out, __builtin_shufflevector(bgLow, raLow, 0, 1, 16, 17, 2, 3, 18, 19, 4, 5, 20, 21, 6, 7, 22, 23));
-      store16(out + 16,
-              __builtin_shufflevector(bgLow, raLow, 8, 9, 24, 25, 10, 11, 26, 27, 12, 13, 28, 29, 14, 15, 30, 31));
-      store16(out + 32,
-              __builtin_shufflevector(bgHigh, raHigh, 0, 1, 16, 17, 2, 3, 18, 19, 4, 5, 20, 21, 6, 7, 22, 23));
-      store16(out + 48,
-              __builtin_shufflevector(bgHigh, raHigh, 8, 9, 24, 25, 10, 11, 26, 27, 12, 13, 28, 29, 14, 15, 30, 31));
-    }
-    for (; x < t.w; ++x) {
-      uint8_t* p = row + size_t(x) * 4;
-      p[0] = b[o + x], p[1] = g[o + x], p[2] = r[o + x], p[3] = a[o + x];
-    }
+    const uint8_t* const from[4] = {planes + area + o, planes + 2 * area + o, planes + 3 * area + o, planes + o};
+    interleaveBytes(base + size_t(y) * t.stride * 4, from, t.w, streaming);
   }
 }
 
-// One 4-byte channel, as depth is: whole words from four planes.
-void interleaveWords(const Tile& t, uint8_t* base, const uint8_t* planes) {
+// One 4-byte channel, as depth is: whole words from four planes, the most
+// significant first.
+void interleaveWords(const Tile& t, uint8_t* base, const uint8_t* planes, bool streaming) {
   size_t area = t.pixels();
   for (uint32_t y = 0; y < t.h; ++y) {
     uint8_t* row = t.element(base, 0, y, t.present[0]);
     size_t o = size_t(y) * t.w;
+    if (t.channels == 1 && std::endian::native == std::endian::little) {
+      const uint8_t* const from[4] = {planes + 3 * area + o, planes + 2 * area + o, planes + area + o, planes + o};
+      interleaveBytes(row, from, t.w, streaming);
+      continue;
+    }
     for (uint32_t x = 0; x < t.w; ++x) {
       uint32_t v = uint32_t(planes[o + x]) << 24 | uint32_t(planes[area + o + x]) << 16 |
                    uint32_t(planes[2 * area + o + x]) << 8 | planes[3 * area + o + x];
@@ -251,9 +277,11 @@ int ILpackrle(void* dest, void* src, ILpackinfo* info) {
   return total;
 }
 
-int ILunpackrle(void* dest, void* src, ILpackinfo* info) {
+int ILunpackrle(void* dest, void* src, ILpackinfo* info) { return ilcodec::unpackRle(dest, src, info, false); }
+
+int ilcodec::unpackRle(void* dest, const void* src, ILpackinfo* info, bool streaming) {
   Tile t(info, true);
-  if (info->size == t.storedSize()) return ILunpack(dest, src, info);
+  if (info->size == t.storedSize()) return ILunpack(dest, const_cast<void*>(src), info);
   if (t.bytes != 1 && t.bytes != 2 && t.bytes != 4) return fail();
   bool reduce = info->reduce != 0;
   // With `reduce` only the most significant plane of each channel is needed.
@@ -270,9 +298,9 @@ int ILunpackrle(void* dest, void* src, ILpackinfo* info) {
   bool anyLut = false;
   for (int i = 0; i < t.count && lutsAllowed; ++i) anyLut = anyLut || t.table(t.present[i]);
   if (t.esize == 1 && t.channels == 4 && t.count == 4 && !anyLut) {
-    interleave4(t, base, scratchPlanes);
+    interleave4(t, base, scratchPlanes, streaming);
   } else if (t.esize == 4 && t.count == 1 && !reduce) {
-    interleaveWords(t, base, scratchPlanes);
+    interleaveWords(t, base, scratchPlanes, streaming);
   } else {
     for (int k = 0; k < planes; ++k) {
       int n = t.present[k % t.count];
@@ -280,6 +308,7 @@ int ILunpackrle(void* dest, void* src, ILpackinfo* info) {
       scatter(t, base, scratchPlanes + area * size_t(k), n, place, lutsAllowed ? t.table(n) : nullptr);
     }
   }
+  if (streaming) endStreaming();
   uint64_t produced = area * uint32_t(t.count) * t.esize;
   return produced > INT32_MAX ? INT32_MAX : int(produced ? produced : 1);
 }
