@@ -120,7 +120,7 @@ int loadInTurn(ILimage* im, TileGroup& group, ILcodecfn unpack, void* color, flo
 
 // A batch of tiles read ahead, and how the reading ended.
 struct ReadAhead {
-  explicit ReadAhead(unsigned threads) : batch(threads, 2 * kHeldBytes) {}
+  explicit ReadAhead(const ILimage* im) : batch(im->threads, 2 * kHeldBytes, im->width, im->height) {}
   ILtilebatch batch;
   int code = 0;  // the reading's failure, after the tiles held
 };
@@ -141,7 +141,7 @@ void readAhead(TileGroup& group, ReadAhead& ahead) {
 // Batches of tiles, the next read while the last is decoded; 0 or a code,
 // the first in file order.
 int loadAhead(ILimage* im, TileGroup& group, ILcodecfn unpack, void* color, float* z) {
-  ReadAhead slots[2] = {ReadAhead(im->threads), ReadAhead(im->threads)};
+  ReadAhead slots[2] = {ReadAhead(im), ReadAhead(im)};
   readAhead(group, slots[0]);
   for (int cur = 0;; cur ^= 1) {
     ReadAhead& now = slots[cur];

@@ -20,8 +20,9 @@ class ILtilebatch {
   };
   using Decode = std::function<int(const Tile& tile, const uint8_t* payload)>;
 
-  // Decoded on `threads` threads (0: one a core), with room for `bytes` of payloads.
-  ILtilebatch(unsigned threads, size_t bytes) : fThreads(threads) { fBytes.reserve(bytes); }
+  // Decoded on `threads` threads (0: one a core), with room for `bytes` of
+  // payloads, for an image of `width` x `height` pixels.
+  ILtilebatch(unsigned threads, size_t bytes, uint32_t width, uint32_t height);
 
   size_t bytes() const { return fBytes.size(); }
   void hold(int kind, const uint16_t r[4], const uint8_t* payload, uint32_t size);
@@ -31,10 +32,20 @@ class ILtilebatch {
   int decode(const Decode& decode);
 
  private:
-  bool overlapsGeneration(int kind, const uint16_t r[4]) const;
+  // A grid of cells the size of the first tile held.
+  void makeGrid(const uint16_t r[4]);
+  // Marks the cells under `r` as the current generation's; false if one
+  // already was, for a tile of the same kind that may overlap it.
+  bool claimCells(int kind, const uint16_t r[4]);
 
   unsigned fThreads;
   std::vector<Tile> fTiles;
   std::vector<size_t> fGenerations;  // the index of each generation's first tile
   std::vector<uint8_t> fBytes;
+  // A grid over the image, a cell a tile in a regular layout: the stamp of
+  // the generation that last held a tile over each cell, per kind.
+  uint32_t fWidth, fHeight;
+  uint32_t fCellWidth = 1, fCellHeight = 1, fColumns = 1, fRows = 1;
+  std::vector<uint32_t> fStamps[2];
+  uint32_t fStamp = 0;
 };
