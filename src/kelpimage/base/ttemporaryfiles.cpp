@@ -3,6 +3,8 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <time.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -18,8 +20,16 @@ std::atomic<char*> gSlots[kSlots];
 // forget() reads other threads' entries to compare them: one forget at a
 // time, so that none frees an entry another is still comparing.
 std::mutex gForgetting;
+// Set by the handler: the process is ending, and no thread makes another file.
+std::atomic<bool> gEnding{false};
 
 void onSignal(int signal) {
+  gEnding = true;
+  TtemporaryFiles::removeAllNow();
+  // Other threads run on until the process ends: one that entered a file
+  // just before may be making it now. It has made it by the second pass.
+  timespec settle{0, 20'000'000};
+  ::nanosleep(&settle, nullptr);
   TtemporaryFiles::removeAllNow();
   ::signal(signal, SIG_DFL);
   ::raise(signal);
@@ -29,6 +39,9 @@ void onSignal(int signal) {
 
 void TtemporaryFiles::add(const char* path) {
   if (!path || !*path) return;
+  // A file entered now could outlive the handler's passes: this thread waits
+  // for the end instead of making it.
+  while (gEnding) ::pause();
   char* copy = ::strdup(path);
   if (!copy) return;
   for (auto& slot : gSlots) {

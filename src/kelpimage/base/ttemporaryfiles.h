@@ -14,6 +14,7 @@ class KELP_API TtemporaryFiles {
   // reads the entries and unlinks.
   static void removeAllNow();
   // SIGINT and SIGTERM remove every file entered, then end the process as
-  // the signal would have. For a program that installs no handler of its own.
+  // the signal would have; a thread that would enter a file meanwhile waits
+  // for the end instead. For a program that installs no handler of its own.
   static void removeOnSignals();
 };
