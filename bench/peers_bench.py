@@ -1,9 +1,10 @@
 #!/usr/bin/python3
 """kimg beside libvips, OpenImageIO's oiiotool and ImageMagick: the same
 4096 x 4096 inputs, the same output settings (TIFF with Deflate, JPEG at
-quality 90, each tool's PNG defaults), whole processes. Prints the median
-wall seconds of several runs of each, the ratio of kimg to vips, the output
-sizes, and draws the table as a bar chart (PNG) when matplotlib is here.
+quality 90, each tool's PNG defaults), whole processes, run in rounds of one
+run of each tool. Prints the median wall seconds of each, the median of the
+rounds' kimg / vips ratios, the output sizes, and draws the table as a bar
+chart (PNG) when matplotlib is here.
 
 Usage: bench/peers_bench.py [BUILD_DIR] [--runs N] [--chart FILE]
 (BUILD_DIR: a plain Release build, build/release by default). Needs vips
@@ -25,13 +26,25 @@ def run(args, cwd):
         sys.exit("%s failed: %s" % (" ".join(args), done.stderr.strip()))
 
 
-def median_seconds(args, cwd, runs):
-    times = []
+def seconds(args, cwd):
+    start = time.monotonic()
+    run(args, cwd)
+    return time.monotonic() - start
+
+
+def paired_runs(commands, cwd, runs):
+    """Each round runs every tool once, one after the other, so that a slow
+    spell of a shared machine falls on all of them alike. The median wall
+    seconds of each tool (None where it has no command), and the median of
+    the rounds' kimg / vips ratios."""
+    times = [[] for _ in commands]
     for _ in range(runs):
-        start = time.monotonic()
-        run(args, cwd)
-        times.append(time.monotonic() - start)
-    return statistics.median(times)
+        for i, c in enumerate(commands):
+            if c:
+                times[i].append(seconds(c, cwd))
+    medians = [statistics.median(t) if t else None for t in times]
+    ratio = statistics.median(k / v for k, v in zip(times[0], times[1])) if times[1] else None
+    return medians, ratio
 
 
 def peak_mib(args, cwd):
@@ -79,8 +92,7 @@ def main():
         rows = []
         print("%-20s %8s %8s %8s %8s %10s" % ("job", "kimg", "vips", "oiiotool", "convert", "kimg/vips"))
         for name, *commands in jobs:
-            times = [median_seconds(c, work, o.runs) if c else None for c in commands]
-            ratio = times[0] / times[1] if times[1] else None
+            times, ratio = paired_runs(commands, work, o.runs)
             cells = ["%8.2f" % t if t is not None else "%8s" % "-" for t in times]
             print("%-20s %s %10s" % (name, " ".join(cells), "%.2f" % ratio if ratio else "-"))
             rows.append((name, times))
