@@ -1,8 +1,10 @@
 // Tiles whose payloads are copied aside as they are met in the file, to be
 // decoded together on several threads. Tiles of one kind that overlap are
-// never decoded at once: a tile that overlaps one held before it starts a
-// new generation, decoded after the one before, so that it lands last, as
-// it does when a file is read in order.
+// never decoded at once: a tile that may overlap one held before it, by
+// sharing a cell of a grid the size of the first tile, starts a new
+// generation, decoded after the one before, so that it lands last, as it
+// does when a file is read in order. Tiles of a regular layout each fill a
+// cell of their own, and share a generation.
 #pragma once
 
 #include <cstddef>
