@@ -1,9 +1,8 @@
 #include "kelpimage/base/ttemporaryfiles.h"
 
 #include <signal.h>
-#include <unistd.h>
-
 #include <time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>

@@ -37,7 +37,7 @@ struct Tile {
 
 // The run length decoder; with `streaming` the pixels are stored past the
 // caches, for a raster larger than they are that is not read back at once.
-int unpackRle(void* dest, const void* src, ILpackinfo* info, bool streaming);
+int unpackRle(void* dest, void* src, ILpackinfo* info, bool streaming);
 
 // Scratch space of the calling thread, grown as needed.
 uint8_t* scratch(size_t bytes);

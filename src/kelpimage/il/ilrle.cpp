@@ -279,9 +279,9 @@ int ILpackrle(void* dest, void* src, ILpackinfo* info) {
 
 int ILunpackrle(void* dest, void* src, ILpackinfo* info) { return ilcodec::unpackRle(dest, src, info, false); }
 
-int ilcodec::unpackRle(void* dest, const void* src, ILpackinfo* info, bool streaming) {
+int ilcodec::unpackRle(void* dest, void* src, ILpackinfo* info, bool streaming) {
   Tile t(info, true);
-  if (info->size == t.storedSize()) return ILunpack(dest, const_cast<void*>(src), info);
+  if (info->size == t.storedSize()) return ILunpack(dest, src, info);
   if (t.bytes != 1 && t.bytes != 2 && t.bytes != 4) return fail();
   bool reduce = info->reduce != 0;
   // With `reduce` only the most significant plane of each channel is needed.
